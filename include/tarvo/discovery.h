@@ -1,0 +1,157 @@
+/*
+ * MPLS VPN provider-edge discovery: the module's exported calls. Open this header first.
+ *
+ * The agent calls tarvo_nd_init once. From then on it feeds the module through the callback tables
+ * that start-up hands to it (see tarvo/agent_services.h): VPN routing tables, the next hops of
+ * their routes, RIB restarts, the refresh interval. Monitoring operations register as clients and
+ * are told of remote PEs by VPN; any thread may query. Discovery is active while at least one
+ * client is registered.
+ *
+ * Threads: every call here is safe from any thread, except as said. Calls that queue work return
+ * at once and take effect later, in the order queued, on the module's one worker thread. Queries
+ * take the nd mutex and must not be called from a notify callback, which runs with it held.
+ */
+#ifndef TARVO_DISCOVERY_H
+#define TARVO_DISCOVERY_H
+
+#include "tarvo/records.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/**
+ * Starts the module: work queue, timers, worker thread; then registers the callback tables.
+ *
+ * @param event_mgr  the agent's event manager; the module's timer event is dispatched on its thread
+ * @return TARVO_ND_OK, or the code of the first step that failed: TARVO_ND_ERR_NOMEM,
+ *         TARVO_ND_ERR_SYS | errno, TARVO_ND_ERR_TIMER, TARVO_ND_ERR_THREAD | error number.
+ *         After a failure no table is registered; what was built stays, and nothing may be called.
+ *
+ * Call once, before any other call here. Blocks SIGRTMIN+6 and SIGRTMIN+10 in the calling thread
+ * for good. There is no shutdown: the worker runs for the life of the process. A failing
+ * signal-set call ends the process with an assertion on standard error.
+ */
+TARVO_API uint32_t tarvo_nd_init(void *event_mgr);
+
+/* ------------------------------ Work entry: the agent's layers ------------------------------ */
+
+/**
+ * Reports that a route of a VPN routing table has, or no longer has, this next hop.
+ *
+ * @param table_id   VPN routing table that holds the route
+ * @param nhop_addr  BGP next hop of the route, network byte order
+ * @param add        0: the route is gone; anything else: it is there
+ * @return 1 queued; 0 not queued, since memory is gone (logged)
+ *
+ * One report per route: each add raises the table's count of that next hop, each delete lowers it.
+ * Dropped by the worker while discovery is inactive.
+ */
+TARVO_API int tarvo_nd_enqueue_nhop_update(uint32_t table_id, uint32_t nhop_addr, int add);
+
+/**
+ * Reports that the RIB restarted: every next hop is to be confirmed again within the clear
+ * interval, and redistribution of every table is requested anew.
+ *
+ * @return 1 queued; 0 not queued, since memory is gone (logged)
+ */
+TARVO_API int tarvo_nd_enqueue_rib_restart(void);
+
+/**
+ * Announces or withdraws a VPN routing table.
+ *
+ * @param vrf_name  name of the VRF that carries it, cut to 244 characters; null is the empty name
+ * @param table_id  the routing table; the default IPv4 unicast table is ignored
+ * @param add       0: withdrawn; anything else: announced
+ * @return 1 queued, or ignored; 0 not queued, since memory is gone (logged)
+ *
+ * Announcing a known table changes nothing, its name included. Names need not be unique.
+ */
+TARVO_API int tarvo_nd_enqueue_table_update(const char *vrf_name, uint32_t table_id, int add);
+
+/**
+ * Sets the length of the refresh cycle and restarts it at the beginning of a refresh phase.
+ *
+ * @param interval  seconds; default 300; 0 is raised to 1
+ *
+ * The clear phase takes half of an interval of up to 28 s (rounded down) and 29 s of a longer one;
+ * the refresh phase takes the rest. While discovery is inactive the value is only kept. Takes the
+ * nd mutex: not from a notify callback.
+ */
+TARVO_API void tarvo_nd_set_rib_refresh_interval(uint32_t interval);
+
+/* --------------------------------- Clients --------------------------------- */
+
+/**
+ * Registers a client. It is told ADD for every reachable next hop it watches, then END, then
+ * every change.
+ *
+ * @param client_id  the caller's identifier, passed back in every notification. An identifier may
+ *                   be registered more than once; each registration is told separately
+ * @param vrf_name   VRF to watch, cut to 244 characters; null or empty: all VPNs
+ * @param notify     the client's callback
+ * @return TARVO_ND_OK queued; TARVO_ND_ERR_INVALID_ARG without a callback; TARVO_ND_ERR_NOMEM
+ *
+ * The first registration activates discovery. If activation fails (logged), the client stays
+ * registered, is told END, and the next registration tries again. If memory for the registration
+ * itself is gone (logged), no END comes.
+ */
+TARVO_API uint32_t tarvo_pe_discovery_register(uint32_t client_id, const char *vrf_name,
+                                               tarvo_nd_notify_fn notify);
+
+/**
+ * Removes one registration of a client: its all-VPN registration if it has one, else the one whose
+ * VRF name sorts first. The last one to leave deactivates discovery, and nobody is told.
+ *
+ * @return TARVO_ND_OK queued, also for an unknown client; TARVO_ND_ERR_NOMEM
+ *
+ * The callback may still run until the worker has handled the request.
+ */
+TARVO_API uint32_t tarvo_pe_discovery_unregister(uint32_t client_id);
+
+/**
+ * Replays to a client what it watches: ADD for every reachable next hop, then RESEND_END.
+ *
+ * @param vrf_name  as at its registration; a client not registered so is told nothing
+ * @return TARVO_ND_OK queued; TARVO_ND_ERR_NOMEM
+ *
+ * Requests are handled in order, so RESEND_END also tells that every earlier request is done.
+ */
+TARVO_API uint32_t tarvo_pe_discovery_resend(uint32_t client_id, const char *vrf_name);
+
+/* --------------------------------- Queries --------------------------------- */
+/*
+ * Each takes the nd mutex for one search and copies out `info` and `flags`; it waits for one
+ * request of the worker at most, and the copy may be stale on return. Table 0 stands for all
+ * tables. Next hops without a route are found too, with TARVO_ND_NHOP_REACHABLE clear. Results:
+ * TARVO_ND_OK; TARVO_ND_ERR_INVALID_ARG when `out` is null; TARVO_ND_ERR_NOT_FOUND when nothing
+ * matches or discovery is inactive. `out` is left alone unless the result is TARVO_ND_OK.
+ */
+
+/** Copies out the next hop with the lowest address that `table_id` refers to. */
+TARVO_API uint32_t tarvo_nd_first_nhop_by_tableid(uint32_t table_id, tarvo_nd_nhop_t *out);
+
+/**
+ * Copies out the next hop with the lowest address above `nhop_addr` that `table_id` refers to.
+ * `nhop_addr` itself need not exist (any more), so a walk survives changes between its calls.
+ */
+TARVO_API uint32_t tarvo_nd_next_nhop_by_tableid(uint32_t table_id, uint32_t nhop_addr,
+                                                 tarvo_nd_nhop_t *out);
+
+/** Copies out the next hop with this address, provided that `table_id` refers to it. */
+TARVO_API uint32_t tarvo_nd_lookup_nhop_by_tableid(uint32_t table_id, uint32_t nhop_addr,
+                                                   tarvo_nd_nhop_t *out);
+
+/**
+ * The VRF name of a routing table, or null when the table is unknown.
+ *
+ * Takes no lock. The result points into the database and may be freed by the worker at any time,
+ * so it is safe only where the nd mutex is held: in a notify callback.
+ */
+TARVO_API const char *tarvo_nd_tableid2vrf_name(uint32_t table_id);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
