@@ -5,6 +5,7 @@
  * TARVO_GUARDED_BY        on data: read and written only with that lock held
  * TARVO_REQUIRES          on a function: the caller holds the lock
  * TARVO_EXCLUDES          on a function: the caller does not hold it, since the function takes it
+ * TARVO_ASSERTS           on a function: states that the lock is held where it is called
  * TARVO_ACQUIRED_AFTER    on a lock: the order in which two locks nest
  */
 #ifndef TARVO_PLATFORM_THREAD_ANNOTATIONS_H
@@ -23,6 +24,7 @@
 #define TARVO_RELEASE(...) TARVO_TSA(release_capability(__VA_ARGS__))
 #define TARVO_REQUIRES(...) TARVO_TSA(requires_capability(__VA_ARGS__))
 #define TARVO_EXCLUDES(...) TARVO_TSA(locks_excluded(__VA_ARGS__))
+#define TARVO_ASSERTS(lock) TARVO_TSA(assert_capability(lock))
 #define TARVO_ACQUIRED_AFTER(...) TARVO_TSA(acquired_after(__VA_ARGS__))
 #define TARVO_NO_THREAD_SAFETY_ANALYSIS TARVO_TSA(no_thread_safety_analysis)
 

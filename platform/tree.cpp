@@ -1,0 +1,285 @@
+// Balanced trees of caller-owned records: one AVL core under the plain and the threaded calls.
+//
+// A node keeps its parent's address and its balance in one word. The balance is stored as 1, 2 or 3
+// (left subtree higher, even, right subtree higher), so that the word of a node in a tree is never
+// zero, not even the root's; that tells a record of the tree from a key record. Both sides of every
+// operation are one piece of code: a side is 0 (left) or 1 (right), and it indexes the links.
+//
+// The caller's lock covers a tree; its records bound it. Descents choose the link by index instead
+// of by branch, since on random keys every second branch would be mispredicted.
+#include "tree.h"
+
+#include <errno.h>
+
+namespace {
+
+using node = avl_node_t;
+
+constexpr uintptr_t kBalanceMask = 3;
+constexpr int kEven = 2;
+
+static_assert(offsetof(node, left) == 0 && offsetof(node, right) == sizeof(node *),
+              "a side indexes the links");
+
+node *&child(node *n, int side) { return reinterpret_cast<node **>(n)[side]; }
+
+node *parent_of(const node *n) { return reinterpret_cast<node *>(n->parent & ~kBalanceMask); }
+
+int balance_of(const node *n) { return static_cast<int>(n->parent & kBalanceMask); }
+
+void set_parent(node *n, node *parent) {
+  n->parent = reinterpret_cast<uintptr_t>(parent) | (n->parent & kBalanceMask);
+}
+
+void set_balance(node *n, int balance) {
+  n->parent = (n->parent & ~kBalanceMask) | static_cast<uintptr_t>(balance);
+}
+
+// The balance that a subtree higher on `side` has.
+int higher_on(int side) { return kEven - 1 + 2 * side; }
+
+int side_of(const node *parent, const node *n) { return parent->right == n; }
+
+void replace_child(node **root, node *parent, node *old_child, node *new_child) {
+  if (parent == nullptr)
+    *root = new_child;
+  else
+    child(parent, side_of(parent, old_child)) = new_child;
+}
+
+node *outermost(node *n, int side) {
+  while (child(n, side) != nullptr) n = child(n, side);
+  return n;
+}
+
+node *successor(const node *n) {
+  if (n->right != nullptr) return outermost(n->right, 0);
+  node *parent = parent_of(n);
+  while (parent != nullptr && parent->right == n) {
+    n = parent;
+    parent = parent_of(n);
+  }
+  return parent;
+}
+
+// Lifts `top`'s child on `side` into its place; balances are left to the caller.
+node *rotate(node **root, node *top, int side) {
+  node *up = child(top, side);
+  node *parent = parent_of(top);
+  node *moved = child(up, !side);
+
+  replace_child(root, parent, top, up);
+  set_parent(up, parent);
+  child(up, !side) = top;
+  set_parent(top, up);
+  child(top, side) = moved;
+  if (moved != nullptr) set_parent(moved, top);
+  return up;
+}
+
+// `top` is two levels higher on `side`. Returns the new top of its subtree. The subtree has lost a
+// level, unless its new top is uneven, which only a deletion brings about.
+node *rebalance(node **root, node *top, int side) {
+  node *heavy = child(top, side);
+  const int heavy_balance = balance_of(heavy);
+
+  if (heavy_balance != higher_on(!side)) {
+    const bool was_even = heavy_balance == kEven;
+    rotate(root, top, side);
+    set_balance(top, was_even ? higher_on(side) : kEven);
+    set_balance(heavy, was_even ? higher_on(!side) : kEven);
+    return heavy;
+  }
+
+  node *inner = child(heavy, !side);
+  const int inner_balance = balance_of(inner);
+  rotate(root, heavy, !side);
+  rotate(root, top, side);
+  set_balance(top, inner_balance == higher_on(side) ? higher_on(!side) : kEven);
+  set_balance(heavy, inner_balance == higher_on(!side) ? higher_on(side) : kEven);
+  set_balance(inner, kEven);
+  return inner;
+}
+
+// `n` was added below `parent`: its subtree has gained a level.
+void retrace_growth(node **root, node *parent, node *n) {
+  for (; parent != nullptr; n = parent, parent = parent_of(n)) {
+    const int side = side_of(parent, n);
+    const int balance = balance_of(parent);
+    if (balance == kEven) {
+      set_balance(parent, higher_on(side));
+      continue;
+    }
+    if (balance == higher_on(side))
+      rebalance(root, parent, side);
+    else
+      set_balance(parent, kEven);
+    return;
+  }
+}
+
+// The subtree on `side` of `parent` has lost a level.
+void retrace_loss(node **root, node *parent, int side) {
+  while (parent != nullptr) {
+    node *above = parent_of(parent);
+    const int side_above = above != nullptr ? side_of(above, parent) : 0;
+    const int balance = balance_of(parent);
+    if (balance == kEven) {
+      set_balance(parent, higher_on(!side));
+      return;
+    }
+    if (balance == higher_on(side))
+      set_balance(parent, kEven);
+    else if (balance_of(rebalance(root, parent, !side)) != kEven)
+      return;
+    parent = above;
+    side = side_above;
+  }
+}
+
+node *insert(node **root, node *n, tree_cmp cmp) {
+  node *parent = nullptr;
+  int side = 0;
+  for (node *at = *root; at != nullptr; at = child(at, side)) {
+    const int order = cmp(n, at);
+    if (order == TREE_EQUAL) return nullptr;
+    parent = at;
+    side = order >> 1;
+  }
+
+  n->left = n->right = nullptr;
+  n->parent = reinterpret_cast<uintptr_t>(parent) | kEven;
+  if (parent == nullptr)
+    *root = n;
+  else
+    child(parent, side) = n;
+  retrace_growth(root, parent, n);
+  return n;
+}
+
+node *search(node *at, const void *key, tree_cmp cmp) {
+  while (at != nullptr) {
+    const int order = cmp(key, at);
+    if (order == TREE_EQUAL) break;
+    at = child(at, order >> 1);
+  }
+  return at;
+}
+
+node *first_after(node *at, const void *key, tree_cmp cmp) {
+  node *found = nullptr;
+  while (at != nullptr) {
+    const int beyond = cmp(key, at) != TREE_BEFORE;
+    found = beyond ? found : at;
+    at = child(at, beyond);
+  }
+  return found;
+}
+
+// Puts the first record of `n`'s right subtree into the place of `n`, which has both children.
+void erase_inner(node **root, node *n) {
+  node *heir = outermost(n->right, 0);
+  node *shrunk = parent_of(heir);
+  const int side = shrunk == n;
+  if (shrunk == n) {
+    shrunk = heir;
+  } else {
+    shrunk->left = heir->right;
+    if (heir->right != nullptr) set_parent(heir->right, shrunk);
+    heir->right = n->right;
+    set_parent(n->right, heir);
+  }
+  heir->left = n->left;
+  set_parent(n->left, heir);
+  heir->parent = n->parent;
+  replace_child(root, parent_of(n), n, heir);
+  retrace_loss(root, shrunk, side);
+}
+
+void erase_outer(node **root, node *n) {
+  node *parent = parent_of(n);
+  node *only = n->left != nullptr ? n->left : n->right;
+  const int side = parent != nullptr ? side_of(parent, n) : 0;
+  if (parent == nullptr)
+    *root = only;
+  else
+    child(parent, side) = only;
+  if (only != nullptr) set_parent(only, parent);
+  retrace_loss(root, parent, side);
+}
+
+void erase(node **root, node *n) {
+  if (n->left != nullptr && n->right != nullptr)
+    erase_inner(root, n);
+  else
+    erase_outer(root, n);
+  *n = {};
+}
+
+}  // namespace
+
+void *avl_insert(void *root_address, void *node_address, tree_cmp cmp) {
+  return insert(static_cast<node **>(root_address), static_cast<node *>(node_address), cmp);
+}
+
+void *avl_search(void *root, const void *key, tree_cmp cmp) {
+  return search(static_cast<node *>(root), key, cmp);
+}
+
+void *avl_delete(void *root_address, const void *key, tree_cmp cmp) {
+  auto **root = static_cast<node **>(root_address);
+  node *n = search(*root, key, cmp);
+  if (n != nullptr) erase(root, n);
+  return n;
+}
+
+int avl_walk(void *root, int (*visit)(void *node, void *arg), void *arg) {
+  auto *at = static_cast<node *>(avl_get_first(root));
+  while (at != nullptr) {
+    node *next = successor(at);
+    if (visit(at, arg) == 0) return 0;
+    at = next;
+  }
+  return 1;
+}
+
+void *avl_get_first(void *root) {
+  return root == nullptr ? nullptr : outermost(static_cast<node *>(root), 0);
+}
+
+void *avl_get_next(void *node_address) {
+  return node_address == nullptr ? nullptr : successor(static_cast<node *>(node_address));
+}
+
+int wavl_init(wavl_tree_t *tree, unsigned long threads, unsigned long, tree_cmp cmp) {
+  if (tree == nullptr || threads != 1 || cmp == nullptr) return EINVAL;
+  *tree = {};
+  tree->cmp = cmp;
+  return 0;
+}
+
+void wavl_finish(wavl_tree_t *tree) { *tree = {}; }
+
+void *wavl_insert_thread(wavl_tree_t *tree, unsigned long, void *node_address) {
+  if (tree->cmp == nullptr) return nullptr;
+  node *n = insert(&tree->root, static_cast<node *>(node_address), tree->cmp);
+  tree->count += n != nullptr;
+  return n;
+}
+
+void wavl_delete_thread(wavl_tree_t *tree, unsigned long, void *node_address) {
+  erase(&tree->root, static_cast<node *>(node_address));
+  --tree->count;
+}
+
+void *wavl_search(wavl_tree_t *tree, const void *key, unsigned long) {
+  return search(tree->root, key, tree->cmp);
+}
+
+void *wavl_get_first(wavl_tree_t *tree, unsigned long) { return avl_get_first(tree->root); }
+
+void *wavl_get_next(wavl_tree_t *tree, const void *node_or_key, unsigned long) {
+  if (tree->root == nullptr) return nullptr;
+  const auto *n = static_cast<const node *>(node_or_key);
+  return n->parent != 0 ? successor(n) : first_after(tree->root, n, tree->cmp);
+}
