@@ -1,10 +1,16 @@
 // Fence: tells when the module has handled everything queued so far, and paces the RIB thread.
 //
 // It is a client of the module under a VRF name that no table can have: its resend brings
-// RESEND_END and nothing else, in queue order. It is registered while anyone watches.
+// RESEND_END and nothing else, in queue order. It is registered while anyone watches. The lock
+// covers the counters; it is held while a resend is queued, so that tickets are numbered in queue
+// order (nd mutex, then this lock, then the workQ mutex), and never while waiting. There is one
+// fence a process, since the module's callback carries no context.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
+
+#include "agent/mutex.h"
 
 namespace agent {
 
@@ -12,15 +18,47 @@ class fence {
  public:
   /// The fence's own client ID; no watch may use it.
   static constexpr uint32_t kClientId = 0xffffffff;
+  /// One fence for so many reports, and so many fences outstanding: no more than their product,
+  /// and a burst, is ever queued.
+  static constexpr uint32_t kReportsPerFence = 4000;
+  static constexpr uint32_t kMaxOutstanding = 2;
 
-  /// Registers the fence with the module; before the first watcher registers.
-  void open();
-  /// Waits for what is outstanding and unregisters it; after the last watcher unregistered.
+  fence();
+  ~fence();
+  fence(const fence &) = delete;
+  fence &operator=(const fence &) = delete;
+
+  /// Registers the fence with the module, and returns when the module has it; before the first
+  /// watcher registers. False: the module had no memory for it, and the fence stays closed. Not
+  /// from the RIB thread.
+  bool open();
+  /// Waits for what is outstanding and unregisters it; after the last watcher unregistered. Not
+  /// from the RIB thread.
   void close();
   bool is_open() const;
 
   /// Returns once every request queued before the call has been handled. At once while closed.
   void wait();
+
+  /// Before a burst of reports: waits while too much is queued. False: closed, so that the reports
+  /// would reach nobody.
+  bool admit();
+  /// After the burst: counts it, and issues the fence that is due.
+  void passed(size_t reports);
+
+ private:
+  static void on_event(uint32_t client_id, uint32_t event, const void *data);
+  void handle(uint32_t event);
+  void await_room() TARVO_REQUIRES(lock_);
+  void issue() TARVO_REQUIRES(lock_);
+
+  mutable mutex lock_;
+  std::condition_variable_any changed_;
+  bool open_ TARVO_GUARDED_BY(lock_) = false;
+  bool registered_ TARVO_GUARDED_BY(lock_) = false;
+  uint64_t issued_ TARVO_GUARDED_BY(lock_) = 0;   ///< resends queued
+  uint64_t handled_ TARVO_GUARDED_BY(lock_) = 0;  ///< RESEND_ENDs seen
+  size_t reports_ TARVO_GUARDED_BY(lock_) = 0;    ///< since the last fence
 };
 
 }  // namespace agent

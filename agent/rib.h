@@ -1,18 +1,25 @@
 // Routing information base: every path that the BMP sessions brought, and the VRFs by import.
 //
 // Paths are kept in one hash table ordered by the hash of (RD, prefix, length), so all paths of an
-// NLRI stand in one bucket, and a table's dump is a pass over the buckets. A route of a VRF is
-// (RD, prefix, next hop): however many paths carry it, and through however many imported targets,
-// it is there once. Everything here is the RIB thread's own; only the redistribution and the
-// global table, which it feeds, are shared.
+// NLRI stand in one bucket, and a table's dump is a pass over the buckets. A bucket is the hash's
+// top bits: when their number doubles, bucket b becomes 2b and 2b + 1, and a pass in the middle
+// keeps its place. A route of a VRF is (RD, prefix, next hop): however many paths carry it, and
+// through however many imported targets, it is there once. A path that a change concerns is
+// compared with its bucket before and after, and the difference is reported, adds first.
+//
+// Everything here is the RIB thread's own; only the redistribution and the global table, which it
+// feeds, are shared. A path takes 32 bytes and its share of the buckets 4 to 8; no allocation is
+// made per route. kMaxPaths bounds the whole, kMaxPathsPerNlri the work that one change costs.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "agent/attr_store.h"
 #include "agent/route.h"
 
 namespace agent {
@@ -35,6 +42,9 @@ struct route_count {
 
 class rib {
  public:
+  static constexpr size_t kMaxPaths = size_t{1} << 24;  ///< half a GiB
+  static constexpr size_t kMaxPathsPerNlri = 1024;
+
   rib(global_table &global, redistribution &reports);
   ~rib();
   rib(const rib &) = delete;
@@ -42,7 +52,7 @@ class rib {
 
   source_id open_source();
   /// Withdraws everything that the source brought. Several in a row cost one pass: the work is
-  /// done by the next call of settle(), announce() or withdraw().
+  /// done by the next call of settle(), work(), announce() or withdraw().
   void close_source(source_id source);
   void settle();
 
@@ -51,19 +61,113 @@ class rib {
   attr_id acquire(uint32_t nexthop, std::span<const route_target> targets);
   void release(attr_id attributes);
 
-  void announce(source_id source, const nlri &key, attr_id attributes);
+  /// A path's key is its source and the whole NLRI; announced again, it takes other attributes.
+  /// False: refused, since there are too many paths, in all or of this NLRI.
+  bool announce(source_id source, const nlri &key, attr_id attributes);
   void withdraw(source_id source, const nlri &key);
 
   /// The caller has checked that name and table ID are free.
   void add_vrf(const vrf_config &vrf);
   void remove_vrf(uint32_t table_id);
-  const std::vector<vrf_config> &vrfs() const;
+  const std::vector<vrf_config> &vrfs() const { return vrfs_; }
+
+  /// One turn of background work: sources closed, requests of the module, a slice of the dumps,
+  /// and the hand-over of reports. Returns whether another is due.
+  bool work();
 
   /// Routes by VRF and next hop, in order of table ID and next hop (as a number): one pass.
   std::vector<route_count> count_routes() const;
 
-  size_t paths() const;
+  size_t paths() const { return paths_; }
   size_t memory() const;  ///< bytes held
+
+ private:
+  /// An index of a path, or kNone.
+  using path_index = uint32_t;
+  static constexpr path_index kNone = ~path_index{0};
+  static constexpr unsigned kSegmentBits = 16;
+  static constexpr size_t kSegmentPaths = size_t{1} << kSegmentBits;
+  static constexpr unsigned kMinBucketBits = 10;
+  static constexpr size_t kSliceBuckets = 2048;
+  static constexpr size_t kPrefetchAhead = 8;
+
+  struct path {
+    uint64_t rd;
+    uint32_t prefix;
+    path_index next;
+    source_id source;
+    attr_id attributes;
+    uint32_t path_id;
+    uint8_t length;
+    bool vpn;
+
+    nlri key() const { return {rd, prefix, path_id, length, vpn}; }
+    bool same_route(const nlri &other) const {
+      return prefix == other.prefix && rd == other.rd && length == other.length && vpn == other.vpn;
+    }
+  };
+  static_assert(sizeof(path) == 32, "what a route costs");
+
+  struct origin {
+    size_t paths = 0;
+    bool closing = false;
+  };
+
+  /// Where a path stands, or would stand.
+  struct place {
+    size_t bucket = 0;
+    path_index at = kNone;
+    path_index before = kNone;  ///< its predecessor in the bucket
+    size_t siblings = 0;        ///< other paths of the NLRI
+  };
+
+  path &at(path_index index) {
+    return segments_[index >> kSegmentBits][index & (kSegmentPaths - 1)];
+  }
+  const path &at(path_index index) const {
+    return segments_[index >> kSegmentBits][index & (kSegmentPaths - 1)];
+  }
+  uint32_t hash(const nlri &key) const;
+  size_t bucket_of(const nlri &key) const { return hash(key) >> (32 - bucket_bits_); }
+  place locate(source_id source, const nlri &key) const;
+  void insert(const place &where, source_id source, const nlri &key, attr_id attributes);
+  void replace(const place &where, attr_id attributes);
+  void remove(const place &where);
+  path_index take_path();
+  void free_path(path_index index);
+  void double_buckets();
+  void split_bucket(path_index first, size_t bucket);
+
+  void report_change(const place &where, const nlri &key, attr_id before, attr_id after);
+  void report_gained(const place &where, const nlri &key, attr_id gained, attr_id other, bool add);
+  bool another_gives(const place &where, const nlri &key, uint32_t slot, uint32_t nexthop) const;
+  bool first_to_give(size_t bucket, path_index index, uint32_t slot) const;
+
+  void sweep_bucket(size_t bucket);
+  void dump_slice();
+  void dump_bucket(size_t bucket);
+  void prefetch(size_t bucket) const;
+  template <typename Visit>
+  void visit_routes(size_t bucket, Visit visit) const;
+
+  global_table &global_;
+  redistribution &reports_;
+  attr_store attrs_;
+
+  std::vector<std::unique_ptr<path[]>> segments_;
+  path_index unused_ = 0;  ///< paths from here on were never used
+  path_index free_ = kNone;
+  size_t paths_ = 0;
+  std::vector<path_index> heads_;
+  unsigned bucket_bits_ = kMinBucketBits;
+  uint64_t seed_;  ///< of the hash, so that no router can aim at one bucket
+
+  std::vector<origin> sources_;
+  std::vector<source_id> free_sources_;
+  std::vector<source_id> closing_;
+
+  std::vector<vrf_config> vrfs_;
+  std::vector<uint32_t> slots_;  ///< of vrfs_, in the same order
 };
 
 }  // namespace agent

@@ -1,0 +1,76 @@
+// Interned attributes: a next hop with a set of route targets, and which VRFs import them.
+//
+// Both are interned, attributes and target sets, and counted: the last release frees. Target sets
+// know the slots of the VRFs that import any of their targets, so that a route's membership is one
+// look. The RIB thread's own. It holds no more than what paths refer to.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/route.h"
+
+namespace agent {
+
+class attr_store {
+ public:
+  /// Attributes of no route: no next hop, no VRF. Never released.
+  static constexpr attr_id kNone = 0;
+
+  attr_store();
+
+  /// One reference more; next hop in network byte order, targets in any order.
+  attr_id acquire(uint32_t nexthop, std::span<const route_target> targets);
+  void retain(attr_id id) { ++attrs_[id].references; }
+  void release(attr_id id);
+
+  uint32_t nexthop(attr_id id) const { return attrs_[id].nexthop; }
+  /// Slots of the VRFs that a route with these attributes belongs to, ascending. None without a
+  /// next hop: that is the router itself, no remote PE.
+  std::span<const uint32_t> importers(attr_id id) const {
+    const attr &a = attrs_[id];
+    if (a.nexthop == 0) return {};
+    return sets_[a.set].importers;
+  }
+  /// Whether a route with these attributes belongs to the slot's VRF with this next hop.
+  bool gives(attr_id id, uint32_t slot, uint32_t nexthop) const;
+
+  void add_importer(uint32_t slot, std::span<const route_target> imports);
+  void remove_importer(uint32_t slot);
+
+  size_t memory() const;
+
+ private:
+  struct attr {
+    uint32_t nexthop = 0;
+    uint32_t set = 0;
+    uint32_t references = 0;
+  };
+  struct target_set {
+    std::vector<route_target> targets;  ///< sorted, each once
+    std::vector<uint32_t> importers;
+    uint32_t references = 0;
+  };
+  struct importer {
+    uint32_t slot;
+    std::vector<route_target> imports;
+  };
+
+  uint32_t acquire_set(std::span<const route_target> sorted);
+  void release_set(uint32_t id);
+  uint32_t new_set(std::span<const route_target> sorted);
+
+  std::vector<attr> attrs_;
+  std::vector<uint32_t> free_attrs_;
+  std::unordered_map<uint64_t, attr_id> attr_index_;  ///< by next hop and set
+  std::vector<target_set> sets_;
+  std::vector<uint32_t> free_sets_;
+  std::unordered_multimap<uint64_t, uint32_t> set_index_;  ///< by hash of the targets
+  std::vector<importer> importers_;                        ///< by slot, ascending
+  std::vector<route_target> scratch_;
+};
+
+}  // namespace agent

@@ -1,0 +1,108 @@
+#include "agent/fence.h"
+
+#include <chrono>
+
+#include "tarvo/discovery.h"
+
+namespace agent {
+
+// The command grammar splits at spaces, so no VRF can have this name.
+static constexpr char kVrfName[] = " agent fence";
+
+// The worker answers a registration with END unless it has no memory for it; how long to believe
+// that the answer is still on its way.
+static constexpr std::chrono::seconds kRegistrationLimit{10};
+
+static fence *the_fence;
+
+fence::fence() { the_fence = this; }
+
+fence::~fence() {
+  close();
+  the_fence = nullptr;
+}
+
+void fence::on_event(uint32_t, uint32_t event, const void *) { the_fence->handle(event); }
+
+// On the worker, with the nd mutex held.
+void fence::handle(uint32_t event) {
+  scoped_lock held(lock_);
+  if (event == TARVO_ND_EVENT_END) registered_ = true;
+  if (event == TARVO_ND_EVENT_RESEND_END) ++handled_;
+  changed_.notify_all();
+}
+
+bool fence::open() {
+  scoped_lock held(lock_);
+  if (open_) return true;
+
+  // Open first: registering activates discovery, and the dumps that this brings must not be lost.
+  open_ = true;
+  registered_ = false;
+  reports_ = 0;
+  if (tarvo_pe_discovery_register(kClientId, kVrfName, on_event) != TARVO_ND_OK) {
+    open_ = false;
+    return false;
+  }
+  auto limit = std::chrono::steady_clock::now() + kRegistrationLimit;
+  while (!registered_) {
+    if (changed_.wait_until(lock_, limit) == std::cv_status::timeout && !registered_) {
+      // Nothing will ever answer a resend: what was issued meanwhile is written off.
+      open_ = false;
+      handled_ = issued_;
+      changed_.notify_all();
+      tarvo_pe_discovery_unregister(kClientId);
+      return false;
+    }
+  }
+  return true;
+}
+
+void fence::close() {
+  scoped_lock held(lock_);
+  if (!open_) return;
+  open_ = false;
+  while (handled_ < issued_) changed_.wait(lock_);
+  // Without memory for the request discovery stays active, and so does the fence.
+  if (tarvo_pe_discovery_unregister(kClientId) != TARVO_ND_OK) open_ = true;
+}
+
+bool fence::is_open() const {
+  scoped_lock held(lock_);
+  return open_;
+}
+
+void fence::await_room() {
+  while (open_ && issued_ >= handled_ + kMaxOutstanding) changed_.wait(lock_);
+}
+
+// A resend that finds no memory issues nothing; whoever waits then waits for the fence before.
+void fence::issue() {
+  if (tarvo_pe_discovery_resend(kClientId, kVrfName) != TARVO_ND_OK) return;
+  ++issued_;
+  reports_ = 0;
+}
+
+void fence::wait() {
+  scoped_lock held(lock_);
+  await_room();
+  if (!open_) return;
+  issue();
+  for (uint64_t ticket = issued_; handled_ < ticket;) changed_.wait(lock_);
+}
+
+bool fence::admit() {
+  scoped_lock held(lock_);
+  await_room();
+  return open_;
+}
+
+void fence::passed(size_t reports) {
+  scoped_lock held(lock_);
+  reports_ += reports;
+  if (reports_ < kReportsPerFence) return;
+  await_room();
+  if (open_) issue();
+}
+
+}  // namespace agent

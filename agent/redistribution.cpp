@@ -1,0 +1,151 @@
+#include "agent/redistribution.h"
+
+#include <algorithm>
+
+#include "agent/fence.h"
+
+namespace agent {
+
+redistribution::redistribution(fence &pace) : pace_(pace) { buffer_.reserve(kBurst); }
+
+void redistribution::set_callbacks(const tarvo_nd_rib_fns_t *callbacks) {
+  scoped_lock held(lock_);
+  callbacks_ = callbacks;
+}
+
+void redistribution::set_wakeup(std::function<void()> wakeup) {
+  scoped_lock held(lock_);
+  wakeup_ = std::move(wakeup);
+}
+
+// ---- Requests ----
+
+void redistribution::set(uint32_t slot, bool on) {
+  wish &w = wishes_[slot];
+  w.on = on;
+  ++w.generation;
+  if (w.adopted) requested_.push_back(slot);
+  w.adopted = false;
+  if (wakeup_) wakeup_();
+}
+
+int redistribution::request(uint32_t table_id, bool on) {
+  scoped_lock held(lock_);
+  auto found = slots_.find(table_id);
+  if (found == slots_.end()) return -1;
+  set(found->second, on);
+  return 0;
+}
+
+int redistribution::request_reset(uint32_t table_id) {
+  scoped_lock held(lock_);
+  auto found = slots_.find(table_id);
+  if (found == slots_.end() || !wishes_[found->second].on) return -1;
+  set(found->second, true);
+  return 0;
+}
+
+// ---- Tables ----
+
+uint32_t redistribution::add_table(uint32_t table_id) {
+  scoped_lock held(lock_);
+  uint32_t slot = uint32_t(tables_.size());
+  if (free_slots_.empty()) {
+    tables_.emplace_back();
+    wishes_.emplace_back();
+  } else {
+    slot = free_slots_.back();
+    free_slots_.pop_back();
+  }
+  wishes_[slot].table_id = table_id;
+  slots_.emplace(table_id, slot);
+  return slot;
+}
+
+void redistribution::remove_table(uint32_t slot) {
+  scoped_lock held(lock_);
+  // The generation outlives the table: reports still buffered must not pass for the next user's.
+  wish &w = wishes_[slot];
+  slots_.erase(w.table_id);
+  w.on = false;
+  ++w.generation;
+  table &t = tables_[slot];
+  stop_dump(t);
+  t.on = false;
+  free_slots_.push_back(slot);
+}
+
+// ---- Dumps ----
+
+void redistribution::stop_dump(table &t) {
+  if (t.dumping) --dumping_;
+  t.dumping = false;
+}
+
+void redistribution::adopt() {
+  scoped_lock held(lock_);
+  for (uint32_t slot : requested_) {
+    wish &w = wishes_[slot];
+    w.adopted = true;
+    table &t = tables_[slot];
+    stop_dump(t);
+    t.on = w.on;
+    t.generation = w.generation;
+    if (!t.on) continue;
+    t.dumping = true;
+    t.start = position_;
+    ++dumping_;
+  }
+  requested_.clear();
+}
+
+bool redistribution::idle() const {
+  scoped_lock held(lock_);
+  return requested_.empty() && dumping_ == 0 && buffer_.empty();
+}
+
+size_t redistribution::stretch(size_t buckets) const {
+  size_t end = buckets;
+  for (const table &t : tables_)
+    if (t.dumping && t.start > position_) end = std::min(end, t.start);
+  return end - position_;
+}
+
+void redistribution::advance(size_t visited, size_t buckets) {
+  if (visited == 0) return;
+  position_ = (position_ + visited) % buckets;
+  for (table &t : tables_)
+    if (t.dumping && t.start == position_) stop_dump(t);
+}
+
+void redistribution::doubled() {
+  position_ *= 2;
+  for (table &t : tables_) t.start *= 2;
+}
+
+// ---- Reports ----
+
+void redistribution::hand_over(const pending_report &report) {
+  const wish &w = wishes_[report.slot];
+  if (!w.on || w.generation != report.generation) return;
+  // A report that finds no memory is lost (the module logs it); the next refresh makes it good.
+  if (callbacks_->nhop_update(w.table_id, report.nexthop, report.add) != 0) ++reported_;
+}
+
+void redistribution::flush() {
+  if (buffer_.empty()) return;
+  if (pace_.admit()) {
+    {
+      scoped_lock held(lock_);
+      for (const pending_report &report : buffer_) hand_over(report);
+    }
+    pace_.passed(buffer_.size());
+  }
+  buffer_.clear();
+}
+
+size_t redistribution::memory() const {
+  return buffer_.capacity() * sizeof(pending_report) + tables_.capacity() * sizeof(table);
+}
+
+}  // namespace agent

@@ -1,0 +1,328 @@
+#include "agent/rib.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <random>
+#include <tuple>
+#include <unordered_map>
+
+#include "agent/global_table.h"
+#include "agent/redistribution.h"
+
+namespace agent {
+
+rib::rib(global_table &global, redistribution &reports)
+    : global_(global), reports_(reports), heads_(size_t{1} << kMinBucketBits, kNone) {
+  std::random_device random;
+  seed_ = uint64_t{random()} << 32 | random();
+}
+
+rib::~rib() = default;
+
+// ---- Attributes and VRFs ----
+
+attr_id rib::acquire(uint32_t nexthop, std::span<const route_target> targets) {
+  return attrs_.acquire(nexthop, targets);
+}
+
+void rib::release(attr_id attributes) { attrs_.release(attributes); }
+
+// A new table has nothing to report yet: the module asks for it once it knows the table.
+void rib::add_vrf(const vrf_config &vrf) {
+  uint32_t slot = reports_.add_table(vrf.table_id);
+  attrs_.add_importer(slot, vrf.imports);
+  vrfs_.push_back(vrf);
+  slots_.push_back(slot);
+}
+
+void rib::remove_vrf(uint32_t table_id) {
+  auto vrf = std::ranges::find(vrfs_, table_id, &vrf_config::table_id);
+  if (vrf == vrfs_.end()) return;
+  auto slot = slots_.begin() + (vrf - vrfs_.begin());
+  reports_.remove_table(*slot);
+  attrs_.remove_importer(*slot);
+  slots_.erase(slot);
+  vrfs_.erase(vrf);
+}
+
+// ---- Sources ----
+
+source_id rib::open_source() {
+  if (free_sources_.empty()) {
+    sources_.emplace_back();
+    return source_id(sources_.size() - 1);
+  }
+  source_id id = free_sources_.back();
+  free_sources_.pop_back();
+  return id;
+}
+
+void rib::close_source(source_id id) {
+  if (sources_[id].paths == 0) {
+    free_sources_.push_back(id);
+    return;
+  }
+  sources_[id].closing = true;
+  closing_.push_back(id);
+}
+
+void rib::settle() {
+  if (closing_.empty()) return;
+  for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
+    prefetch(bucket + kPrefetchAhead);
+    sweep_bucket(bucket);
+  }
+  for (source_id id : closing_) {
+    sources_[id] = {};
+    free_sources_.push_back(id);
+  }
+  closing_.clear();
+}
+
+void rib::sweep_bucket(size_t bucket) {
+  for (path_index index = heads_[bucket]; index != kNone;) {
+    const path &p = at(index);
+    path_index next = p.next;
+    if (sources_[p.source].closing) remove(locate(p.source, p.key()));
+    index = next;
+  }
+}
+
+// ---- Paths ----
+
+uint32_t rib::hash(const nlri &key) const {
+  uint64_t h = (key.rd ^ seed_) * 0x9e3779b97f4a7c15;
+  h ^= h >> 32;
+  h += uint64_t{key.prefix} << 8 | uint64_t{key.length} << 1 | uint64_t{key.vpn};
+  h *= 0xd6e8feb86659fd93;
+  h ^= h >> 32;
+  h *= 0xd6e8feb86659fd93;
+  return uint32_t(h >> 32);
+}
+
+rib::place rib::locate(source_id source, const nlri &key) const {
+  place where;
+  where.bucket = bucket_of(key);
+  path_index before = kNone;
+  for (path_index index = heads_[where.bucket]; index != kNone;) {
+    const path &p = at(index);
+    if (p.same_route(key)) {
+      if (p.source == source && p.path_id == key.path_id) {
+        where.at = index;
+        where.before = before;
+      } else {
+        ++where.siblings;
+      }
+    }
+    before = index;
+    index = p.next;
+  }
+  return where;
+}
+
+bool rib::announce(source_id source, const nlri &key, attr_id attributes) {
+  settle();
+  place where = locate(source, key);
+  if (where.at != kNone) {
+    replace(where, attributes);
+    return true;
+  }
+  if (paths_ >= kMaxPaths || where.siblings >= kMaxPathsPerNlri) return false;
+  insert(where, source, key, attributes);
+  return true;
+}
+
+void rib::withdraw(source_id source, const nlri &key) {
+  settle();
+  place where = locate(source, key);
+  if (where.at != kNone) remove(where);
+}
+
+void rib::insert(const place &where, source_id source, const nlri &key, attr_id attributes) {
+  report_change(where, key, attr_store::kNone, attributes);
+  if (!key.vpn && where.siblings == 0) global_.add(key.prefix, key.length);
+
+  path_index index = take_path();
+  at(index) = {key.rd,     key.prefix,  heads_[where.bucket], source,
+               attributes, key.path_id, key.length,           key.vpn};
+  heads_[where.bucket] = index;
+  attrs_.retain(attributes);
+  ++sources_[source].paths;
+  if (++paths_ > heads_.size()) double_buckets();
+}
+
+void rib::replace(const place &where, attr_id attributes) {
+  path &p = at(where.at);
+  attr_id before = p.attributes;
+  if (before == attributes) return;
+  report_change(where, p.key(), before, attributes);
+  attrs_.retain(attributes);
+  p.attributes = attributes;
+  attrs_.release(before);
+}
+
+void rib::remove(const place &where) {
+  const path &p = at(where.at);
+  report_change(where, p.key(), p.attributes, attr_store::kNone);
+  if (!p.vpn && where.siblings == 0) global_.remove(p.prefix, p.length);
+
+  path_index &link = where.before == kNone ? heads_[where.bucket] : at(where.before).next;
+  link = p.next;
+  attrs_.release(p.attributes);
+  --sources_[p.source].paths;
+  free_path(where.at);
+}
+
+rib::path_index rib::take_path() {
+  if (free_ != kNone) {
+    path_index index = free_;
+    free_ = at(index).next;
+    return index;
+  }
+  if (unused_ == segments_.size() * kSegmentPaths)
+    segments_.push_back(std::make_unique_for_overwrite<path[]>(kSegmentPaths));
+  return unused_++;
+}
+
+void rib::free_path(path_index index) {
+  at(index).next = free_;
+  free_ = index;
+  if (--paths_ > 0) return;
+  segments_.clear();
+  unused_ = 0;
+  free_ = kNone;
+}
+
+void rib::double_buckets() {
+  size_t buckets = heads_.size();
+  heads_.resize(2 * buckets);
+  ++bucket_bits_;
+  // From the end, so that no bucket is overwritten before its turn.
+  for (size_t bucket = buckets; bucket-- > 0;) {
+    if (bucket >= kPrefetchAhead) prefetch(bucket - kPrefetchAhead);
+    split_bucket(heads_[bucket], bucket);
+  }
+  reports_.doubled();
+}
+
+void rib::split_bucket(path_index first, size_t bucket) {
+  heads_[2 * bucket] = heads_[2 * bucket + 1] = kNone;
+  for (path_index index = first; index != kNone;) {
+    path &p = at(index);
+    path_index next = p.next;
+    path_index &head = heads_[bucket_of(p.key())];
+    p.next = head;
+    head = index;
+    index = next;
+  }
+}
+
+void rib::prefetch(size_t bucket) const {
+  if (bucket >= heads_.size() || heads_[bucket] == kNone) return;
+  __builtin_prefetch(&at(heads_[bucket]));
+}
+
+// ---- Changes ----
+
+void rib::report_change(const place &where, const nlri &key, attr_id before, attr_id after) {
+  if (!key.vpn) return;
+  report_gained(where, key, after, before, true);
+  report_gained(where, key, before, after, false);
+}
+
+// Reports the routes that `gained` makes and neither `other` nor another path of the NLRI does.
+void rib::report_gained(const place &where, const nlri &key, attr_id gained, attr_id other,
+                        bool add) {
+  uint32_t nexthop = attrs_.nexthop(gained);
+  for (uint32_t slot : attrs_.importers(gained)) {
+    if (!reports_.wants(slot, where.bucket) || attrs_.gives(other, slot, nexthop)) continue;
+    if (where.siblings != 0 && another_gives(where, key, slot, nexthop)) continue;
+    reports_.report(slot, nexthop, add);
+  }
+}
+
+bool rib::another_gives(const place &where, const nlri &key, uint32_t slot,
+                        uint32_t nexthop) const {
+  for (path_index index = heads_[where.bucket]; index != kNone; index = at(index).next) {
+    const path &p = at(index);
+    if (index != where.at && p.same_route(key) && attrs_.gives(p.attributes, slot, nexthop))
+      return true;
+  }
+  return false;
+}
+
+// ---- Passes ----
+
+// Several paths may carry a route; the first in the bucket stands for it.
+bool rib::first_to_give(size_t bucket, path_index of, uint32_t slot) const {
+  const path &route = at(of);
+  uint32_t nexthop = attrs_.nexthop(route.attributes);
+  for (path_index index = heads_[bucket]; index != of; index = at(index).next) {
+    const path &p = at(index);
+    if (p.same_route(route.key()) && attrs_.gives(p.attributes, slot, nexthop)) return false;
+  }
+  return true;
+}
+
+template <typename Visit>
+void rib::visit_routes(size_t bucket, Visit visit) const {
+  for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
+    const path &p = at(index);
+    if (!p.vpn) continue;
+    for (uint32_t slot : attrs_.importers(p.attributes))
+      visit(index, slot, attrs_.nexthop(p.attributes));
+  }
+}
+
+bool rib::work() {
+  settle();
+  reports_.adopt();
+  if (reports_.dumping()) dump_slice();
+  reports_.flush();
+  return !reports_.idle();
+}
+
+void rib::dump_slice() {
+  size_t first = reports_.position();
+  size_t visited = std::min(reports_.stretch(heads_.size()), kSliceBuckets);
+  for (size_t bucket = first; bucket < first + visited; ++bucket) {
+    prefetch(bucket + kPrefetchAhead);
+    dump_bucket(bucket);
+  }
+  reports_.advance(visited, heads_.size());
+}
+
+void rib::dump_bucket(size_t bucket) {
+  visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {
+    if (reports_.dumping(slot) && first_to_give(bucket, index, slot))
+      reports_.report(slot, nexthop, true);
+  });
+}
+
+std::vector<route_count> rib::count_routes() const {
+  std::unordered_map<uint64_t, uint64_t> counts;  // by slot and next hop
+  for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
+    prefetch(bucket + kPrefetchAhead);
+    visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {
+      if (first_to_give(bucket, index, slot)) ++counts[uint64_t{slot} << 32 | nexthop];
+    });
+  }
+  std::unordered_map<uint32_t, uint32_t> table_ids;
+  for (size_t i = 0; i < vrfs_.size(); ++i) table_ids[slots_[i]] = vrfs_[i].table_id;
+
+  std::vector<route_count> result;
+  for (auto [key, routes] : counts)
+    result.push_back({table_ids[uint32_t(key >> 32)], uint32_t(key), routes});
+  std::ranges::sort(result, {}, [](const route_count &count) {
+    return std::tuple(count.table_id, ntohl(count.nexthop));
+  });
+  return result;
+}
+
+size_t rib::memory() const {
+  return segments_.size() * kSegmentPaths * sizeof(path) + heads_.capacity() * sizeof(path_index) +
+         sources_.capacity() * sizeof(origin) + attrs_.memory() + reports_.memory();
+}
+
+}  // namespace agent

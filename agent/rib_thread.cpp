@@ -1,0 +1,143 @@
+#include "agent/rib_thread.h"
+
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "agent/fence.h"
+#include "agent/redistribution.h"
+#include "agent/rib.h"
+
+namespace agent {
+
+rib_thread::rib_thread(rib &routes, redistribution &reports, fence &pace)
+    : routes_(routes),
+      reports_(reports),
+      pace_(pace),
+      wakeup_fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+  if (wakeup_fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  polled_.push_back({wakeup_fd_, POLLIN, 0});
+  watched_.emplace_back();
+  reports_.set_wakeup([this] { wake(); });
+  thread_ = std::thread([this] { loop(); });
+}
+
+rib_thread::~rib_thread() {
+  {
+    scoped_lock held(lock_);
+    stop_ = true;
+  }
+  wake();
+  thread_.join();
+  reports_.set_wakeup(nullptr);
+  close(wakeup_fd_);
+}
+
+// It fails only with the counter at its limit, and then a wake-up is still to be seen.
+void rib_thread::wake() { eventfd_write(wakeup_fd_, 1); }
+
+// ---- Other threads ----
+
+void rib_thread::call(const std::function<void()> &run) {
+  if (std::this_thread::get_id() == thread_.get_id()) {
+    run();
+    return;
+  }
+  job mine{run};
+  scoped_lock held(lock_);
+  jobs_.push_back(&mine);
+  wake();
+  while (!mine.done) changed_.wait(lock_);
+}
+
+void rib_thread::await_idle() {
+  scoped_lock held(lock_);
+  ++idle_waiters_;
+  wake();
+  for (uint64_t seen = idles_; idles_ == seen;) changed_.wait(lock_);
+}
+
+// What was queued before is handled once the first wait returns, so its requests to the RIB are
+// made; then the RIB answers them; then the module handles the answers.
+void rib_thread::settle() {
+  if (!pace_.is_open()) return;
+  pace_.wait();
+  await_idle();
+  pace_.wait();
+}
+
+// ---- The RIB thread ----
+
+void rib_thread::loop() {
+  pthread_setname_np(pthread_self(), "rib");
+  for (;;) {
+    bool busy = routes_.work();
+    {
+      scoped_lock held(lock_);
+      if (stop_) return;
+      if (!busy && jobs_.empty() && idle_waiters_ > 0) {
+        idle_waiters_ = 0;
+        ++idles_;
+        changed_.notify_all();
+      }
+    }
+    int ready = poll(polled_.data(), polled_.size(), busy ? 0 : -1);
+    if (ready <= 0) continue;
+    eventfd_t wakeups;
+    if (polled_[0].revents != 0) eventfd_read(wakeup_fd_, &wakeups);
+    run_jobs();
+    serve_fds();
+  }
+}
+
+void rib_thread::run_jobs() {
+  std::vector<job *> jobs;
+  {
+    scoped_lock held(lock_);
+    jobs.swap(jobs_);
+  }
+  if (jobs.empty()) return;
+  for (job *j : jobs) j->run();
+  // A caller that goes on finds the effect of its job, sources closed included.
+  routes_.settle();
+  scoped_lock held(lock_);
+  for (job *j : jobs) j->done = true;
+  changed_.notify_all();
+}
+
+void rib_thread::serve_fds() {
+  // By index: `ready` may add descriptors, and removes them only in name, since it may be its own.
+  for (size_t i = 1, count = polled_.size(); i < count; ++i) {
+    short revents = polled_[i].revents;
+    if (revents == 0 || watched_[i].removed) continue;
+    auto ready = watched_[i].ready;
+    ready(revents);
+  }
+  size_t kept = 1;
+  for (size_t i = 1; i < polled_.size(); ++i) {
+    if (watched_[i].removed) continue;
+    polled_[kept] = polled_[i];
+    if (kept != i) watched_[kept] = std::move(watched_[i]);
+    ++kept;
+  }
+  polled_.resize(kept);
+  watched_.resize(kept);
+}
+
+void rib_thread::add_fd(int fd, short events, std::function<void(short)> ready) {
+  polled_.push_back({fd, events, 0});
+  watched_.push_back({std::move(ready)});
+}
+
+void rib_thread::remove_fd(int fd) {
+  for (size_t i = 1; i < polled_.size(); ++i) {
+    if (polled_[i].fd != fd) continue;
+    polled_[i].fd = -1;  // poll() passes over it
+    watched_[i].removed = true;
+  }
+}
+
+}  // namespace agent
