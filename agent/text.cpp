@@ -1,0 +1,57 @@
+#include "agent/text.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+
+#include "platform/inet_text.h"
+
+namespace agent {
+
+std::string address_text(uint32_t address) {
+  std::array<char, INET_ADDRSTRLEN> buffer;
+  return inet_ntoa_r(in_addr{address}, buffer.data(), buffer.size());
+}
+
+std::string prefix_text(uint32_t address, unsigned length) {
+  return address_text(address) + '/' + std::to_string(length);
+}
+
+std::string target_text(route_target target) {
+  const auto type = static_cast<uint16_t>(target >> 48);
+  const auto wide = static_cast<uint32_t>(target >> 16);
+  const auto narrow = static_cast<uint16_t>(target);
+  switch (type) {
+    case 0x0002:
+      return std::to_string(static_cast<uint16_t>(target >> 32)) + ':' +
+             std::to_string(static_cast<uint32_t>(target));
+    case 0x0102:
+      return address_text(htonl(wide)) + ':' + std::to_string(narrow);
+    default:
+      return std::to_string(wide) + ':' + std::to_string(narrow);
+  }
+}
+
+std::string utc_text(std::chrono::system_clock::time_point time) {
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
+  const time_t seconds = ms.count() / 1000;
+  tm parts{};
+  gmtime_r(&seconds, &parts);
+  std::array<char, 40> day;
+  std::array<char, 48> text;
+  strftime(day.data(), day.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+  snprintf(text.data(), text.size(), "%s.%03dZ", day.data(), static_cast<int>(ms.count() % 1000));
+  return text.data();
+}
+
+std::string printable(std::string_view text) {
+  std::string result(text);
+  std::replace_if(
+      result.begin(), result.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+  return result;
+}
+
+}  // namespace agent

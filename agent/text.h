@@ -1,0 +1,29 @@
+// How values are written for people and programs: addresses, prefixes, route targets, times.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "agent/route.h"
+
+namespace agent {
+
+/// An address in network byte order.
+std::string address_text(uint32_t address);
+
+/// A prefix with its address in network byte order.
+std::string prefix_text(uint32_t address, unsigned length);
+
+/// `65000:1`, `10.255.1.1:7` or `4200000002:9`: what the command grammar reads.
+std::string target_text(route_target target);
+
+/// UTC with milliseconds: `2026-11-24T19:30:00.123Z`.
+std::string utc_text(std::chrono::system_clock::time_point time);
+
+/// The text without control characters (each becomes '?'), so that nothing a router sends can
+/// drive the terminal.
+std::string printable(std::string_view text);
+
+}  // namespace agent
