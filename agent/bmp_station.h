@@ -1,18 +1,35 @@
 // BMP station (RFC 7854): the sessions that routers opened, and recorded streams.
+//
+// It keeps the listening sockets, the connections with their sessions, the recordings replayed,
+// and what is to tell of the connections that ended last. All of it is the RIB thread's own; the
+// public calls hand their work over to that thread. Bounds: 64 connections at a time, further ones
+// are closed; the accounts of 64 ended ones.
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace agent {
 
+class bmp_session;
 class rib;
 class rib_thread;
 
 /// Which of a router's views of its routes the agent learns from.
 enum class bmp_view { loc_rib, post_policy, pre_policy };
+
+/// What a session read over on purpose.
+struct skipped_counts {
+  uint64_t other_views = 0;   ///< messages of views that weren't chosen
+  uint64_t ipv6_nexthop = 0;  ///< routes without an IPv4 next hop
+  uint64_t vrf_unicast = 0;   ///< IPv4 unicast routes that aren't the global table's
+  uint64_t over_limit = 0;    ///< messages of peers over the session's limit
+  uint64_t rib_full = 0;      ///< routes that the RIB refused
+};
 
 /// What `show sessions` tells of one session.
 struct session_info {
@@ -24,14 +41,22 @@ struct session_info {
   uint64_t messages = 0;
   uint64_t routes_read = 0;
   std::map<std::string, uint64_t> malformed;  ///< count by kind
+  skipped_counts skipped;
   std::string last_error;
 };
 
 class bmp_station {
  public:
-  bmp_station(rib &routes, rib_thread &loop, bmp_view view);
+  static constexpr size_t kMaxConnections = 64;
 
-  /// Listens on "ADDRESS:PORT". Returns an empty string, or what failed.
+  bmp_station(rib &routes, rib_thread &loop, bmp_view view);
+  /// Closes the sockets; the routes stay. From any thread but the RIB thread.
+  ~bmp_station();
+  bmp_station(const bmp_station &) = delete;
+  bmp_station &operator=(const bmp_station &) = delete;
+
+  /// Listens on "ADDRESS:PORT", or on 127.0.0.1 for ":PORT" or "PORT". Returns an empty string, or
+  /// what failed. Port 0 takes a free one; the diagnostics tell which.
   std::string listen(const std::string &address_port);
 
   /// Reads a recorded byte stream to its end. Returns an empty string, or what failed. What it
@@ -40,6 +65,29 @@ class bmp_station {
 
   /// From any thread but the RIB thread.
   std::vector<session_info> sessions();
+
+ private:
+  struct connection;
+
+  void accept_ready(int listening_fd);
+  void shed_connection(int listening_fd);
+  void tell_full(const std::string &why);
+  void connection_ready(connection &from);
+  void start_view_timer(connection &from);
+  void stop_view_timer(connection &from);
+  void forget(connection &from);
+  void end(connection &from, const std::string &error);
+
+  rib &routes_;
+  rib_thread &loop_;
+  const bmp_view view_;
+  std::vector<int> listeners_;
+  std::vector<std::unique_ptr<connection>> connections_;
+  std::vector<std::unique_ptr<bmp_session>> recordings_;
+  std::deque<session_info> ended_;
+  std::vector<uint8_t> chunk_;  // what is read from a connection in one turn
+  bool told_full_ = false;
+  int spare_fd_;  // given up to accept and close a connection when descriptors run out
 };
 
 }  // namespace agent

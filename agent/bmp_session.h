@@ -1,0 +1,130 @@
+// One BMP session (RFC 7854, 9069): a byte stream of one router, read into the RIB.
+//
+// It keeps the session's peers, each with the RIB source of the one view that is learned, what
+// `show sessions` tells, and the beginning of a message that hasn't arrived whole. Everything is
+// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers, 1,000 lines of diagnostics.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "agent/bgp_update.h"
+#include "agent/bmp_station.h"
+
+namespace agent {
+
+class bmp_session {
+ public:
+  /// A recording keeps what it brought when it ends, and may hold several sessions: each
+  /// Initiation begins one. On a connection an Initiation may just tell news of the same session.
+  enum class source_kind { connection, recording };
+  using diagnostic = std::function<void(const std::string &line)>;
+
+  static constexpr size_t kMaxMessage = size_t{1} << 20;
+  static constexpr size_t kMaxPeers = 4096;
+  static constexpr uint32_t kMaxReports = 1000;
+
+  /// `router` names the session in diagnostics.
+  bmp_session(rib &routes, bmp_view view, source_kind kind, std::string router, diagnostic say);
+  bmp_session(const bmp_session &) = delete;
+  bmp_session &operator=(const bmp_session &) = delete;
+
+  /// Reads the next bytes. False once the session has ended and reads no more.
+  bool feed(std::span<const uint8_t> bytes);
+
+  /// The stream is over, with an error of reading it or without: a connection's routes are
+  /// withdrawn, a recording's stay.
+  void finish(const std::string &error);
+
+  /// Other views brought routes and the chosen one hasn't yet, and nobody was told.
+  bool view_in_doubt() const;
+  /// Tells so, once, if it is still the case.
+  void report_empty_view();
+
+  session_info info() const;
+  /// Why the stream couldn't be read to its end; empty when it could.
+  const std::string &stream_error() const { return stream_error_; }
+
+ private:
+  // Never the AS or the BGP identifier: both change in Peer Down and Loc-RIB headers.
+  struct peer_key {
+    uint64_t distinguisher = 0;
+    std::array<uint8_t, 16> address{};
+    uint8_t type = 0;
+    bool operator==(const peer_key &) const = default;
+  };
+  struct peer_hash {
+    size_t operator()(const peer_key &key) const;
+  };
+  struct peer {
+    add_path_families add_path;
+    bool told_reading = false;
+    std::optional<source_id> source;  // opened by the first route
+  };
+  struct peer_header {
+    peer_key key;
+    uint8_t flags = 0;
+  };
+  // The learnable views in the order of bmp_view, and one that never is.
+  enum view_index : size_t { kLocRib, kPostPolicy, kPrePolicy, kAdjRibOut, kViews };
+
+  std::span<const uint8_t> complete_partial(std::span<const uint8_t> bytes);
+  void top_up(std::span<const uint8_t> &bytes, size_t size);
+  size_t message_size(std::span<const uint8_t> bytes);
+  void read_message(std::span<const uint8_t> message);
+  bool read_peer_header(byte_cursor &in, peer_header &header);
+  void read_peer_message(uint8_t type, byte_cursor in);
+  void read_initiation(byte_cursor in);
+  void read_peer_up(const peer_header &header, byte_cursor in);
+  void read_peer_down(const peer_header &header);
+  void read_routes(const peer_header &header, byte_cursor in);
+  void learn(const peer_header &header, peer &from);
+  void announce(peer &from, const bgp_reach &reach, std::span<const route_target> targets);
+
+  static view_index view_of(const peer_header &header);
+  peer *find_or_add_peer(const peer_key &key);
+  void withdraw_all();
+  void terminate();
+  void end();
+  void fail_stream(const char *kind, const std::string &text);
+  void report_fault(const peer_header &header, const bgp_fault &fault, const char *message);
+  void report(const char *kind, const std::string &text);
+  void say(const std::string &text);
+  static std::string name_of(const peer_header &header);
+
+  rib &routes_;
+  const size_t chosen_;  // a view_index
+  const source_kind kind_;
+  const std::string router_;
+  const diagnostic say_;
+
+  std::unordered_map<peer_key, peer, peer_hash> peers_;
+  std::vector<uint8_t> partial_;  // a message whose rest hasn't come yet
+  bgp_update update_;             // scratch, reused from message to message
+  uint64_t message_at_ = 0;       // position in the stream of the message being read
+  bool running_ = true;
+  bool terminated_ = false;  // by the router; in a recording another session may follow
+
+  std::array<bool, kViews> view_seen_{};
+  bool told_empty_view_ = false;
+  bool told_peer_limit_ = false;
+  uint32_t reports_ = 0;
+
+  std::string system_name_;
+  std::string last_error_;
+  std::string stream_error_;
+  uint64_t messages_ = 0;
+  uint64_t routes_read_ = 0;
+  std::map<std::string_view, uint64_t> malformed_;  // by kind, a string constant
+  skipped_counts skipped_;
+};
+
+}  // namespace agent
