@@ -1,0 +1,123 @@
+#include "agent/clients.h"
+
+#include <atomic>
+#include <optional>
+#include <utility>
+
+#include "agent/fence.h"
+#include "agent/output.h"
+#include "agent/rib_thread.h"
+#include "tarvo/discovery.h"
+
+namespace agent {
+
+namespace {
+
+std::atomic<clients *> the_clients{nullptr};
+
+std::string no_such_client(uint32_t id) {
+  return "client " + std::to_string(id) + " does not watch";
+}
+
+constexpr const char *kNoMemory = "no memory for the request";
+
+}  // namespace
+
+clients::clients(rib_thread &loop, fence &pace, output &out) : loop_(loop), pace_(pace), out_(out) {
+  the_clients = this;
+}
+
+clients::~clients() { the_clients = nullptr; }
+
+std::string clients::watch(uint32_t id, const std::string &vrf) {
+  if (id == fence::kClientId) return "client ID " + std::to_string(id) + " is the agent's own";
+  {
+    scoped_lock held(lock_);
+    if (watches_.contains(id)) return "client " + std::to_string(id) + " watches already";
+  }
+  if (!pace_.is_open() && !pace_.open()) return kNoMemory;
+  {
+    scoped_lock held(lock_);
+    watches_[id] = vrf.empty() ? nullptr : std::make_shared<const std::string>(vrf);
+  }
+  if (tarvo_pe_discovery_register(id, vrf.c_str(), on_event) != TARVO_ND_OK) {
+    forget(id);
+    return kNoMemory;
+  }
+  loop_.settle();
+  return {};
+}
+
+std::string clients::unwatch(uint32_t id) {
+  {
+    scoped_lock held(lock_);
+    if (!watches_.contains(id)) return no_such_client(id);
+  }
+  if (tarvo_pe_discovery_unregister(id) != TARVO_ND_OK) return kNoMemory;
+  loop_.settle();
+  forget(id);
+  return {};
+}
+
+std::string clients::resend(uint32_t id, const std::string &vrf) {
+  std::string watched;
+  {
+    scoped_lock held(lock_);
+    const auto found = watches_.find(id);
+    if (found == watches_.end()) return no_such_client(id);
+    if (found->second) watched = *found->second;
+  }
+  if (!vrf.empty() && vrf != watched) {
+    return "client " + std::to_string(id) + " watches " +
+           (watched.empty() ? "every VPN" : "'" + watched + "'") + ", not '" + vrf + "'";
+  }
+  if (tarvo_pe_discovery_resend(id, watched.c_str()) != TARVO_ND_OK) return kNoMemory;
+  loop_.settle();
+  return {};
+}
+
+void clients::unwatch_all() {
+  for (;;) {
+    std::optional<uint32_t> id;
+    {
+      scoped_lock held(lock_);
+      if (!watches_.empty()) id = watches_.begin()->first;
+    }
+    if (!id) return;
+    if (!unwatch(*id).empty()) forget(*id);  // no memory: the process ends anyway
+  }
+}
+
+/// The last watch takes the fence along.
+void clients::forget(uint32_t id) {
+  bool last = false;
+  {
+    scoped_lock held(lock_);
+    watches_.erase(id);
+    last = watches_.empty();
+  }
+  if (last) pace_.close();
+}
+
+void clients::on_event(uint32_t client_id, uint32_t event, const void *data) {
+  if (clients *self = the_clients) self->pass_on(client_id, event, data);
+}
+
+void clients::pass_on(uint32_t client_id, uint32_t event, const void *data) {
+  pe_event record;
+  record.time = std::chrono::system_clock::now();
+  record.client = client_id;
+  record.event = event;
+  if (event == TARVO_ND_EVENT_ADD || event == TARVO_ND_EVENT_REMOVE) {
+    record.hop = *static_cast<const tarvo_nd_nhop_info_t *>(data);
+  }
+  {
+    scoped_lock held(lock_);
+    const auto watch = watches_.find(client_id);
+    if (watch == watches_.end()) return;
+    record.vrf = watch->second;
+  }
+  out_.post(std::move(record));
+}
+
+}  // namespace agent

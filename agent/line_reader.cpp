@@ -1,0 +1,43 @@
+#include "agent/line_reader.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+namespace agent {
+
+bool line_reader::read_some() {
+  std::array<char, 4096> chunk;
+  const ssize_t got = read(fd_, chunk.data(), chunk.size());
+  if (got < 0 && (errno == EINTR || errno == EAGAIN)) return true;
+  if (got > 0) {
+    pending_.append(chunk.data(), static_cast<size_t>(got));
+  } else {
+    at_end_ = true;
+  }
+  return !at_end_;
+}
+
+std::optional<std::string> line_reader::next() {
+  size_t end = pending_.find('\n');
+  if (cutting_) {
+    pending_.erase(0, end == std::string::npos ? end : end + 1);
+    if (end == std::string::npos) return std::nullopt;
+    cutting_ = false;
+    end = pending_.find('\n');
+  }
+  const bool whole = end != std::string::npos;
+  const size_t length = whole ? end : pending_.size();
+  too_long_ = length > kMaxLine;
+  if (!whole && !too_long_ && (!at_end_ || pending_.empty())) return std::nullopt;
+
+  ++number_;
+  std::string line = pending_.substr(0, std::min(length, kMaxLine));
+  cutting_ = !whole && !at_end_;
+  pending_.erase(0, whole ? end + 1 : length);
+  return line;
+}
+
+}  // namespace agent

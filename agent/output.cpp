@@ -1,0 +1,132 @@
+#include "agent/output.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "platform/thread_diag.h"
+
+namespace agent {
+
+output::output(bool json, sink write, std::function<void()> on_closed)
+    : json_(json),
+      write_(std::move(write)),
+      on_closed_(std::move(on_closed)),
+      writer_([this] { run(); }) {}
+
+output::~output() {
+  {
+    scoped_lock held(lock_);
+    stop_ = true;
+  }
+  changed_.notify_all();
+  writer_.join();
+}
+
+void output::post(pe_event event) {
+  {
+    scoped_lock held(lock_);
+    event.seq = ++seq_;
+    if (queue_.size() >= kMaxQueued) {
+      ++lost_;
+      return;
+    }
+    queue_.emplace_back(std::move(event));
+  }
+  changed_.notify_all();
+}
+
+void output::print(std::string lines) {
+  {
+    scoped_lock held(lock_);
+    if (closed_) return;
+    queue_.emplace_back(std::move(lines));
+  }
+  changed_.notify_all();
+  flush();
+}
+
+void output::flush() {
+  scoped_lock held(lock_);
+  while ((!queue_.empty() || writing_) && !closed_) changed_.wait(lock_);
+}
+
+bool output::closed() const {
+  scoped_lock held(lock_);
+  return closed_;
+}
+
+void output::run() {
+  set_thread_name("output", pthread_self());
+  bool open = true;
+  for (batch taken; take(taken);) {
+    const bool was_open = std::exchange(open, open && write_out(taken));
+    {
+      scoped_lock held(lock_);
+      writing_ = false;
+      closed_ = !open;
+    }
+    changed_.notify_all();
+    if (was_open && !open) on_closed_();
+  }
+  remove_thread_name(nullptr);
+}
+
+/// Waits for something to write; false at the end.
+bool output::take(batch &taken) {
+  scoped_lock held(lock_);
+  while (queue_.empty() && !stop_) changed_.wait(lock_);
+  if (queue_.empty()) return false;
+  taken.entries.clear();
+  taken.entries.swap(queue_);
+  taken.lost = std::exchange(lost_, 0);
+  taken.last_seq = seq_;
+  writing_ = true;
+  return true;
+}
+
+bool output::write_out(const batch &taken) {
+  constexpr size_t kWrite = 65536;
+  std::string lines;
+  for (const entry &e : taken.entries) {
+    if (const auto *event = std::get_if<pe_event>(&e)) {
+      lines += (json_ ? event_json(*event) : event_text(*event)) + '\n';
+    } else {
+      lines += std::get<std::string>(e);
+    }
+    if (lines.size() < kWrite) continue;
+    if (!write_(lines)) return false;
+    lines.clear();
+  }
+  // Events are lost only while the queue is full, so they came after all that was in it.
+  if (taken.lost > 0) {
+    lines += (json_ ? lost_json(taken.lost, taken.last_seq) : lost_text(taken.lost)) + '\n';
+  }
+  return lines.empty() || write_(lines);
+}
+
+output::sink write_to(int fd) {
+  return [fd](std::string_view rest) {
+    while (!rest.empty()) {
+      const ssize_t written = write(fd, rest.data(), rest.size());
+      if (written >= 0) {
+        rest.remove_prefix(static_cast<size_t>(written));
+      } else if (errno == EAGAIN) {  // somebody made the terminal non-blocking
+        pollfd ready{fd, POLLOUT, 0};
+        poll(&ready, 1, -1);
+      } else if (errno != EINTR) {
+        if (errno != EPIPE) {
+          fprintf(stderr, "tarvo-agent: standard output: %s\n", strerror(errno));
+        }
+        return false;
+      }
+    }
+    return true;
+  };
+}
+
+}  // namespace agent

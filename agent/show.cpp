@@ -1,0 +1,226 @@
+#include "agent/show.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "agent/command.h"
+#include "agent/json.h"
+#include "agent/text.h"
+
+namespace agent {
+
+namespace {
+
+/// Rows under a heading; columns as wide as their widest cell, those under '>' to the right.
+class table {
+ public:
+  explicit table(std::vector<std::string> heading) {
+    for (std::string &title : heading) {
+      right_.push_back(title.starts_with('>'));
+      if (right_.back()) title.erase(0, 1);
+    }
+    add(std::move(heading));
+  }
+
+  void add(std::vector<std::string> row) {
+    width_.resize(std::max(width_.size(), row.size()));
+    for (size_t i = 0; i < row.size(); ++i) width_[i] = std::max(width_[i], row[i].size());
+    rows_.push_back(std::move(row));
+  }
+
+  std::string lines() const {
+    std::string text;
+    for (const auto &row : rows_) {
+      for (size_t i = 0; i < row.size(); ++i) {
+        const std::string blanks(width_[i] - row[i].size(), ' ');
+        text += (i == 0 ? "" : "  ") + (right_[i] ? blanks + row[i] : row[i] + blanks);
+      }
+      text.erase(text.find_last_not_of(' ') + 1);
+      text += '\n';
+    }
+    return text;
+  }
+
+ private:
+  std::vector<bool> right_;
+  std::vector<size_t> width_;
+  std::vector<std::vector<std::string>> rows_;
+};
+
+std::string joined(const std::vector<std::string> &words) {
+  std::string result;
+  for (const std::string &word : words) result += (result.empty() ? "" : " ") + word;
+  return result.empty() ? "-" : result;
+}
+
+/// The line of a `show`: its rows under its own name.
+std::string show_line(const char *name, json rows) {
+  return one_line({{"schema", kSchema}, {"show", name}, {name, std::move(rows)}}) + '\n';
+}
+
+json strings(const std::vector<std::string> &values) {
+  json list = json::array();
+  for (const std::string &value : values) list.push_back(value);
+  return list;
+}
+
+std::span<const route_count> counts_of(std::span<const route_count> counts, uint32_t table_id) {
+  const auto range = std::ranges::equal_range(counts, table_id, {}, &route_count::table_id);
+  return {range.begin(), range.end()};
+}
+
+// ---- Next hops ----
+
+struct vrf_routes {
+  std::string vrf;
+  uint64_t routes;
+};
+
+/// The VRFs, of those given, that have routes with this next hop.
+std::vector<vrf_routes> routes_by_vrf(uint32_t nexthop, std::span<const vrf_config> vrfs,
+                                      std::span<const route_count> counts) {
+  std::vector<vrf_routes> result;
+  for (const vrf_config &vrf : vrfs) {
+    for (const route_count &count : counts_of(counts, vrf.table_id)) {
+      if (count.nexthop == nexthop) result.push_back({vrf.name, count.routes});
+    }
+  }
+  return result;
+}
+
+json nexthop_json(const known_nexthop &hop, const std::vector<vrf_routes> &routes) {
+  json by_vrf = json::array();
+  for (const vrf_routes &r : routes) by_vrf.push_back({{"vrf", r.vrf}, {"routes", r.routes}});
+  json result = {{"nexthop", address_text(hop.info.nhop_addr)},
+                 {"reachable", hop.reachable},
+                 {"prefix", nullptr},
+                 {"vrfs", std::move(by_vrf)}};
+  if (hop.reachable) result["prefix"] = prefix_text(hop.info.prefix, hop.info.prefix_len);
+  return result;
+}
+
+/// One row for each VRF; the next hop itself in the first of them.
+void add_nexthop(table &rows, const known_nexthop &hop, const std::vector<vrf_routes> &routes) {
+  std::string nexthop = address_text(hop.info.nhop_addr);
+  std::string prefix =
+      hop.reachable ? prefix_text(hop.info.prefix, hop.info.prefix_len) : "(unreachable)";
+  if (routes.empty()) rows.add({nexthop, prefix, "-", "0"});
+  for (const vrf_routes &r : routes) {
+    rows.add(
+        {std::exchange(nexthop, ""), std::exchange(prefix, ""), r.vrf, std::to_string(r.routes)});
+  }
+}
+
+json skipped_json(const skipped_counts &s) {
+  return {{"other_views", s.other_views},
+          {"ipv6_nexthop", s.ipv6_nexthop},
+          {"vrf_unicast", s.vrf_unicast},
+          {"over_limit", s.over_limit},
+          {"rib_full", s.rib_full}};
+}
+
+/// The counts that are not 0: "a=1 b=2".
+std::string counts_text(const json &counts) {
+  std::string text;
+  for (const auto &[kind, count] : counts.items()) {
+    if (count != 0) text += (text.empty() ? "" : " ") + kind + '=' + count.dump();
+  }
+  return text.empty() ? "-" : text;
+}
+
+}  // namespace
+
+std::string show_vrfs(show_as as, std::span<const vrf_config> vrfs,
+                      std::span<const route_count> counts) {
+  json list = json::array();
+  table rows({"VRF", ">TABLE", "IMPORT", ">ROUTES", ">NEXT HOPS"});
+  for (const vrf_config &vrf : vrfs) {
+    const auto own = counts_of(counts, vrf.table_id);
+    uint64_t routes = 0;
+    for (const route_count &count : own) routes += count.routes;
+    std::vector<std::string> imports;
+    for (const route_target target : vrf.imports) imports.push_back(target_text(target));
+    list.push_back({{"vrf", vrf.name},
+                    {"table", vrf.table_id},
+                    {"import", strings(imports)},
+                    {"routes", routes},
+                    {"nexthops", own.size()}});
+    rows.add({vrf.name, std::to_string(vrf.table_id), joined(imports), std::to_string(routes),
+              std::to_string(own.size())});
+  }
+  return as == show_as::json ? show_line("vrfs", std::move(list)) : rows.lines();
+}
+
+std::string show_nexthops(show_as as, const vrf_config *only,
+                          std::span<const known_nexthop> nexthops, std::span<const vrf_config> vrfs,
+                          std::span<const route_count> counts) {
+  json list = json::array();
+  table rows({"NEXT HOP", "COVERING PREFIX", "VRF", ">ROUTES"});
+  const std::span<const vrf_config> shown = only != nullptr ? std::span(only, 1) : vrfs;
+  for (const known_nexthop &hop : nexthops) {
+    const auto routes = routes_by_vrf(hop.info.nhop_addr, shown, counts);
+    list.push_back(nexthop_json(hop, routes));
+    add_nexthop(rows, hop, routes);
+  }
+  if (as == show_as::table) return rows.lines();
+  return one_line({{"schema", kSchema},
+                   {"show", "nexthops"},
+                   {"vrf", only != nullptr ? json(only->name) : json(nullptr)},
+                   {"nexthops", std::move(list)}}) +
+         '\n';
+}
+
+std::string show_sessions(show_as as, std::span<const session_info> sessions) {
+  json list = json::array();
+  table rows({"ROUTER", "SYSTEM", "STATE", ">PEERS", "VIEWS", ">MESSAGES", ">ROUTES READ",
+              "SKIPPED", "MALFORMED", "LAST ERROR"});
+  for (const session_info &s : sessions) {
+    json malformed = json::object();
+    for (const auto &[kind, count] : s.malformed) malformed[kind] = count;
+    const json skipped = skipped_json(s.skipped);
+    list.push_back({{"router", s.router},
+                    {"system", s.system_name},
+                    {"up", s.up},
+                    {"peers", s.peers},
+                    {"views", strings(s.views)},
+                    {"messages", s.messages},
+                    {"routes_read", s.routes_read},
+                    {"skipped", skipped},
+                    {"malformed", malformed},
+                    {"last_error", s.last_error.empty() ? json(nullptr) : json(s.last_error)}});
+    rows.add({printable(s.router), printable(s.system_name), s.up ? "up" : "ended",
+              std::to_string(s.peers), joined(s.views), std::to_string(s.messages),
+              std::to_string(s.routes_read), counts_text(skipped), counts_text(malformed),
+              s.last_error.empty() ? "-" : printable(s.last_error)});
+  }
+  return as == show_as::json ? show_line("sessions", std::move(list)) : rows.lines();
+}
+
+std::string show_pools(show_as as, std::span<const pool_info> pools) {
+  json list = json::array();
+  table rows({"POOL", ">ELEMENT SIZE", ">IN USE", ">CHUNKS", ">BYTES", ">LIMIT"});
+  for (const pool_info &p : pools) {
+    list.push_back({{"pool", p.name},
+                    {"element_size", p.element_size},
+                    {"in_use", p.in_use},
+                    {"chunks", p.chunks},
+                    {"bytes", p.bytes},
+                    {"limit", p.limit == 0 ? json(nullptr) : json(p.limit)}});
+    rows.add({p.name, std::to_string(p.element_size), std::to_string(p.in_use),
+              std::to_string(p.chunks), std::to_string(p.bytes),
+              p.limit == 0 ? "-" : std::to_string(p.limit)});
+  }
+  return as == show_as::json ? show_line("pools", std::move(list)) : rows.lines();
+}
+
+std::string show_help(show_as as) {
+  json list = json::array();
+  table rows({"COMMAND", "EFFECT"});
+  for (const command_form &form : command_forms()) {
+    list.push_back({{"syntax", form.syntax}, {"help", form.help}});
+    rows.add({std::string(form.syntax), std::string(form.help)});
+  }
+  return as == show_as::json ? show_line("help", std::move(list)) : rows.lines();
+}
+
+}  // namespace agent
