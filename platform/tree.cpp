@@ -5,8 +5,7 @@
 // zero, not even the root's; that tells a record of the tree from a key record. Both sides of every
 // operation are one piece of code: a side is 0 (left) or 1 (right), and it indexes the links.
 //
-// The caller's lock covers a tree; its records bound it. Descents choose the link by index instead
-// of by branch, since on random keys every second branch would be mispredicted.
+// The caller's lock covers a tree; its records bound it.
 #include "tree.h"
 
 #include <errno.h>
@@ -31,6 +30,10 @@ void set_parent(node *n, node *parent) {
   n->parent = reinterpret_cast<uintptr_t>(parent) | (n->parent & kBalanceMask);
 }
 
+void set_word(node *n, node *parent, int balance) {
+  n->parent = reinterpret_cast<uintptr_t>(parent) | static_cast<uintptr_t>(balance);
+}
+
 void set_balance(node *n, int balance) {
   n->parent = (n->parent & ~kBalanceMask) | static_cast<uintptr_t>(balance);
 }
@@ -40,11 +43,9 @@ int higher_on(int side) { return kEven - 1 + 2 * side; }
 
 int side_of(const node *parent, const node *n) { return parent->right == n; }
 
-void replace_child(node **root, node *parent, node *old_child, node *new_child) {
-  if (parent == nullptr)
-    *root = new_child;
-  else
-    child(parent, side_of(parent, old_child)) = new_child;
+// The link that leads to `n`.
+node **place_of(node **root, node *parent, const node *n) {
+  return parent == nullptr ? root : &child(parent, side_of(parent, n));
 }
 
 node *outermost(node *n, int side) {
@@ -62,43 +63,46 @@ node *successor(const node *n) {
   return parent;
 }
 
-// Lifts `top`'s child on `side` into its place; balances are left to the caller.
-node *rotate(node **root, node *top, int side) {
-  node *up = child(top, side);
-  node *parent = parent_of(top);
-  node *moved = child(up, !side);
-
-  replace_child(root, parent, top, up);
-  set_parent(up, parent);
-  child(up, !side) = top;
-  set_parent(top, up);
-  child(top, side) = moved;
-  if (moved != nullptr) set_parent(moved, top);
-  return up;
+// Hangs `n`, which may be null, below `parent`.
+void adopt(node *parent, int side, node *n) {
+  child(parent, side) = n;
+  if (n != nullptr) set_parent(n, parent);
 }
 
-// `top` is two levels higher on `side`. Returns the new top of its subtree. The subtree has lost a
-// level, unless its new top is uneven, which only a deletion brings about.
-node *rebalance(node **root, node *top, int side) {
-  node *heavy = child(top, side);
-  const int heavy_balance = balance_of(heavy);
+// `top`, whose child on `side` is `heavy`, leans to that side by two levels. Lifts `heavy`.
+node *rotate_once(node *top, node *heavy, int side, node *parent) {
+  const bool was_even = balance_of(heavy) == kEven;
+  adopt(top, side, child(heavy, !side));
+  child(heavy, !side) = top;
+  set_word(top, heavy, was_even ? higher_on(side) : kEven);
+  set_word(heavy, parent, was_even ? higher_on(!side) : kEven);
+  return heavy;
+}
 
-  if (heavy_balance != higher_on(!side)) {
-    const bool was_even = heavy_balance == kEven;
-    rotate(root, top, side);
-    set_balance(top, was_even ? higher_on(side) : kEven);
-    set_balance(heavy, was_even ? higher_on(!side) : kEven);
-    return heavy;
-  }
-
+// The same with `heavy` leaning to the other side. Lifts its child on that side.
+node *rotate_twice(node *top, node *heavy, int side, node *parent) {
   node *inner = child(heavy, !side);
-  const int inner_balance = balance_of(inner);
-  rotate(root, heavy, !side);
-  rotate(root, top, side);
-  set_balance(top, inner_balance == higher_on(side) ? higher_on(!side) : kEven);
-  set_balance(heavy, inner_balance == higher_on(!side) ? higher_on(side) : kEven);
-  set_balance(inner, kEven);
+  const int balance = balance_of(inner);
+  adopt(top, side, child(inner, !side));
+  adopt(heavy, !side, child(inner, side));
+  child(inner, side) = heavy;
+  child(inner, !side) = top;
+  set_word(top, inner, balance == higher_on(side) ? higher_on(!side) : kEven);
+  set_word(heavy, inner, balance == higher_on(!side) ? higher_on(side) : kEven);
+  set_word(inner, parent, kEven);
   return inner;
+}
+
+// Evens out `top`, which is two levels higher on `side`. Returns the new top of its subtree, which
+// has lost a level, unless the new top leans; only a deletion leads to that.
+node *rebalance(node **root, node *top, int side) {
+  node *parent = parent_of(top);
+  node *heavy = child(top, side);
+  node **place = place_of(root, parent, top);
+  const bool leans_inwards = balance_of(heavy) == higher_on(!side);
+  *place = leans_inwards ? rotate_twice(top, heavy, side, parent)
+                         : rotate_once(top, heavy, side, parent);
+  return *place;
 }
 
 // `n` was added below `parent`: its subtree has gained a level.
@@ -121,13 +125,13 @@ void retrace_growth(node **root, node *parent, node *n) {
 // The subtree on `side` of `parent` has lost a level.
 void retrace_loss(node **root, node *parent, int side) {
   while (parent != nullptr) {
-    node *above = parent_of(parent);
-    const int side_above = above != nullptr ? side_of(above, parent) : 0;
     const int balance = balance_of(parent);
     if (balance == kEven) {
       set_balance(parent, higher_on(!side));
       return;
     }
+    node *above = parent_of(parent);
+    const int side_above = above != nullptr ? side_of(above, parent) : 0;
     if (balance == higher_on(side))
       set_balance(parent, kEven);
     else if (balance_of(rebalance(root, parent, !side)) != kEven)
@@ -137,43 +141,60 @@ void retrace_loss(node **root, node *parent, int side) {
   }
 }
 
-node *insert(node **root, node *n, tree_cmp cmp) {
-  node *parent = nullptr;
-  int side = 0;
-  for (node *at = *root; at != nullptr; at = child(at, side)) {
-    const int order = cmp(n, at);
-    if (order == TREE_EQUAL) return nullptr;
-    parent = at;
-    side = order >> 1;
+// Where the way down to `key` ends: at the equal record, or at the last one before an empty link.
+// `at` is null for an empty tree only; then `order` says equal.
+struct position {
+  node *at;
+  int order;  // how `key` compares to it
+};
+
+// Both links are loaded, and what they lead to is fetched, before the comparator is called: that
+// takes the loads out of the chain from one comparison to the next, and lets the compiler choose
+// between the links without a branch, which random keys would have mispredicted every second time.
+position descend(node *root, const void *key, tree_cmp cmp) {
+  position p = {nullptr, TREE_EQUAL};
+  while (root != nullptr) {
+    node *left = root->left;
+    node *right = root->right;
+    __builtin_prefetch(left);
+    __builtin_prefetch(right);
+    p = {root, cmp(key, root)};
+    if (p.order == TREE_EQUAL) break;
+    root = p.order == TREE_BEFORE ? left : right;
   }
+  return p;
+}
+
+node *insert(node **root, node *n, tree_cmp cmp) {
+  const position p = descend(*root, n, cmp);
+  if (p.at != nullptr && p.order == TREE_EQUAL) return nullptr;
 
   n->left = n->right = nullptr;
-  n->parent = reinterpret_cast<uintptr_t>(parent) | kEven;
-  if (parent == nullptr)
-    *root = n;
-  else
-    child(parent, side) = n;
-  retrace_growth(root, parent, n);
+  set_word(n, p.at, kEven);
+  *(p.at == nullptr ? root : &child(p.at, p.order == TREE_AFTER)) = n;
+  retrace_growth(root, p.at, n);
   return n;
 }
 
-node *search(node *at, const void *key, tree_cmp cmp) {
-  while (at != nullptr) {
-    const int order = cmp(key, at);
-    if (order == TREE_EQUAL) break;
-    at = child(at, order >> 1);
-  }
-  return at;
+node *search(node *root, const void *key, tree_cmp cmp) {
+  const position p = descend(root, key, cmp);
+  return p.order == TREE_EQUAL ? p.at : nullptr;
 }
 
-node *first_after(node *at, const void *key, tree_cmp cmp) {
-  node *found = nullptr;
-  while (at != nullptr) {
-    const int beyond = cmp(key, at) != TREE_BEFORE;
-    found = beyond ? found : at;
-    at = child(at, beyond);
+// Always goes down to an empty link: on the way it passes the record that is looked for, as the
+// last one that `key` sorts before. Kept in memory by index, for the same reason as above.
+node *first_after(node *root, const void *key, tree_cmp cmp) {
+  node *passed[2] = {nullptr, nullptr};  // last record that `key` does not, and does, sort before
+  while (root != nullptr) {
+    node *left = root->left;
+    node *right = root->right;
+    __builtin_prefetch(left);
+    __builtin_prefetch(right);
+    const bool before = cmp(key, root) == TREE_BEFORE;
+    passed[before] = root;
+    root = before ? left : right;
   }
-  return found;
+  return passed[1];
 }
 
 // Puts the first record of `n`'s right subtree into the place of `n`, which has both children.
@@ -192,7 +213,7 @@ void erase_inner(node **root, node *n) {
   heir->left = n->left;
   set_parent(n->left, heir);
   heir->parent = n->parent;
-  replace_child(root, parent_of(n), n, heir);
+  *place_of(root, parent_of(n), n) = heir;
   retrace_loss(root, shrunk, side);
 }
 
