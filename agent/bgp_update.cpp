@@ -92,6 +92,10 @@ struct route_fault {
   const char *what = nullptr;
 };
 
+constexpr route_fault kEndlessStack{"label-stack",
+                                    "a label stack that doesn't end within its NLRI"};
+constexpr uint64_t kLastDistinguisherType = 2;
+
 // Skips the label stack and reads the distinguisher; `bits` is left with the prefix's own.
 route_fault read_vpn_part(byte_cursor &in, unsigned &bits, nlri &route) {
   constexpr unsigned kLabelBits = 24, kDistinguisherBits = 64;
@@ -102,15 +106,16 @@ route_fault read_vpn_part(byte_cursor &in, unsigned &bits, nlri &route) {
   bits -= kLabelBits;
   // Withdrawals, and some announcements, carry one of two fixed values without a bottom of stack.
   const bool placeholder = label == 0x000000 || label == 0x800000;
-  while (!placeholder && (label & 1) == 0) {
-    if (bits < kLabelBits + kDistinguisherBits)
-      return {"label-stack", "a label stack that doesn't end within its NLRI"};
+  bool stacked = false;
+  for (; !placeholder && (label & 1) == 0; stacked = true) {
+    if (bits < kLabelBits + kDistinguisherBits) return kEndlessStack;
     label = in.u24();
     bits -= kLabelBits;
   }
   route.rd = in.u64();
   bits -= kDistinguisherBits;
-  return {};
+  // An endless stack may seem to end inside the distinguisher; what follows is none then.
+  return stacked && route.rd >> 48 > kLastDistinguisherType ? kEndlessStack : route_fault{};
 }
 
 // Reads one NLRI; sets `stray` when bits beyond the prefix aren't zero.
@@ -176,7 +181,6 @@ class update_reader {
   void read_value(const attribute_rule &rule, byte_cursor value);
   void read_origin(byte_cursor value);
   void read_as_path(byte_cursor value);
-  void read_next_hop(byte_cursor value);
   void read_mp_reach(byte_cursor value);
   void read_mp_unreach(byte_cursor value);
   void read_targets(byte_cursor value);
@@ -190,6 +194,7 @@ class update_reader {
   bgp_update &update_;
   std::bitset<256> seen_;
   uint8_t attribute_ = 0;  // being read; 0 outside the attributes
+  byte_cursor next_hop_;   // the NEXT_HOP attribute's value
 };
 
 void update_reader::fail(fault_action action, size_t offset, const char *kind, const char *what) {
@@ -214,6 +219,8 @@ void update_reader::read(byte_cursor body) {
   read_routes(body, family::unicast, update_.classic.routes);
 
   require_mandatory(attributes_at);
+  // NEXT_HOP is that of the NLRI field; whatever it says is of no concern to MP_REACH_NLRI.
+  if (!update_.classic.routes.empty()) update_.classic.nexthop = take_next_hop(next_hop_);
   if (update_.fault.action != fault_action::withdraw) return;
   withdraw_announced(update_.classic);
   withdraw_announced(update_.multiprotocol);
@@ -265,7 +272,8 @@ void update_reader::read_value(const attribute_rule &rule, byte_cursor value) {
     case kAsPath:
       return read_as_path(value);
     case kNextHop:
-      return read_next_hop(value);
+      next_hop_ = value;
+      return;
     case kMpReach:
       return read_mp_reach(value);
     case kMpUnreach:
@@ -290,12 +298,7 @@ void update_reader::read_as_path(byte_cursor value) {
          "a segment that is empty, of unknown type or longer than the path");
 }
 
-// Its length is right. NEXT_HOP counts for the NLRI field only.
-void update_reader::read_next_hop(byte_cursor value) {
-  update_.classic.nexthop = take_next_hop(value);
-}
-
-// The last four bytes of a next hop, which must be a host's address or 0.0.0.0.
+// A host's address, or 0.0.0.0.
 uint32_t update_reader::take_next_hop(byte_cursor in) {
   const size_t offset = in.offset();
   const uint32_t address = in.u32();
