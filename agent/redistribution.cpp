@@ -104,15 +104,7 @@ bool redistribution::idle() const {
   return requested_.empty() && dumping_ == 0 && buffer_.empty();
 }
 
-size_t redistribution::stretch(size_t buckets) const {
-  size_t end = buckets;
-  for (const table &t : tables_)
-    if (t.dumping && t.start > position_) end = std::min(end, t.start);
-  return end - position_;
-}
-
 void redistribution::advance(size_t visited, size_t buckets) {
-  if (visited == 0) return;
   position_ = (position_ + visited) % buckets;
   for (table &t : tables_)
     if (t.dumping && t.start == position_) stop_dump(t);
@@ -127,7 +119,7 @@ void redistribution::doubled() {
 
 void redistribution::hand_over(const pending_report &report) {
   const wish &w = wishes_[report.slot];
-  if (!w.on || w.generation != report.generation) return;
+  if (w.generation != report.generation) return;
   // A report that finds no memory is lost (the module logs it); the next refresh makes it good.
   if (callbacks_->nhop_update(w.table_id, report.nexthop, report.add) != 0) ++reported_;
 }

@@ -56,9 +56,9 @@ class redistribution {
 
   bool dumping() const { return dumping_ != 0; }
   bool dumping(uint32_t slot) const { return tables_[slot].dumping; }
-  /// The pass's next bucket, and how many from there on can be visited before advance().
+  /// The pass's next bucket. The pass moves by slices; the buckets of a slice and of the RIB are
+  /// powers of two, so it comes back exactly to where a table joined.
   size_t position() const { return position_; }
-  size_t stretch(size_t buckets) const;
   void advance(size_t visited, size_t buckets);
   /// The number of buckets doubled: bucket b is now 2b and 2b + 1.
   void doubled();

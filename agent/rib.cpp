@@ -285,7 +285,7 @@ bool rib::work() {
 
 void rib::dump_slice() {
   size_t first = reports_.position();
-  size_t visited = std::min(reports_.stretch(heads_.size()), kSliceBuckets);
+  size_t visited = std::min(heads_.size(), kSliceBuckets);
   for (size_t bucket = first; bucket < first + visited; ++bucket) {
     prefetch(bucket + kPrefetchAhead);
     dump_bucket(bucket);
