@@ -1,0 +1,439 @@
+// Start-up, the guarded discipline, the work queue, the worker and the timers.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <semaphore>
+#include <thread>
+
+#include "engine/log.h"
+#include "engine/shared_words.h"
+#include "engine/timers.h"
+#include "engine/work_queue.h"
+#include "engine/worker.h"
+#include "tarvo/agent_services.h"
+#include "tarvo/messages.h"
+#include "tests/module/world.h"
+
+using texts = std::vector<std::string>;
+
+TEST(StartUp, RegistersTheTablesLastAndStartsNoTimer) {
+  EXPECT_EQ(w.start(), TARVO_ND_OK);
+  EXPECT_EQ(w.take(), (texts{"register ods", "register ital", "register rib", "register cfg"}));
+  EXPECT_EQ(tarvo_nd_is_active(), 0);
+  sigset_t blocked;
+  pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  for (int signal = SIGRTMIN; signal <= SIGRTMAX; ++signal)
+    EXPECT_EQ(sigismember(&blocked, signal), signal == SIGRTMIN + 6 || signal == SIGRTMIN + 10);
+}
+
+TEST(StartUp, EachFailureHasItsCodeAndTraceAndRegistersNothing) {
+  const struct {
+    const char *operation;
+    int nth;
+    uint32_t code;
+    const char *told;
+  } kSteps[] = {
+      {"chunk_create", 1, 0xc4a30200, "log 4 ERR_MEM During mallocing workQ Chunk"},
+      {"attach", 1, 0xc4a3140b, "lstrace 1 attach timer handler 11"},
+      {"sigevent", 1, 0xc4a3140b, "lstrace 1 define timer event 11"},
+      {"timer_tree", 1, 0xc4a31600, "lstrace 1 create timer tree 11"},
+      {"timer_leaf", 1, 0xc4a31600, "lstrace 1 create refresh timer leaf 11"},
+      {"timer_leaf", 2, 0xc4a31600, "lstrace 1 create clear timer leaf 11"},
+      {"pthread_create", 1, 0xc4a31a0b, "lstrace 1 create PE discovery thread 11"},
+  };
+  for (const auto &step : kSteps) {
+    w.fail = {{step.operation, step.nth}};
+    w.forget_calls();
+    EXPECT_EQ(w.start(), step.code) << step.told;
+    EXPECT_EQ(w.take(), texts{step.told});
+  }
+}
+
+TEST(StartUpDeath, SignalCallsAreAsserted) {
+  const struct {
+    const char *operation;
+    int nth;
+    const char *told;
+  } kCalls[] = {{"sigemptyset", 1, "os/pthread: 488 rc == 0 -- assertion failed\n"},
+                {"sigaddset", 1, "os/pthread: 490 rc == 0 -- assertion failed\n"},
+                {"sigaddset", 2, "os/pthread: 494 rc ==0 -- assertion failed\n"},
+                {"pthread_sigmask", 1, "os/pthread: 496 rc == 0 -- assertion failed\n"}};
+  for (const auto &call : kCalls) {
+    w.fail = {{call.operation, call.nth}};
+    w.forget_calls();
+    EXPECT_EXIT(w.start(), testing::KilledBySignal(SIGABRT), call.told);
+  }
+}
+
+// ------------------------------------ guarded discipline ------------------------------------
+
+static void lock(guarded_mutex_t *m) TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  guarded_mutex_lock(m, "caller", 7);
+}
+static void unlock(guarded_mutex_t *m) TARVO_NO_THREAD_SAFETY_ANALYSIS { guarded_mutex_unlock(m); }
+
+TEST(Guarded, EveryPathOfLockAndUnlock) {
+  const struct {
+    const char *what, *failing;
+    bool pending, companion_held;
+    texts expected;
+  } kPaths[] = {
+      {"free", "", false, false, {}},
+      {"busy", "pthread_mutex_trylock", false, false, {"block nd caller", "unblock"}},
+      {"unlock fails",
+       "pthread_mutex_unlock",
+       false,
+       false,
+       {"log 5 INTERNAL Cannot unlock nd mutex, error:22:Invalid argument"}},
+      {"not the reviver",
+       "",
+       true,
+       false,
+       {"log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
+      {"another is the reviver",
+       "",
+       true,
+       true,
+       {"log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
+      {"companion broken",
+       "pthread_mutex_timedlock",
+       true,
+       false,
+       {"log 5 INTERNAL Cannot unlock nd mutex, error:22:Invalid argument"}},
+      {"wait for the revival fails",
+       "rmx_wait_on_revival_condvar",
+       true,
+       false,
+       {"log 5 INTERNAL Cannot lock nd mutex, error:22:Invalid argument",
+        "log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
+  };
+  w.error = 22;
+  w.pass_revival_wait = true;
+  for (const auto &path : kPaths) {
+    std::binary_semaphore held(0), finished(0);
+    std::thread other([&] {
+      if (path.companion_held) pthread_mutex_lock(&tarvo_nd_mutex.revival_mutex);
+      held.release();
+      finished.acquire();
+      if (path.companion_held) pthread_mutex_unlock(&tarvo_nd_mutex.revival_mutex);
+    });
+    held.acquire();
+    w.fail = {{path.failing, 1}};
+    w.forget_calls();
+    tarvo_nd_mutex.revival_pending = path.pending;
+    lock(&tarvo_nd_mutex);
+    unlock(&tarvo_nd_mutex);
+    EXPECT_EQ(w.take(), path.expected) << path.what;
+    w.fail.clear();
+    tarvo_nd_mutex.revival_pending = 0;
+    pthread_mutex_unlock(&tarvo_nd_mutex.mutex);  // where the path left it locked
+    finished.release();
+    other.join();
+  }
+}
+
+TEST(Guarded, AFailedBlockingLockLogsAndGoesOn) {
+  w.fail = {{"pthread_mutex_trylock", 1}, {"pthread_mutex_lock", 1}};
+  w.error = 22;
+  tarvo_nd_workq_mutex.revival_pending = 1;  // not looked at after the failure
+  lock(&tarvo_nd_workq_mutex);
+  EXPECT_EQ(w.take(), (texts{"block lock caller", "unblock",
+                             "log 5 INTERNAL Cannot lock workQ mutex, error:22:Invalid argument"}));
+  tarvo_nd_workq_mutex.revival_pending = 0;
+  unlock(&tarvo_nd_workq_mutex);
+  EXPECT_EQ(w.take(),
+            texts{"log 5 INTERNAL Cannot unlock workQ mutex, error:1:Operation not permitted"});
+}
+
+TEST(GuardedDeath, CompanionFailuresAreAsserted) {
+  const struct {
+    bool reviver;
+    const char *operation;
+    const char *told;
+  } kCalls[] = {
+      {false, "pthread_mutex_unlock", "os/pthread: 341 retcode == EOK -- assertion failed\n"},
+      {true, "pthread_cond_signal", "os/pthread: 350 retcode == EOK -- assertion failed\n"},
+      {true, "pthread_mutex_unlock", "os/pthread: 355 retcode == EOK -- assertion failed\n"}};
+  for (const auto &call : kCalls) {
+    const auto fail = [&] {
+      tarvo_nd_mutex.revival_pending = 1;
+      if (call.reviver) pthread_mutex_lock(&tarvo_nd_mutex.revival_mutex);
+      w.fail[call.operation] = 1;
+      unlock(&tarvo_nd_mutex);
+    };
+    EXPECT_EXIT(fail(), testing::KilledBySignal(SIGABRT), call.told);
+  }
+}
+
+TEST(Guarded, ADeadOwnersLockIsRevivedOnceAndWaitedFor) {
+  pthread_mutexattr_t robust;
+  pthread_mutexattr_init(&robust);
+  pthread_mutexattr_settype(&robust, PTHREAD_MUTEX_ERRORCHECK);
+  pthread_mutexattr_setrobust(&robust, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(&tarvo_nd_mutex.mutex, &robust);
+  std::thread([] { lock(&tarvo_nd_mutex); }).join();
+
+  // Both ways to meet the dead owner: at the trylock, and after having had to block.
+  for (const bool blocking : {false, true}) {
+    if (blocking) {
+      std::thread([] { lock(&tarvo_nd_mutex); }).join();
+      w.fail = {{"pthread_mutex_trylock", 1}};
+      w.forget_calls();
+    }
+    lock(&tarvo_nd_mutex);
+    w.fail.clear();
+    EXPECT_EQ(w.take(), blocking ? (texts{"block nd caller", "unblock"}) : texts{});
+    EXPECT_NE(tarvo_nd_mutex.revival_pending, 0);
+
+    std::atomic<bool> done = false;
+    bool waited = false;
+    std::thread other([&] {
+      lock(&tarvo_nd_mutex);
+      waited = done;
+      unlock(&tarvo_nd_mutex);
+    });
+    // Reviving released the lock proper, so the other holds it while it waits.
+    while (pthread_mutex_trylock(&tarvo_nd_mutex.mutex) == 0)
+      pthread_mutex_unlock(&tarvo_nd_mutex.mutex), std::this_thread::yield();
+    done = true;
+    unlock(&tarvo_nd_mutex);
+    other.join();
+    EXPECT_TRUE(waited);
+    EXPECT_EQ(tarvo_nd_mutex.revival_pending, 0);
+    w.take();  // whether the other had to block is the scheduler's affair
+  }
+}
+
+// -------------------------------------- queue and worker --------------------------------------
+
+TEST(Queue, RefusalsAndFailures) {
+  w.start();
+  w.take();
+  EXPECT_EQ(tarvo_nd_work_enqueue(nullptr), 0);
+  EXPECT_EQ(w.take(), texts{"log 5 INTERNAL During enqueuing NHop:0:invalid request"});
+
+  EXPECT_EQ(tarvo_pe_discovery_register(1, "A", nullptr), TARVO_ND_ERR_INVALID_ARG);
+  EXPECT_EQ(tarvo_nd_enqueue_table_update("A", 0xe0000000, 1), 1);
+  EXPECT_EQ(tarvo_nd_enqueue_table_update("A", 0xe0000000, 0), 1);
+  w.fail = {{"chunk_malloc", 1}};
+  w.for_good = true;
+  EXPECT_EQ(tarvo_pe_discovery_register(1, nullptr, tell), TARVO_ND_ERR_NOMEM);
+  EXPECT_EQ(tarvo_pe_discovery_unregister(1), TARVO_ND_ERR_NOMEM);
+  EXPECT_EQ(tarvo_pe_discovery_resend(1, "A"), TARVO_ND_ERR_NOMEM);
+  EXPECT_EQ(tarvo_nd_enqueue_rib_restart(), 0);
+  EXPECT_EQ(w.take(), texts(4, "log 4 ERR_MEM During mallocing route update information"));
+
+  w.fail = {{"pthread_cond_signal", 1}};
+  w.error = 22;
+  EXPECT_EQ(tarvo_pe_discovery_register(1, nullptr, tell), TARVO_ND_OK);
+  EXPECT_EQ(w.take(), texts{"log 5 INTERNAL Failed to awake a thread waiting for workQ:22:"
+                            "Invalid argument"});
+  w.fail = {{"pthread_cond_wait", 1}};
+  w.run();  // the one request that was queued, and then the failing wait
+  EXPECT_EQ(w.take(), (texts{"start refresh 271", "tell 1 END",
+                             "log 5 INTERNAL Cannot wait for nd req, error:22:Invalid argument"}));
+}
+
+TEST(Queue, PurgeRemovesOneTablesReportsAndKeepsTheOrderOfTheRest) {
+  w.start();
+  unsigned seed = 1;
+  for (int round = 0; round < 300; ++round) {
+    std::vector<std::pair<uint32_t, uint32_t>> kept;  // type, table
+    const int length = round < 20 ? round % 5 : rand_r(&seed) % 12;
+    for (int i = 0; i < length; ++i) {
+      tarvo_nd_work_req_t request = {};
+      request.type = 1 + rand_r(&seed) % 10;
+      request.nhop.table_id = rand_r(&seed) % 3;
+      request.nhop.nhop_addr = i;
+      tarvo_nd_work_enqueue(&request);
+      if (request.type > 2 || request.nhop.table_id != 1) kept.emplace_back(request.type, i);
+    }
+    guarded_mutex_lock(&tarvo_nd_mutex, "", 1);
+    tarvo_nd_del_nhop_update_from_work_req(1);
+    guarded_mutex_unlock(&tarvo_nd_mutex);
+    for (const auto &[type, serial] : kept) {
+      tarvo_nd_work_req_t request;
+      ASSERT_TRUE(tarvo_nd_work_dequeue(&request, "test"));
+      EXPECT_EQ(request.type, type);
+      EXPECT_EQ(request.nhop.nhop_addr, serial);
+    }
+    tarvo_nd_work_req_t request;
+    ASSERT_FALSE(tarvo_nd_work_dequeue(&request, "test"));
+  }
+}
+
+TEST(Worker, UnknownTypesAreLoggedAndInactiveRequestsDropped) {
+  w.start();
+  w.take();
+  for (uint32_t type : {0u, 11u, 1u, 2u, 7u, 8u, 9u}) {
+    tarvo_nd_work_req_t request = {};
+    request.type = type;
+    tarvo_nd_work_enqueue(&request);
+  }
+  w.run();
+  EXPECT_EQ(w.take(), (texts{"log 5 INTERNAL PE discovery invalid request type:0:Unknown",
+                             "log 5 INTERNAL PE discovery invalid request type:11:Unknown"}));
+  EXPECT_EQ(w.waits, (texts{"wait 6", "waited"}));
+}
+
+TEST(Messages, CatalogueIsAsTabled) {
+  const struct {
+    const oxa_msg_rec_t *record;
+    const char *mnemonic;
+    unsigned severity, flags;
+    const oxa_msg_limit_t *limit;
+    unsigned per;
+    const char *format;
+  } kRows[] = {
+      {&oxa_msg_rec_tarvo_agent, "AGENT", 7, 0, nullptr, 0, "%s:id(gid:%d,nid:%d,pid:%d):%s"},
+      {&oxa_msg_rec_tarvo_disc_limit, "DISC_LIMIT", 6, 0, &oxa_msg_limit_tarvo_disc_limit, 300,
+       "%s"},
+      {&oxa_msg_rec_tarvo_err_mem, "ERR_MEM", 4, 0, nullptr, 0, "%s"},
+      {&oxa_msg_rec_tarvo_err_mplslm, "ERR_MPLSLM", 4, 1, &oxa_msg_limit_tarvo_err_mplslm, 1,
+       "MPLSLM(%d) %s: %s"},
+      {&oxa_msg_rec_tarvo_err_oper, "ERR_OPER", 4, 1, &oxa_msg_limit_tarvo_err_oper, 1,
+       "OP:%d.%s.%s"},
+      {&oxa_msg_rec_tarvo_err_quill, "ERR_QUILL", 7, 0, nullptr, 0, "%s:%s"},
+      {&oxa_msg_rec_tarvo_internal, "INTERNAL", 5, 0, nullptr, 0, "%s:%d:%s"},
+      {&oxa_msg_rec_tarvo_issu_info, "ISSU_INFO", 6, 0, &oxa_msg_limit_tarvo_issu_info, 300,
+       "%s (%d)"},
+      {&oxa_msg_rec_tarvo_lpd_result_chg, "LPD_RESULT_CHG", 5, 0, nullptr, 0,
+       "Op:%u Tree trace for target address %s %s (retcode: %s)"},
+      {&oxa_msg_rec_tarvo_lsp_group_chg, "LSP_GROUP_CHG", 5, 0, nullptr, 0,
+       "Op:%u for target address %s from %s to %s"},
+      {&oxa_msg_rec_tarvo_threshold_clear, "THRESHOLD_CLEAR", 5, 0, nullptr, 0,
+       "Monitor element has reset the threshold reaction. Op:%u, TargetAddr:%s, MonElem:%s(%s)"},
+      {&oxa_msg_rec_tarvo_threshold_set, "THRESHOLD_SET", 5, 0, nullptr, 0,
+       "Monitor element has exceeded the threshold condition. Op:%u, TargetAddr:%s, "
+       "MonElem:%s(%s)"},
+  };
+  uint32_t id = 0x09460000;
+  for (const auto &row : kRows) {
+    const oxa_msg_rec_t &r = *row.record;
+    EXPECT_STREQ(r.mnemonic, row.mnemonic);
+    EXPECT_EQ(r.message_id, id++) << row.mnemonic;
+    EXPECT_EQ(r.severity, row.severity) << row.mnemonic;
+    EXPECT_EQ(r.flags, row.flags) << row.mnemonic;
+    EXPECT_EQ(r.limit, row.limit) << row.mnemonic;
+    EXPECT_EQ(r.limit == nullptr ? 0 : r.limit->limit, row.per) << row.mnemonic;
+    EXPECT_STREQ(r.format, row.format) << row.mnemonic;
+    EXPECT_STREQ(r.facility, "TARVO");
+    EXPECT_STREQ(r.group, "KORV");
+    EXPECT_EQ(r.reserved0 + r.reserved1 + r.reserved2 + r.reserved3, 0u) << row.mnemonic;
+  }
+}
+
+TEST(Ods, ServesNoItemYet) {
+  const tarvo_nd_ods_fns_t &fns = tarvoMplsDiscoveryODSFns;
+  EXPECT_EQ(fns.get(nullptr, nullptr, nullptr), 0x40828400u);
+  EXPECT_EQ(fns.list(nullptr, nullptr, nullptr, nullptr), 0x40828400u);
+  EXPECT_EQ(fns.datalist(nullptr, nullptr, nullptr, nullptr), 0x40828400u);
+  EXPECT_EQ(fns.unused[0], nullptr);
+  EXPECT_EQ(fns.unused[1], nullptr);
+}
+
+// ------------------------------------------- timers -------------------------------------------
+
+TEST(Timers, IntervalDividesIntoPhases) {
+  const struct {
+    uint32_t interval, refresh, clear;
+  } kRows[] = {{0, 1, 0},    {1, 1, 0},      {2, 1, 1},
+               {28, 14, 14}, {29, 0, 29},    {57, 28, 29},
+               {58, 29, 29}, {300, 271, 29}, {0xffffffff, 0xffffffff - 29, 29}};
+  w.start();
+  w.client(1);
+  for (const auto &row : kRows) {
+    w.take();
+    tarvo_nd_set_rib_refresh_interval(row.interval);
+    const std::string refresh = "start refresh " + std::to_string(row.refresh);
+    EXPECT_EQ(w.take().back(), refresh) << row.interval;
+    EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(),
+              static_cast<int32_t>(row.refresh + row.clear));
+    if (row.interval > 1000) continue;
+    w.pass(row.refresh);
+    texts expected = {"stop refresh", "start clear " + std::to_string(row.clear)};
+    if (row.clear == 0) expected.insert(expected.end(), {"stop clear", refresh});
+    EXPECT_EQ(w.take(), expected) << row.interval;
+  }
+}
+
+TEST(Timers, CycleKeepsItsLengthAndLeavesSurviveAFailedEnqueue) {
+  w.start();
+  w.table(7, "A");
+  w.client(1);
+  w.take();
+  w.pass(100.3);
+  EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(), 199);  // 170.7 s and the clear phase
+  w.fail = {{"chunk_malloc", 2}};                             // the clear request is lost
+  w.pass(499.7);
+  EXPECT_EQ(w.take(), (texts{"stop refresh", "start clear 29", "rib reset 7", "stop clear",
+                             "log 4 ERR_MEM During mallocing route update information",
+                             "start refresh 271", "stop refresh", "start clear 29", "rib reset 7",
+                             "stop clear", "start refresh 271"}));
+  EXPECT_EQ(w.now, 600'000'000'000);
+  w.pass(280.5);
+  EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(), 19);  // 19.5 s of the clear phase
+}
+
+TEST(Timers, RestartAndSetterMoveThePhases) {
+  w.start();
+  w.table(7, "A");
+  w.refused = {7};
+  tarvo_nd_set_rib_refresh_interval(60);  // inactive: kept
+  w.client(1);
+  EXPECT_EQ(w.take().back(), "tell 1 END");
+  w.refused.clear();
+  tarvo_nd_enqueue_rib_restart();
+  w.run();
+  EXPECT_EQ(w.take(), (texts{"stop refresh", "rib on 7", "start clear 29"}));
+  tarvo_nd_set_rib_refresh_interval(20);
+  EXPECT_EQ(w.take(), (texts{"stop clear", "start refresh 10"}));
+  w.pass(10);
+  EXPECT_EQ(w.take(), (texts{"stop refresh", "start clear 10", "rib reset 7"}));
+  w.refused = {7};
+  tarvo_nd_enqueue_rib_restart();  // clears the flag even when the RIB then refuses
+  w.run();
+  w.pass(10);  // clear phase
+  w.take();
+  w.refused.clear();
+  w.pass(10);
+  EXPECT_EQ(w.take(), (texts{"stop refresh", "start clear 10", "rib on 7"}));
+}
+
+// Between a test of the flag without the lock and the work under it, anything may happen.
+TEST(Timers, WhatHappensBeforeTheLockIsTakenIsSeen) {
+  auto deactivate = [] {
+    tarvo_pe_discovery_unregister(1);
+    w.run();
+    w.note("----");
+  };
+  w.start();
+  tarvo_nd_nhop_t out = {};
+  const struct {
+    const char *what;
+    std::function<void()> call;
+  } kCalls[] = {
+      {"setter", [] { tarvo_nd_set_rib_refresh_interval(100); }},
+      {"remaining", [] { EXPECT_LT(tarvo_nd_get_refresh_interval_remaining(), 0); }},
+      {"query",
+       [&] { EXPECT_EQ(tarvo_nd_first_nhop_by_tableid(7, &out), TARVO_ND_ERR_NOT_FOUND); }},
+      {"handler", [] { w.advance(500), w.pass(0); }},
+  };
+  for (const auto &row : kCalls) {
+    w.client(1);
+    w.take();
+    w.before_lock = deactivate;
+    row.call();
+    EXPECT_FALSE(w.before_lock) << row.what;
+    EXPECT_EQ(w.take(), (texts{"stop refresh", "stop clear", "----"})) << row.what;
+  }
+
+  // The handler found an expired leaf, and the setter restarts it before the handler has the lock.
+  w.client(1);
+  w.take();
+  w.before_lock = [] { tarvo_nd_set_rib_refresh_interval(300); };
+  w.advance(500);
+  w.pass(0);
+  EXPECT_EQ(w.take(), (texts{"stop refresh", "start refresh 271"}));
+}

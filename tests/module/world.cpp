@@ -1,0 +1,347 @@
+#include "tests/module/world.h"
+
+#include <arpa/inet.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <deque>
+#include <utility>
+
+#include "engine/state.h"
+#include "engine/timers.h"
+#include "engine/worker.h"
+#include "platform/event.h"
+#include "platform/message_log.h"
+#include "platform/thread_diag.h"
+#include "platform/timer.h"
+#include "platform/tree.h"
+#include "tarvo/agent_services.h"
+
+world w;
+
+static std::string format(const char *text, va_list arguments) {
+  char buffer[600];
+  vsnprintf(buffer, sizeof buffer, text, arguments);
+  return buffer;
+}
+
+uint32_t addr(const char *text) {
+  in_addr a;
+  return inet_pton(AF_INET, text, &a) == 1 ? a.s_addr : 0;
+}
+
+std::string dotted(uint32_t address) {
+  char buffer[INET_ADDRSTRLEN];
+  return inet_ntop(AF_INET, &address, buffer, sizeof buffer);
+}
+
+void world::note(const std::string &text) {
+  std::lock_guard hold(guard);
+  did.push_back(text);
+}
+
+bool world::failing(const std::string &operation) {
+  const auto found = fail.find(operation);
+  if (found == fail.end()) return false;
+  const int call = ++calls_[operation];
+  return for_good ? call >= found->second : call == found->second;
+}
+
+std::vector<std::string> world::take() {
+  std::lock_guard hold(guard);
+  return std::exchange(did, {});
+}
+
+void tell(uint32_t client_id, uint32_t event, const void *data) {
+  static const char *const kNames[] = {"?", "ADD", "REMOVE", "END", "RESEND_END"};
+  std::string text = "tell " + std::to_string(client_id) + " " + kNames[event];
+  if (data == nullptr) text += " null";
+  if (event <= TARVO_ND_EVENT_REMOVE) {
+    const auto *info = static_cast<const tarvo_nd_nhop_info_t *>(data);
+    text += " " + dotted(info->nhop_addr) + " " + dotted(info->prefix) + "/" +
+            std::to_string(info->prefix_len);
+  }
+  w.note(text);
+}
+
+uint32_t world::start() { return tarvo_nd_init(this); }
+
+static bool idle;
+
+void world::run() {
+  for (idle = false; !idle;) tarvo_nd_work_round();
+}
+
+void world::client(uint32_t id, const char *vrf) {
+  tarvo_pe_discovery_register(id, vrf, tell);
+  run();
+}
+
+void world::report(uint32_t table, const char *address, bool add) {
+  tarvo_nd_enqueue_nhop_update(table, addr(address), add);
+  run();
+}
+
+void world::table(uint32_t id, const char *name, bool add) {
+  tarvo_nd_enqueue_table_update(name, id, add);
+  run();
+}
+
+// ------------------------------------ the agent's services ------------------------------------
+
+int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
+  int best = -1;
+  for (const std::string &route : w.routes) {
+    const size_t slash = route.find('/');
+    const int length = std::stoi(route.substr(slash + 1));
+    const uint32_t prefix = addr(route.substr(0, slash).c_str());
+    const uint32_t mask = length == 0 ? 0 : htonl(~0u << (32 - length));
+    if ((info->nhop_addr & mask) != prefix || length <= best) continue;
+    best = length;
+    info->prefix = prefix;
+    info->prefix_len = static_cast<uint8_t>(length);
+  }
+  return best >= 0 ? 0 : -1;
+}
+
+int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
+  w.note((on ? "rib on " : "rib off ") + std::to_string(table_id));
+  return w.refused.count(table_id) != 0 ? -1 : 0;
+}
+
+int tarvo_rib_ipv4_redist_reset(uint32_t table_id) {
+  w.note("rib reset " + std::to_string(table_id));
+  return -1;  // not looked at
+}
+
+uint32_t rtab_c_tbl_id_ipv4_ucast_dflt() { return 0xe0000000; }
+
+void tarvo_sa_lstrace(uint64_t mask, uint64_t id, const char *text, uint32_t code, ...) {
+  errno = 0;  // a trace may well change it
+  w.note("lstrace " + std::to_string(mask == 0x100000 && id == 0x10200106001) + " " + text + " " +
+         std::to_string(code));
+}
+
+void tarvo_sa_debug(uint32_t category, uint32_t level, const char *text, ...) {
+  va_list arguments;
+  va_start(arguments, text);
+  std::lock_guard hold(w.guard);
+  w.traces.push_back(std::to_string(category) + "/" + std::to_string(level) + " " +
+                     format(text, arguments));
+  va_end(arguments);
+}
+
+int tarvoDiscoverySetODSFns(const tarvo_nd_ods_fns_t *fns) {
+  w.note(fns == &tarvoMplsDiscoveryODSFns ? "register ods" : "?");
+  return -1;
+}
+int tarvo_ital_cb_fn_set(const tarvo_nd_ital_fns_t *fns) {
+  w.note(fns == &tarvoMplsDiscoveryItalFns ? "register ital" : "?");
+  return -1;
+}
+int tarvo_rib_cb_fn_set(const tarvo_nd_rib_fns_t *fns) {
+  w.note(fns == &tarvoMplsDiscoveryRibFns ? "register rib" : "?");
+  return -1;
+}
+int tarvo_cfg_cb_fn_set(const tarvo_nd_cfg_fns_t *fns) {
+  w.note(fns == &tarvoMplsDiscoveryCfgFns ? "register cfg" : "?");
+  return -1;
+}
+
+// ---------------------------------- faked platform services ----------------------------------
+
+static event_handler handler;
+
+int event_async_attach(void *mgr, unsigned kind, event_handler attached, void *context) {
+  errno = w.error;
+  if (w.failing("attach") || mgr != &w || kind != 128 || context != nullptr) return -1;
+  handler = attached;
+  return 5;
+}
+
+int event_init_sigevent(void *mgr, int code, long, long, sigevent *event) {
+  errno = w.error;
+  event->sigev_value.sival_int = code;
+  return w.failing("sigevent") || mgr != &w ? -1 : 0;
+}
+
+struct mgd_timer_leaf {
+  unsigned type;
+  bool running;
+  int64_t deadline;
+};
+static std::deque<mgd_timer_leaf> leaves;
+static std::recursive_mutex timers;
+
+static std::string name_of(const mgd_timer_leaf *leaf) {
+  return leaf->type == 7 ? "refresh" : leaf->type == 8 ? "clear" : "other";
+}
+
+void *mgd_timer_tree_new(sigevent *event, int) {
+  errno = w.error;
+  return w.failing("timer_tree") || event->sigev_value.sival_int != 5 ? nullptr : &leaves;
+}
+
+void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
+  errno = w.error;
+  if (w.failing("timer_leaf")) return nullptr;
+  leaves.push_back({type, false, 0});
+  return &leaves.back();
+}
+
+void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
+  std::lock_guard hold(timers);
+  if (tarvo_nd_mutex.mutex.__data.__owner == 0) w.note("start without the lock");
+  for (const mgd_timer_leaf &other : leaves)
+    if (other.running && &other != leaf) w.note("two timers run");
+  leaf->running = true;
+  leaf->deadline = w.now + delay->tv_sec * 1000000000 + delay->tv_nsec;
+  w.note("start " + name_of(leaf) + " " + std::to_string(delay->tv_sec));
+}
+
+void mgd_timer_leaf_stop(mgd_timer_leaf *leaf) {
+  std::lock_guard hold(timers);
+  leaf->running = false;
+  w.note("stop " + name_of(leaf));
+}
+
+int mgd_timer_leaf_running(mgd_timer_leaf *leaf) {
+  std::lock_guard hold(timers);
+  return leaf->running;
+}
+
+void mgd_timer_leaf_remaining(mgd_timer_leaf *leaf, timespec *left) {
+  std::lock_guard hold(timers);
+  const int64_t ns = leaf->running ? std::max<int64_t>(leaf->deadline - w.now, 0) : 0;
+  *left = {ns / 1000000000, ns % 1000000000};
+}
+
+static mgd_timer_leaf *next_due() {
+  std::lock_guard hold(timers);
+  mgd_timer_leaf *first = nullptr;
+  for (mgd_timer_leaf &leaf : leaves)
+    if (leaf.running && (first == nullptr || leaf.deadline < first->deadline)) first = &leaf;
+  return first;
+}
+
+mgd_timer_leaf *mgd_timer_tree_first_expired(void *) {
+  std::lock_guard hold(timers);
+  mgd_timer_leaf *due = next_due();
+  return due != nullptr && due->deadline <= w.now ? due : nullptr;
+}
+
+unsigned mgd_timer_leaf_type(mgd_timer_leaf *leaf) { return leaf->type; }
+
+void world::expire() { handler(nullptr); }
+
+void world::pass(double seconds) {
+  const int64_t end = now + static_cast<int64_t>(seconds * 1e9);
+  for (const mgd_timer_leaf *due = next_due(); due != nullptr && due->deadline <= end;
+       due = next_due()) {
+    now = std::max(now.load(), due->deadline);
+    expire();
+    run();
+  }
+  now = end;
+}
+
+void oxa_errmsg(const oxa_msg_rec_t *message, int severity, ...) {
+  va_list arguments;
+  va_start(arguments, severity);
+  w.note("log " + std::to_string(severity) + " " + message->mnemonic + " " +
+         format(message->format, arguments));
+  va_end(arguments);
+}
+
+void set_thread_name(const char *name, pthread_t thread) {
+  w.note(std::string("name ") + name + (pthread_equal(thread, pthread_self()) ? "" : " ?"));
+}
+void remove_thread_name(void *unused) { w.note(unused == nullptr ? "unname" : "?"); }
+void ptd_set_mutex_block(void *lock, const char *caller, int line) {
+  w.note(std::string("block ") + (lock == &tarvo_nd_mutex ? "nd " : "lock ") + caller +
+         (line > 0 ? "" : " ?"));
+}
+void ptd_unset_mutex_block() { w.note("unblock"); }
+void ptd_set_syscall_block_internal(int kind, void *, long, long) {
+  std::lock_guard hold(w.guard);
+  w.waits.push_back("wait " + std::to_string(kind));
+}
+void ptd_set_syscall_unblock() {
+  std::lock_guard hold(w.guard);
+  w.waits.push_back("waited");
+}
+
+// ------------- real services, which the linker leads through here so that they can fail
+// -------------
+
+#define WRAPPED(result, name, parameters, arguments, failed)    \
+  extern "C" result __real_##name parameters;                   \
+  extern "C" result __wrap_##name parameters {                  \
+    return w.failing(#name) ? failed : __real_##name arguments; \
+  }
+
+WRAPPED(void *, chunk_create,
+        (const char *n, unsigned long s, unsigned long c, unsigned long f, unsigned long x,
+         unsigned long y),
+        (n, s, c, f, x, y), nullptr)
+WRAPPED(void *, chunk_malloc, (void *pool), (pool), nullptr)
+WRAPPED(void *, calloc_named, (size_t n, size_t s, const char *name), (n, s, name), nullptr)
+WRAPPED(void *, avl_insert, (void *root, void *node, tree_cmp c), (root, node, c), nullptr)
+WRAPPED(int, wavl_init, (wavl_tree_t * t, unsigned long n, unsigned long z, tree_cmp c),
+        (t, n, z, c), 12)
+WRAPPED(void *, wavl_insert_thread, (wavl_tree_t * t, unsigned long n, void *node), (t, n, node),
+        nullptr)
+WRAPPED(int, sigemptyset, (sigset_t * s), (s), 1)
+WRAPPED(int, sigaddset, (sigset_t * s, int n), (s, n), 1)
+WRAPPED(int, pthread_sigmask, (int how, const sigset_t *s, sigset_t *o), (how, s, o), 1)
+WRAPPED(int, pthread_cond_signal, (pthread_cond_t * c), (c), w.error)
+
+extern "C" int __real_rmx_wait_on_revival_condvar(void *lock);
+extern "C" int __wrap_rmx_wait_on_revival_condvar(void *lock) {
+  if (w.failing("rmx_wait_on_revival_condvar")) return w.error;
+  return w.pass_revival_wait ? 0 : __real_rmx_wait_on_revival_condvar(lock);
+}
+
+// The test framework's own mutexes come through here too; only the module's fail.
+static bool fails(const char *operation, const pthread_mutex_t *mutex) {
+  const bool ours = mutex == &tarvo_nd_mutex.mutex || mutex == &tarvo_nd_mutex.revival_mutex ||
+                    mutex == &tarvo_nd_workq_mutex.mutex;
+  return ours && w.failing(operation);
+}
+
+#define WRAPPED_MUTEX(name, parameters, arguments)                  \
+  extern "C" int __real_##name parameters;                          \
+  extern "C" int __wrap_##name parameters {                         \
+    return fails(#name, mutex) ? w.error : __real_##name arguments; \
+  }
+WRAPPED_MUTEX(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
+WRAPPED_MUTEX(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
+WRAPPED_MUTEX(pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec *until),
+              (mutex, until))
+
+extern "C" int __real_pthread_mutex_trylock(pthread_mutex_t *);
+extern "C" int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex) {
+  if (w.before_lock && mutex == &tarvo_nd_mutex.mutex) std::exchange(w.before_lock, nullptr)();
+  return fails("pthread_mutex_trylock", mutex) ? EBUSY : __real_pthread_mutex_trylock(mutex);
+}
+
+extern "C" int __real_pthread_cond_wait(pthread_cond_t *, pthread_mutex_t *);
+extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex) {
+  if (w.threaded) return __real_pthread_cond_wait(cond, mutex);
+  idle = true;
+  return w.failing("pthread_cond_wait") ? w.error : 0;
+}
+
+extern "C" int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *),
+                                     void *);
+extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes,
+                                     void *(*entry)(void *), void *argument) {
+  if (entry != tarvo_nd_process_work_req)
+    return __real_pthread_create(thread, attributes, entry, argument);
+  if (w.failing("pthread_create") || attributes != nullptr || argument != nullptr) return w.error;
+  if (!w.threaded) return 0;
+  const int result = __real_pthread_create(thread, attributes, entry, argument);
+  w.worker = *thread;
+  return result;
+}

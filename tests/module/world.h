@@ -1,0 +1,75 @@
+// The module's world in the tests: a fake agent, fake timers and a recording of everything that
+// the module does to its surroundings, around the platform's real queues, pools and trees.
+//
+// The worker is single-stepped: run() handles every queued request on the calling thread and stops
+// when the worker would wait. With `threaded` set before start(), the real thread runs instead.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tarvo/discovery.h"
+
+struct world {
+  /// Everything the module did, in order, as text: "tell 1 ADD 10.0.0.1 10.0.0.0/8",
+  /// "rib on 7", "start refresh 271", "log 4 ERR_MEM During mallocing ...".
+  std::vector<std::string> did;
+  std::vector<std::string> traces;  ///< debug traces
+  std::vector<std::string> waits;   ///< announcements of the worker's wait
+
+  /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch on.
+  std::set<std::string> routes;
+  std::set<uint32_t> refused;
+
+  /// The n-th call of an operation fails (for thread calls: with `error`), and so do later ones
+  /// when `for_good`. Operations: "chunk_malloc", "pthread_cond_signal", "timer_leaf", ...
+  std::map<std::string, int> fail;
+  bool for_good = false;
+  int error = 11;
+  bool pass_revival_wait = false;  ///< a wait for a revival returns 0 at once
+
+  /// Runs once, just before the nd mutex is tried next.
+  std::function<void()> before_lock;
+
+  std::atomic<int64_t> now = 0;  ///< fake time, nanoseconds
+  bool threaded = false;
+  pthread_t worker = {};
+  std::mutex guard;  ///< for `did` and `traces` when threads run
+
+  uint32_t start();  ///< tarvo_nd_init
+  void run();
+  /// Lets fake time pass, handling expiries when they are due, and runs the worker after each.
+  void pass(double seconds);
+  void advance(int64_t seconds) { now += seconds * 1000000000; }
+  void expire();  ///< delivers the timer event
+  /// What was done since the last call.
+  std::vector<std::string> take();
+
+  void client(uint32_t id, const char *vrf = nullptr);
+  void report(uint32_t table, const char *address, bool add = true);
+  void table(uint32_t id, const char *name, bool add = true);
+
+  bool failing(const std::string &operation);
+  void forget_calls() { calls_.clear(); }
+  void note(const std::string &text);
+
+ private:
+  std::map<std::string, int> calls_;
+};
+
+/// Each test runs in a process of its own, and this is its world.
+extern world w;
+
+/// A callback that records "tell ID EVENT address prefix".
+void tell(uint32_t client_id, uint32_t event, const void *data);
+
+uint32_t addr(const char *dotted);
+std::string dotted(uint32_t address);
