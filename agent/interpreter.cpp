@@ -51,14 +51,6 @@ std::vector<pool_info> pools() {
 
 interpreter::interpreter(const parts &agent) : agent_(agent) {}
 
-std::string interpreter::run_line(std::string_view line) {
-  const auto parsed = parse_command(line);
-  if (const auto *error = std::get_if<command_error>(&parsed)) {
-    return std::to_string(error->column) + ": " + error->text;
-  }
-  return run(std::get<command>(parsed));
-}
-
 std::string interpreter::run(const command &c) {
   switch (c.what) {
     case verb::none:

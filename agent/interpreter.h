@@ -9,7 +9,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -37,8 +36,6 @@ class interpreter {
 
   explicit interpreter(const parts &agent);
 
-  /// Parses and runs a line. An empty string, or what is wrong: "COLUMN: text" or "text".
-  std::string run_line(std::string_view line);
   /// An empty string, or why the command was refused.
   std::string run(const command &c);
 

@@ -10,7 +10,6 @@
 
 #include <CLI/CLI.hpp>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -171,6 +170,12 @@ class agent_program {
     if (!start_module() || !run_config(config)) return 1;
     if (!ended()) run_input();
     watchers_.unwatch_all();
+    out_.flush();
+    const int error = out_.error();
+    if (error != 0 && error != EPIPE) {  // a reader who left had enough: no failure
+      complain(std::string("standard output: ") + strerror(error));
+      failed_ = true;
+    }
     return failed_ ? 1 : 0;
   }
 
@@ -232,11 +237,20 @@ class agent_program {
     complain(error);
   }
 
+  /// An empty string, or what is wrong and where.
+  std::string execute(const std::string &where, const std::string &line) {
+    const auto parsed = parse_command(line);
+    if (const auto *error = std::get_if<command_error>(&parsed)) {
+      return where + ':' + std::to_string(error->column) + ": " + error->text;
+    }
+    const std::string refused = commands_.run(std::get<command>(parsed));
+    return refused.empty() ? refused : where + ": " + refused;
+  }
+
   /// The line is shown before what it prints, so that the output reads like a dialogue.
   void run_line(const std::string &where, const std::string &line) {
     if (!options_.json) out_.print("> " + printable(line) + '\n');
-    const std::string error = commands_.run_line(line);
-    if (!error.empty()) note(where + ':' + (isdigit(error[0]) ? "" : " ") + error);
+    note(execute(where, line));
   }
 
   /// Waits for standard input; false: the agent is to end.
@@ -252,7 +266,9 @@ class agent_program {
 
   /// Without a router to listen to, the agent ends with its commands.
   void await_end() {
-    if (!options_.listen.empty()) await_input(false);
+    if (options_.listen.empty()) return;
+    complain("standard input is at its end; listening until SIGINT or SIGTERM");
+    await_input(false);
   }
 
   void pipe_loop() {
@@ -278,9 +294,9 @@ class agent_program {
     while (await_input(true)) {
       std::optional<std::string> line;
       if (!terminal_.read_key(line)) continue;
-      if (!line) break;
+      if (!line) return await_end();
       // A person sees the error and corrects it: no reason to call the run a failure.
-      const std::string error = commands_.run_line(*line);
+      const std::string error = execute("standard input", *line);
       if (!error.empty()) complain(error);
       if (!ended()) terminal_.show();
     }
@@ -304,10 +320,11 @@ class agent_program {
   interpreter commands_;
 };
 
+const std::map<std::string, bmp_view> kViews = {{"loc-rib", bmp_view::loc_rib},
+                                                {"post-policy", bmp_view::post_policy},
+                                                {"pre-policy", bmp_view::pre_policy}};
+
 void describe(CLI::App &app, options &into) {
-  const std::map<std::string, bmp_view> views = {{"loc-rib", bmp_view::loc_rib},
-                                                 {"post-policy", bmp_view::post_policy},
-                                                 {"pre-policy", bmp_view::pre_policy}};
   app.set_version_flag("--version", "tarvo-agent " TARVO_VERSION);
   app.add_option("--config", into.config, "Start-up file: commands, run before all else")
       ->type_name("FILE");
@@ -315,9 +332,10 @@ void describe(CLI::App &app, options &into) {
   app.add_option("--listen", into.listen, "Accept BMP routers (repeatable)")
       ->type_name("[ADDRESS:]PORT")
       ->allow_extra_args(false);
-  app.add_option("--view", into.view, "The view of its routes to learn from a router")
-      ->type_name("loc-rib|post-policy|pre-policy")
-      ->transform(CLI::CheckedTransformer(views).description(""));
+  app.add_option_function<std::string>(
+         "--view", [&into](const std::string &name) { into.view = kViews.at(name); },
+         "The view of its routes to learn from a router (loc-rib if not given)")
+      ->check(CLI::IsMember(&kViews).description("loc-rib|post-policy|pre-policy"));
   app.add_option("--command", into.commands, "Run a command, before standard input (repeatable)")
       ->type_name("LINE")
       ->allow_extra_args(false);

@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <utility>
 
 #include "platform/thread_diag.h"
@@ -43,7 +41,7 @@ void output::post(pe_event event) {
 void output::print(std::string lines) {
   {
     scoped_lock held(lock_);
-    if (closed_) return;
+    if (error_ != 0) return;
     queue_.emplace_back(std::move(lines));
   }
   changed_.notify_all();
@@ -52,26 +50,27 @@ void output::print(std::string lines) {
 
 void output::flush() {
   scoped_lock held(lock_);
-  while ((!queue_.empty() || writing_) && !closed_) changed_.wait(lock_);
+  while ((!queue_.empty() || writing_) && error_ == 0) changed_.wait(lock_);
 }
 
-bool output::closed() const {
+int output::error() const {
   scoped_lock held(lock_);
-  return closed_;
+  return error_;
 }
 
 void output::run() {
   set_thread_name("output", pthread_self());
-  bool open = true;
+  int error = 0;
   for (batch taken; take(taken);) {
-    const bool was_open = std::exchange(open, open && write_out(taken));
+    const bool was_open = error == 0;
+    if (was_open) error = write_out(taken);
     {
       scoped_lock held(lock_);
       writing_ = false;
-      closed_ = !open;
+      error_ = error;
     }
     changed_.notify_all();
-    if (was_open && !open) on_closed_();
+    if (was_open && error != 0) on_closed_();
   }
   remove_thread_name(nullptr);
 }
@@ -89,7 +88,7 @@ bool output::take(batch &taken) {
   return true;
 }
 
-bool output::write_out(const batch &taken) {
+int output::write_out(const batch &taken) {
   constexpr size_t kWrite = 65536;
   std::string lines;
   for (const entry &e : taken.entries) {
@@ -99,14 +98,14 @@ bool output::write_out(const batch &taken) {
       lines += std::get<std::string>(e);
     }
     if (lines.size() < kWrite) continue;
-    if (!write_(lines)) return false;
+    if (const int error = write_(lines); error != 0) return error;
     lines.clear();
   }
   // Events are lost only while the queue is full, so they came after all that was in it.
   if (taken.lost > 0) {
     lines += (json_ ? lost_json(taken.lost, taken.last_seq) : lost_text(taken.lost)) + '\n';
   }
-  return lines.empty() || write_(lines);
+  return lines.empty() ? 0 : write_(lines);
 }
 
 output::sink write_to(int fd) {
@@ -119,13 +118,10 @@ output::sink write_to(int fd) {
         pollfd ready{fd, POLLOUT, 0};
         poll(&ready, 1, -1);
       } else if (errno != EINTR) {
-        if (errno != EPIPE) {
-          fprintf(stderr, "tarvo-agent: standard output: %s\n", strerror(errno));
-        }
-        return false;
+        return errno;
       }
     }
-    return true;
+    return 0;
   };
 }
 

@@ -28,8 +28,8 @@ class output {
   /// Entries kept while nobody reads.
   static constexpr size_t kMaxQueued = 65536;
 
-  /// Writes whole lines; false closes the output.
-  using sink = std::function<bool(std::string_view lines)>;
+  /// Writes whole lines. Returns 0, or the error number that closes the output.
+  using sink = std::function<int(std::string_view lines)>;
 
   /// `on_closed` is called once, on the writer's thread.
   output(bool json, sink write, std::function<void()> on_closed);
@@ -46,7 +46,9 @@ class output {
   void print(std::string lines) TARVO_EXCLUDES(lock_);
   /// Returns when everything queued before is written, or the output is closed.
   void flush() TARVO_EXCLUDES(lock_);
-  bool closed() const TARVO_EXCLUDES(lock_);
+  bool closed() const TARVO_EXCLUDES(lock_) { return error() != 0; }
+  /// The error that closed the output, or 0.
+  int error() const TARVO_EXCLUDES(lock_);
 
  private:
   using entry = std::variant<pe_event, std::string>;
@@ -59,7 +61,7 @@ class output {
 
   void run() TARVO_EXCLUDES(lock_);
   bool take(batch &taken) TARVO_EXCLUDES(lock_);
-  bool write_out(const batch &taken);
+  int write_out(const batch &taken);
 
   const bool json_;
   const sink write_;
@@ -71,14 +73,13 @@ class output {
   uint64_t seq_ TARVO_GUARDED_BY(lock_) = 0;   ///< of the last event, lost ones included
   uint64_t lost_ TARVO_GUARDED_BY(lock_) = 0;  ///< since the writer last took the queue
   bool writing_ TARVO_GUARDED_BY(lock_) = false;
-  bool closed_ TARVO_GUARDED_BY(lock_) = false;
+  int error_ TARVO_GUARDED_BY(lock_) = 0;
   bool stop_ TARVO_GUARDED_BY(lock_) = false;
 
   std::thread writer_;
 };
 
-/// A sink that writes to a descriptor, and says on standard error why it failed unless the reader
-/// just left.
+/// A sink that writes to a descriptor.
 output::sink write_to(int fd);
 
 }  // namespace agent

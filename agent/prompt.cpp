@@ -85,7 +85,7 @@ bool prompt::read_key(std::optional<std::string> &line) {
   return true;
 }
 
-bool prompt::print_above(const std::function<bool()> &print) {
+int prompt::print_above(const std::function<int()> &print) {
   scoped_lock held(lock_);
   if (!shown_) return print();
 
@@ -96,9 +96,9 @@ bool prompt::print_above(const std::function<bool()> &print) {
   if (columns > 0 && cursor >= columns) printf("\x1b[%dA", cursor / columns);
   printf("\r\x1b[J");
   fflush(stdout);
-  const bool printed = print();
+  const int error = print();
   rl_forced_update_display();
-  return printed;
+  return error;
 }
 
 }  // namespace agent

@@ -39,8 +39,9 @@ class prompt {
   /// standard input is at its end (`line` is empty).
   bool read_key(std::optional<std::string> &line) TARVO_EXCLUDES(lock_);
 
-  /// Runs `print` with the cursor where the prompt begins, and puts the prompt below. Any thread.
-  bool print_above(const std::function<bool()> &print) TARVO_EXCLUDES(lock_);
+  /// Runs `print` with the cursor where the prompt begins, and puts the prompt below. Returns what
+  /// `print` does. Any thread.
+  int print_above(const std::function<int()> &print) TARVO_EXCLUDES(lock_);
 
  private:
   void remove() TARVO_REQUIRES(lock_);
