@@ -48,13 +48,13 @@ node **place_of(node **root, node *parent, const node *n) {
   return parent == nullptr ? root : &child(parent, side_of(parent, n));
 }
 
-node *outermost(node *n, int side) {
-  while (child(n, side) != nullptr) n = child(n, side);
+node *leftmost(node *n) {
+  while (n->left != nullptr) n = n->left;
   return n;
 }
 
 node *successor(const node *n) {
-  if (n->right != nullptr) return outermost(n->right, 0);
+  if (n->right != nullptr) return leftmost(n->right);
   node *parent = parent_of(n);
   while (parent != nullptr && parent->right == n) {
     n = parent;
@@ -199,22 +199,17 @@ node *first_after(node *root, const void *key, tree_cmp cmp) {
 
 // Puts the first record of `n`'s right subtree into the place of `n`, which has both children.
 void erase_inner(node **root, node *n) {
-  node *heir = outermost(n->right, 0);
-  node *shrunk = parent_of(heir);
-  const int side = shrunk == n;
-  if (shrunk == n) {
-    shrunk = heir;
-  } else {
-    shrunk->left = heir->right;
-    if (heir->right != nullptr) set_parent(heir->right, shrunk);
-    heir->right = n->right;
-    set_parent(n->right, heir);
+  node *heir = leftmost(n->right);
+  const bool adjacent = heir == n->right;
+  node *shrunk = adjacent ? heir : parent_of(heir);
+  if (!adjacent) {
+    adopt(shrunk, 0, heir->right);
+    adopt(heir, 1, n->right);
   }
-  heir->left = n->left;
-  set_parent(n->left, heir);
-  heir->parent = n->parent;
+  adopt(heir, 0, n->left);
   *place_of(root, parent_of(n), n) = heir;
-  retrace_loss(root, shrunk, side);
+  heir->parent = n->parent;
+  retrace_loss(root, shrunk, adjacent ? 1 : 0);
 }
 
 void erase_outer(node **root, node *n) {
@@ -265,7 +260,7 @@ int avl_walk(void *root, int (*visit)(void *node, void *arg), void *arg) {
 }
 
 void *avl_get_first(void *root) {
-  return root == nullptr ? nullptr : outermost(static_cast<node *>(root), 0);
+  return root == nullptr ? nullptr : leftmost(static_cast<node *>(root));
 }
 
 void *avl_get_next(void *node_address) {
