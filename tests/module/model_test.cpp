@@ -8,8 +8,10 @@
 #include <optional>
 #include <random>
 
+#include "db/nhop_table.h"
 #include "engine/shared_words.h"
 #include "engine/timers.h"
+#include "platform/pool.h"
 #include "query/nhop_query.h"
 #include "tarvo/discovery.h"
 #include "tests/module/world.h"
@@ -335,12 +337,12 @@ void offer(model &m, Random &pick) {
   r.name = pick.of(kNames);
   const char *name = r.name.empty() && pick.one_in(2) ? nullptr : r.name.c_str();
   const unsigned what = pick.below(20);
-  if (what < 11) {
+  if (what < 10) {
     r.what = request::report;
     r.host = 1 + pick.below(2) * 8 + pick.below(3);
     const std::string address = "10.0.0." + std::to_string(r.host);
     tarvo_nd_enqueue_nhop_update(r.id, addr(address.c_str()), r.add ? 5 : 0);
-  } else if (what < 13) {
+  } else if (what < 12) {
     r.what = request::client_reg;
     tarvo_pe_discovery_register(r.id, name, tell);
   } else if (what < 15) {
@@ -360,7 +362,30 @@ void offer(model &m, Random &pick) {
   m.queue.push_back(r);
 }
 
+// Elements in use by pool; a pool that is gone is missing.
+std::map<std::string, uint64_t> pools() {
+  std::map<std::string, uint64_t> found;
+  chunk_walk_pools(
+      [](const chunk_info_t *info, void *arg) {
+        (*static_cast<std::map<std::string, uint64_t> *>(arg))[info->name] += info->in_use;
+        return 1;
+      },
+      &found);
+  return found;
+}
+
+std::map<std::string, uint64_t> expected_pools(const model &m) {
+  std::map<std::string, uint64_t> expected = {{"PE Discovery workQ Chunk", 0}};
+  if (!m.active) return expected;
+  expected["PE Discovery NHop Chunk"] = m.hops.size();
+  uint64_t &references = expected["PE Discovery Table ID Chunk"];
+  for (const auto &[host, hop] : m.hops) references += hop.tables.size();
+  return expected;
+}
+
 void expect_same_database(model &m) {
+  ASSERT_EQ(pools(), expected_pools(m));
+  ASSERT_EQ(tarvo_nd_nhop_count, static_cast<int>(m.hops.size()));
   ASSERT_EQ(tarvo_nd_is_active() != 0, m.active);
   const int64_t left = !m.active ? -1 : m.deadline - m.now;
   const bool refreshing = m.timer == 7;

@@ -8,6 +8,7 @@
 #include <deque>
 #include <utility>
 
+#include "db/nhop_table.h"
 #include "engine/state.h"
 #include "engine/timers.h"
 #include "engine/worker.h"
@@ -288,8 +289,6 @@ WRAPPED(void *, chunk_create,
 WRAPPED(void *, chunk_malloc, (void *pool), (pool), nullptr)
 WRAPPED(void *, calloc_named, (size_t n, size_t s, const char *name), (n, s, name), nullptr)
 WRAPPED(void *, avl_insert, (void *root, void *node, tree_cmp c), (root, node, c), nullptr)
-WRAPPED(int, wavl_init, (wavl_tree_t * t, unsigned long n, unsigned long z, tree_cmp c),
-        (t, n, z, c), 12)
 WRAPPED(void *, wavl_insert_thread, (wavl_tree_t * t, unsigned long n, void *node), (t, n, node),
         nullptr)
 WRAPPED(int, sigemptyset, (sigset_t * s), (s), 1)
@@ -309,6 +308,38 @@ static bool fails(const char *operation, const pthread_mutex_t *mutex) {
                     mutex == &tarvo_nd_workq_mutex.mutex;
   return ours && w.failing(operation);
 }
+
+// The next-hop tree lives from its initialisation to its finish; nobody looks at it in between.
+static std::atomic<bool> tree_lives;
+
+static void check_lives(wavl_tree_t *tree) {
+  if (tree == &tarvo_nd_nhop_tree && !tree_lives) w.note("a finished tree is touched");
+}
+
+extern "C" int __real_wavl_init(wavl_tree_t *, unsigned long, unsigned long, tree_cmp);
+extern "C" int __wrap_wavl_init(wavl_tree_t *tree, unsigned long threads, unsigned long zero,
+                                tree_cmp cmp) {
+  if (w.failing("wavl_init")) return 12;
+  if (tree == &tarvo_nd_nhop_tree && tree_lives.exchange(true))
+    w.note("a live tree is initialised");
+  return __real_wavl_init(tree, threads, zero, cmp);
+}
+
+extern "C" void __real_wavl_finish(wavl_tree_t *);
+extern "C" void __wrap_wavl_finish(wavl_tree_t *tree) {
+  if (tree == &tarvo_nd_nhop_tree) tree_lives = false;
+  __real_wavl_finish(tree);
+}
+
+#define WRAPPED_TREE(name, parameters, arguments) \
+  extern "C" void *__real_##name parameters;      \
+  extern "C" void *__wrap_##name parameters {     \
+    check_lives(tree);                            \
+    return __real_##name arguments;               \
+  }
+WRAPPED_TREE(wavl_search, (wavl_tree_t * tree, const void *key, unsigned long n), (tree, key, n))
+WRAPPED_TREE(wavl_get_first, (wavl_tree_t * tree, unsigned long n), (tree, n))
+WRAPPED_TREE(wavl_get_next, (wavl_tree_t * tree, const void *key, unsigned long n), (tree, key, n))
 
 #define WRAPPED_MUTEX(name, parameters, arguments)                  \
   extern "C" int __real_##name parameters;                          \
