@@ -167,7 +167,7 @@ void bmp_session::read_message(std::span<const uint8_t> message) {
   const uint8_t type = in.u8();
   if (type == kInitiation)
     read_initiation(in);
-  else if (type == kTermination && !terminated_)
+  else if (type == kTermination)
     terminate();
   else if (!terminated_)
     read_peer_message(type, in);
