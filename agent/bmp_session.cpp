@@ -135,9 +135,12 @@ void bmp_session::finish(const std::string &error) {
   end();
 }
 
+// Whoever replays a recording is told of it as the replay's result.
 void bmp_session::fail_stream(const char *kind, const std::string &text) {
   stream_error_ = text;
-  report(kind, text);
+  if (kind_ == source_kind::connection) return report(kind, text);
+  ++malformed_[kind];
+  last_error_ = text;
 }
 
 void bmp_session::end() {
