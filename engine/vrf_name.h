@@ -10,7 +10,8 @@ using vrf_name_t = char[TARVO_ND_VRF_NAME_SIZE];
 
 /// Copies `name`, cut to what fits; null is the empty name.
 inline void tarvo_nd_vrf_name_copy(vrf_name_t &to, const char *name) {
-  const size_t length = name == nullptr ? 0 : strnlen(name, sizeof to - 1);
+  if (name == nullptr) name = "";
+  const size_t length = strnlen(name, sizeof to - 1);
   memcpy(to, name, length);
   memset(to + length, 0, sizeof to - length);
 }

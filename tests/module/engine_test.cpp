@@ -127,7 +127,8 @@ TEST(Guarded, EveryPathOfLockAndUnlock) {
     EXPECT_EQ(w.take(), path.expected) << path.what;
     w.fail.clear();
     tarvo_nd_mutex.revival_pending = 0;
-    pthread_mutex_unlock(&tarvo_nd_mutex.mutex);  // where the path left it locked
+    pthread_mutex_trylock(&tarvo_nd_mutex.mutex);  // some paths left it locked
+    pthread_mutex_unlock(&tarvo_nd_mutex.mutex);
     finished.release();
     other.join();
   }
@@ -141,6 +142,8 @@ TEST(Guarded, AFailedBlockingLockLogsAndGoesOn) {
   EXPECT_EQ(w.take(), (texts{"block lock caller", "unblock",
                              "log 5 INTERNAL Cannot lock workQ mutex, error:22:Invalid argument"}));
   tarvo_nd_workq_mutex.revival_pending = 0;
+  w.fail = {{"pthread_mutex_unlock", 1}};
+  w.error = 1;
   unlock(&tarvo_nd_workq_mutex);
   EXPECT_EQ(w.take(),
             texts{"log 5 INTERNAL Cannot unlock workQ mutex, error:1:Operation not permitted"});

@@ -19,7 +19,8 @@
 #include "platform/tree.h"
 #include "tarvo/agent_services.h"
 
-world w;
+// Never destroyed: the worker outlives main().
+world &w = *new world;
 
 static std::string format(const char *text, va_list arguments) {
   char buffer[600];
@@ -172,7 +173,7 @@ struct mgd_timer_leaf {
   bool running;
   int64_t deadline;
 };
-static std::deque<mgd_timer_leaf> leaves;
+static std::deque<mgd_timer_leaf> &leaves = *new std::deque<mgd_timer_leaf>;
 static std::recursive_mutex timers;
 
 static std::string name_of(const mgd_timer_leaf *leaf) {

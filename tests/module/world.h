@@ -66,7 +66,7 @@ struct world {
 };
 
 /// Each test runs in a process of its own, and this is its world.
-extern world w;
+extern world &w;
 
 /// A callback that records "tell ID EVENT address prefix".
 void tell(uint32_t client_id, uint32_t event, const void *data);
