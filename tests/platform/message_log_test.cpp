@@ -1,13 +1,14 @@
 // The lines that arrive on standard error, which a test sends to a file of its own.
 #include "platform/message_log.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <regex>
+#include <algorithm>
 #include <string>
 #include <thread>
 #include <vector>
@@ -63,7 +64,9 @@ TEST(MessageLog, WritesOneLineInUtc) {
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].substr(kStampLength),
             " TARVO-KORV-4-INTERNAL: Cannot lock nd mutex, error:22:two?lines");
-  EXPECT_TRUE(std::regex_search(lines[0], std::regex(R"(^[-0-9]{10}T[:0-9]{8}\.\d{3}Z )")));
+  std::string stamp = lines[0].substr(0, kStampLength);
+  std::replace_if(stamp.begin(), stamp.end(), isdigit, '9');
+  EXPECT_EQ(stamp, "9999-99-99T99:99:99.999Z");
   struct tm utc = {};
   strptime(lines[0].c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
   EXPECT_GE(timegm(&utc), before);

@@ -10,6 +10,14 @@
 #include <string>
 #include <vector>
 
+// A pool without memory is a case of its own here, also under sanitizers.
+extern "C" __attribute__((visibility("default"))) const char *__asan_default_options() {
+  return "allocator_may_return_null=1";
+}
+extern "C" __attribute__((visibility("default"))) const char *__tsan_default_options() {
+  return "allocator_may_return_null=1";
+}
+
 namespace {
 
 constexpr unsigned long kQueue = CHUNK_GROW | CHUNK_TRIM;
