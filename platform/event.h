@@ -24,13 +24,17 @@ PLATFORM_API void event_mgr_destroy(void *mgr);
 /* Waits for events and runs their handlers until event_mgr_stop. Returns 0, or -1 with errno. */
 PLATFORM_API int event_mgr_dispatch(void *mgr);
 
-/* Makes the dispatching thread return from event_mgr_dispatch. Any thread. */
+/*
+ * Makes the dispatching thread return from event_mgr_dispatch, or the next call of it when there is
+ * none. Events raised and not handled yet stay for a later dispatch. Any thread.
+ */
 PLATFORM_API void event_mgr_stop(void *mgr);
 
 /*
  * Attaches `handler` for a new asynchronous event; `context` is passed to it. The second argument
  * is EVENT_COALESCE, the only kind there is. Returns the event's code (0 or more), or -1 with
- * errno set. Attachments last as long as the manager.
+ * errno set (EINVAL for another kind, a null handler or manager). Attachments last as long as the
+ * manager; memory alone bounds their number.
  */
 enum { EVENT_COALESCE = 128 };
 PLATFORM_API int event_async_attach(void *mgr, unsigned kind, event_handler handler, void *context);

@@ -4,6 +4,8 @@
  * A message is a record that never changes, held by whoever logs it: the log reads facility,
  * group, mnemonic and format from it. A line is
  *     2026-11-24T19:30:00.123Z TARVO-KORV-4-ERR_MEM: During mallocing NHop Chunk
+ * with the time in UTC. A line has at most 1024 bytes: a longer text is cut and ends in "...". A
+ * control character in it is written as "?". Each line is one write, so threads never mix theirs.
  */
 #ifndef TARVO_PLATFORM_MESSAGE_LOG_H
 #define TARVO_PLATFORM_MESSAGE_LOG_H
@@ -13,8 +15,9 @@
 PLATFORM_BEGIN
 
 /*
- * Rate limit of one message: at most one line per `limit` seconds. Lines held back are counted,
- * and the next line that is printed says how many they were. `state` is the log's own.
+ * Rate limit of one message: at least `limit` seconds between two of its lines; 0 is no limit.
+ * Lines held back are counted, and the next line that is printed ends in " (N suppressed)".
+ * `state`, all zero at first, is the log's own.
  */
 typedef struct oxa_msg_limit {
   uint32_t limit;

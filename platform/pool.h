@@ -2,8 +2,10 @@
  * Pools of fixed-size elements.
  *
  * A pool grows by chunks of `count` elements and gives chunks back when they empty, keeping a few
- * so that a pool that breathes does not thrash. One pool is used by one thread at a time (its
- * user's lock); creating, destroying and listing pools is safe from any thread.
+ * so that a pool that breathes does not thrash: two at first, more (128 at most) for a pool that
+ * keeps needing what it gave back, and fewer again as more chunks run empty. One pool is used by
+ * one thread at a time (its user's lock); creating and listing pools is safe from any thread, and
+ * so is destroying one that nobody uses any more.
  */
 #ifndef TARVO_PLATFORM_POOL_H
 #define TARVO_PLATFORM_POOL_H
@@ -21,7 +23,9 @@ enum {
 
 /*
  * Creates a pool of elements of `size` bytes (aligned to 8). `name` is copied. The last two
- * arguments are 0. Returns a handle, or null without memory or for a size or count of 0.
+ * arguments are 0. Returns a handle, or null with errno set: without memory, for a null name, for a
+ * size or count of 0, or when a chunk would exceed the address space. The first chunk is allocated
+ * with the first element.
  */
 PLATFORM_API void *chunk_create(const char *name, unsigned long size, unsigned long count,
                                 unsigned long flags, unsigned long zero1, unsigned long zero2);
@@ -32,7 +36,10 @@ PLATFORM_API void chunk_destroy(void *pool);
 /* An element, or null when memory is gone or the pool's limit is reached. */
 PLATFORM_API void *chunk_malloc(void *pool);
 
-/* Returns an element to the pool it came from. */
+/*
+ * Returns an element to the pool it came from. An element that is not in use ends the process with
+ * a message on standard error: the memory behind it can no longer be trusted.
+ */
 PLATFORM_API void chunk_free(void *pool, void *element);
 
 /* Limits the elements in use at once; 0, as at creation, is no limit. */

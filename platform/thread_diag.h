@@ -13,7 +13,10 @@
 
 PLATFORM_BEGIN
 
-/* Names a thread (cut to 15 characters for the system's tools). */
+/*
+ * Names a thread (cut to 15 characters, the system's limit). ptd_walk_threads shows the names that
+ * threads gave themselves; a name given to another thread is seen by the system's tools only.
+ */
 PLATFORM_API void set_thread_name(const char *name, pthread_t thread);
 
 /* Takes the calling thread's name away. The argument, null, makes it a clean-up handler. */
@@ -37,7 +40,10 @@ typedef struct ptd_info {
   int wait_kind;      /* kind of a system wait, or 0 */
 } ptd_info_t;
 
-/* Calls `visit` for every known thread while it returns 1. Any thread. */
+/*
+ * Calls `visit` for every known thread while it returns 1. Any thread. A thread that announces or
+ * withdraws a wait meanwhile may show half of it. `visit` must not call this service.
+ */
 PLATFORM_API void ptd_walk_threads(int (*visit)(const ptd_info_t *info, void *arg), void *arg);
 
 PLATFORM_END

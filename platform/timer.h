@@ -4,7 +4,8 @@
  * A leaf counts as running from its start until it is stopped, also while it is expired and not
  * yet handled. When a leaf expires the tree's sigevent is delivered, once per expiry; who receives
  * it asks for the first expired leaf, stops or restarts it, and asks again until there is none.
- * Every call is safe from any thread. One thread per tree waits for deadlines; nothing polls.
+ * A delivery may find that its leaf has been stopped in the meantime. Every call is safe from any
+ * thread. One thread per tree waits for deadlines; nothing polls.
  */
 #ifndef TARVO_PLATFORM_TIMER_H
 #define TARVO_PLATFORM_TIMER_H
@@ -25,13 +26,19 @@ typedef struct mgd_timer_leaf mgd_timer_leaf_t;
  */
 PLATFORM_API void *mgd_timer_tree_new(struct sigevent *event, int zero);
 
-/* Ends the tree's thread and frees the tree with its leaves. Null is ignored. */
+/*
+ * Ends the tree's thread and frees the tree with its leaves, which nobody uses any more. Not from a
+ * delivery. Null is ignored.
+ */
 PLATFORM_API void mgd_timer_tree_destroy(void *tree);
 
 /* A stopped leaf of the tree, or null with errno set. The second and fourth arguments are 0. */
 PLATFORM_API void *mgd_timer_leaf_new(void *tree, int zero1, unsigned type, int zero2);
 
-/* (Re)starts the leaf: it expires `delay` from now. A delay of zero has expired at once. */
+/*
+ * (Re)starts the leaf: it expires `delay` from now. A delay of zero, or a negative one, has expired
+ * at once; any 32-bit number of seconds is exact.
+ */
 PLATFORM_API void mgd_timer_leaf_start(mgd_timer_leaf_t *l, const struct timespec *delay);
 
 /* Stops the leaf; an expiry not yet handled is forgotten. No effect on a stopped leaf. */

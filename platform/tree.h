@@ -26,7 +26,7 @@ typedef int (*tree_cmp)(const void *a, const void *b);
 typedef struct avl_node {
   struct avl_node *left;
   struct avl_node *right;
-  uintptr_t parent; /* parent's address, with the balance in the two lowest bits */
+  uintptr_t parent; /* parent's address, with the balance in the low two bits; never 0 in a tree */
 } avl_node_t;
 
 typedef avl_node_t wavl_node_t;
