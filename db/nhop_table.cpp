@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include <cstring>
+
 #include "db/notify.h"
 #include "engine/shared_words.h"
 #include "platform/pool.h"
@@ -74,7 +76,7 @@ bool tarvo_nd_nhop_table_empty(wavl_tree_t *tables) {
 }
 
 void tarvo_nd_nhop_copy(tarvo_nd_nhop_t *to, const tarvo_nd_nhop_t *nhop) {
-  to->info = nhop->info;
+  memcpy(&to->info, &nhop->info, sizeof to->info);  // padding and all
   to->flags = nhop->flags;
 }
 

@@ -11,10 +11,13 @@ static void *tarvo_nd_workq_chunk TARVO_GUARDED_BY(tarvo_nd_workq_mutex) = nullp
 static queue_t tarvo_nd_workq TARVO_GUARDED_BY(tarvo_nd_workq_mutex);
 static pthread_cond_t tarvo_nd_workq_cond = PTHREAD_COND_INITIALIZER;
 
+constexpr unsigned long kPoolFlags = CHUNK_GROW | CHUNK_TRIM;
+static_assert(kPoolFlags == 0x201);
+
 bool tarvo_nd_workq_create() TARVO_NO_THREAD_SAFETY_ANALYSIS {
   queue_init(&tarvo_nd_workq, 0);
-  tarvo_nd_workq_chunk = chunk_create("PE Discovery workQ Chunk", sizeof(tarvo_nd_work_req_t), 100,
-                                      CHUNK_GROW | CHUNK_TRIM, 0, 0);
+  tarvo_nd_workq_chunk =
+      chunk_create("PE Discovery workQ Chunk", sizeof(tarvo_nd_work_req_t), 100, kPoolFlags, 0, 0);
   return tarvo_nd_workq_chunk != nullptr;
 }
 
