@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,16 +95,18 @@ TEST(MessageLog, HoldsBackAndCounts) {
   oxa_errmsg(&unlimited, 5);
   ASSERT_EQ(capture.lines().size(), 2u);
 
-  struct timespec begin, end;
-  clock_gettime(CLOCK_MONOTONIC, &begin);
-  long calls = 0;
-  for (; capture.lines().size() < 4; ++calls) oxa_errmsg(&limited, 5);
-  clock_gettime(CLOCK_MONOTONIC, &end);
-  EXPECT_GE((end.tv_sec - begin.tv_sec) * 1'000'000'000 + end.tv_nsec - begin.tv_nsec,
-            1'000'000'000);
+  const auto begin = std::chrono::steady_clock::now();
+  long calls = 0, held_back[3] = {};
+  for (size_t line = 0; line < 3; ++line, calls = 0) {
+    for (; capture.lines().size() < 3 + line; ++calls) oxa_errmsg(&limited, 5);
+    held_back[line] = calls - 1;
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
   const auto lines = capture.lines();
   EXPECT_TRUE(lines[2].ends_with(": again"));
-  EXPECT_TRUE(lines[3].ends_with(": again (" + std::to_string(calls - 2) + " suppressed)"));
+  for (size_t line : {1u, 2u})
+    EXPECT_TRUE(
+        lines[2 + line].ends_with(": again (" + std::to_string(held_back[line]) + " suppressed)"));
 }
 
 TEST(MessageLog, KeepsLinesOfThreadsApart) {
