@@ -41,11 +41,17 @@ class fake_module {
   }
 
   // What the worker asks of the RIB; each returns when the worker has done it.
-  int on(uint32_t table) {
+  // The worker may stand still until so much is queued, and a while longer.
+  int on(uint32_t table, size_t until_queued = 0) {
     return handled([=, this] {
       silent(table, false);
       counts_[table].clear();
-      return tarvo_rib_ipv4_redist(table, 1);
+      int result = tarvo_rib_ipv4_redist(table, 1);
+      std::unique_lock queue_held(queue_lock_);
+      queued_.wait(queue_held, [=, this] { return queue_.size() >= until_queued; });
+      queue_held.unlock();
+      for (int i = 0; until_queued != 0 && i < 1000; ++i) std::this_thread::yield();
+      return result;
     });
   }
   int off(uint32_t table) {
@@ -89,15 +95,6 @@ class fake_module {
     std::lock_guard held(nd_);
     return counts_;
   }
-  // Keeps the worker from handling anything until that much is queued, and a while longer.
-  void hold_until_queued(size_t requests) {
-    std::lock_guard held(nd_);
-    std::unique_lock queue_held(queue_lock_);
-    queued_.wait(queue_held, [=, this] { return queue_.size() >= requests; });
-    queue_held.unlock();
-    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
-  }
-
   std::vector<std::pair<uint32_t, int>> log;  // reports, by the thread that hands them over
   size_t most_queued = 0;
   int late = 0;        // reports of a table that had been switched off
@@ -446,8 +443,7 @@ TEST(RibThread, PacesAndSettles) {
     for (uint32_t i = 0; i < kRoutes; ++i) w.announce(s, vpn_route(1, i), 1 + i % 3, {10});
   });
   for (int round = 0; round < 3; ++round) {
-    ASSERT_EQ(w.module.on(1), 0);
-    w.module.hold_until_queued(fence::kReportsPerFence * fence::kMaxOutstanding);
+    ASSERT_EQ(w.module.on(1, fence::kReportsPerFence * fence::kMaxOutstanding), 0);
     loop.settle();
     route_counts expected{{1, {{1, 16667}, {2, 16667}, {3, 16666}}}};
     EXPECT_EQ(w.module.counts(), expected);
