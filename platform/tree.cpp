@@ -182,19 +182,23 @@ node *search(node *root, const void *key, tree_cmp cmp) {
 }
 
 // Always goes down to an empty link: on the way it passes the record that is looked for, as the
-// last one that `key` sorts before. Kept in memory by index, for the same reason as above.
+// last one that `key` sorts before. With two outcomes only, a comparator that branches has settled
+// which way to go before it returns, and a branch here follows its lead.
 node *first_after(node *root, const void *key, tree_cmp cmp) {
-  node *passed[2] = {nullptr, nullptr};  // last record that `key` does not, and does, sort before
+  node *found = nullptr;
   while (root != nullptr) {
     node *left = root->left;
     node *right = root->right;
     __builtin_prefetch(left);
     __builtin_prefetch(right);
-    const bool before = cmp(key, root) == TREE_BEFORE;
-    passed[before] = root;
-    root = before ? left : right;
+    if (cmp(key, root) == TREE_BEFORE) {
+      found = root;
+      root = left;
+    } else {
+      root = right;
+    }
   }
-  return passed[1];
+  return found;
 }
 
 // Puts the first record of `n`'s right subtree into the place of `n`, which has both children.
