@@ -82,6 +82,7 @@ EOF
     done
   } >"$lab/collector.toml"
   lab_start collector gobgpd -f "$lab/collector.toml" --api-hosts "127.0.0.1:$API_PORT"
+  collector=$!
 }
 
 # start_pe N: a provider edge at 127.0.0.(10+N).
@@ -107,6 +108,7 @@ start_pe() {
       send-max = 4
 EOF
   lab_start "pe$1" gobgpd -f "$lab/pe$1.toml" --api-hosts "127.0.0.$((10 + $1)):$API_PORT"
+  declare -g "pe$1=$!"
 }
 
 established() {
