@@ -42,6 +42,7 @@ void output::print(std::string lines) {
   {
     scoped_lock held(lock_);
     if (error_ != 0) return;
+    if (lost_ > 0) queue_.emplace_back(lost_line(std::exchange(lost_, 0), seq_));
     queue_.emplace_back(std::move(lines));
   }
   changed_.notify_all();
@@ -88,6 +89,10 @@ bool output::take(batch &taken) {
   return true;
 }
 
+std::string output::lost_line(uint64_t count, uint64_t last_seq) const {
+  return (json_ ? lost_json(count, last_seq) : lost_text(count)) + '\n';
+}
+
 int output::write_out(const batch &taken) {
   constexpr size_t kWrite = 65536;
   std::string lines;
@@ -102,9 +107,7 @@ int output::write_out(const batch &taken) {
     lines.clear();
   }
   // Events are lost only while the queue is full, so they came after all that was in it.
-  if (taken.lost > 0) {
-    lines += (json_ ? lost_json(taken.lost, taken.last_seq) : lost_text(taken.lost)) + '\n';
-  }
+  if (taken.lost > 0) lines += lost_line(taken.lost, taken.last_seq);
   return lines.empty() ? 0 : write_(lines);
 }
 

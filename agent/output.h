@@ -62,6 +62,7 @@ class output {
   void run() TARVO_EXCLUDES(lock_);
   bool take(batch &taken) TARVO_EXCLUDES(lock_);
   int write_out(const batch &taken);
+  std::string lost_line(uint64_t count, uint64_t last_seq) const;
 
   const bool json_;
   const sink write_;

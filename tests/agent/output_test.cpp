@@ -1,0 +1,66 @@
+// The bounded output: order, the bound, and a sink that fails.
+#include "agent/output.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <future>
+#include <sstream>
+#include <string>
+#include <utility>
+
+namespace agent {
+namespace {
+
+TEST(Output, LosesEventsAtTheBoundAndSaysHowMany) {
+  std::promise<void> entered, reader;
+  std::string written;
+  bool first = true;
+  constexpr uint64_t kLost = 10, kKept = output::kMaxQueued;
+  {
+    output out(
+        true,
+        [&](std::string_view lines) {
+          if (std::exchange(first, false)) {
+            entered.set_value();
+            reader.get_future().wait();
+          }
+          written += lines;
+          return 0;
+        },
+        [] { FAIL(); });
+    out.post({});
+    entered.get_future().wait();  // the writer holds event 1, and its reader is slow
+    for (uint64_t i = 0; i < kKept + kLost; ++i) out.post({});
+    auto printed = std::async([&] { out.print("result\n"); });
+    reader.set_value();
+    printed.wait();
+    out.post({});
+  }
+
+  std::istringstream lines(written);
+  const auto expect_line = [&](const std::string &part) {
+    std::string line;
+    std::getline(lines, line);
+    ASSERT_NE(line.find(part), std::string::npos) << line;
+  };
+  const auto event = [](uint64_t seq) { return "\"seq\":" + std::to_string(seq) + ",\"time\""; };
+  for (uint64_t seq = 1; seq <= 1 + kKept; ++seq) expect_line(event(seq));
+  expect_line(lost_json(kLost, 1 + kKept + kLost).substr(0, 40));
+  expect_line("result");
+  expect_line(event(1 + kKept + kLost + 1));
+}
+
+TEST(Output, ClosesAtAnErrorAndKeepsNobodyWaiting) {
+  std::promise<void> woken;
+  output out(
+      false, [](std::string_view) { return ENOSPC; }, [&] { woken.set_value(); });
+  out.post({});
+  woken.get_future().wait();
+  EXPECT_EQ(out.error(), ENOSPC);
+  out.print("dropped\n");
+  out.flush();
+}
+
+}  // namespace
+}  // namespace agent
