@@ -1,5 +1,5 @@
-// The module's two locks. Everything shared is guarded by one of them, but for the words of
-// engine/shared_words.h.
+// The module's two locks. What threads share is guarded by one of them, but for the words of
+// engine/shared_words.h, what start-up sets once, and the locks' own companions.
 //
 // Order: the workQ mutex may be taken while the nd mutex is held, never the other way round, and
 // neither twice by one thread.

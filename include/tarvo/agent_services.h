@@ -14,8 +14,7 @@
 extern "C" {
 #endif
 
-/* ------------- Callback tables: data of the module, constant, registered by start-up -------------
- */
+/* ---- Callback tables: constant data of the module, registered by start-up ---- */
 
 /* For the configuration layer. */
 typedef struct tarvo_nd_cfg_fns {

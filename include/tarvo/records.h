@@ -41,8 +41,9 @@ typedef struct tarvo_nd_nhop_info {
 
 /* Bits of a next hop's flags. */
 #define TARVO_ND_NHOP_REACHABLE UINT32_C(0x1) /* a covering route was found */
-#define TARVO_ND_NHOP_RERESOLVE UINT32_C(0x2) /* a refresh marked it; the next report resolves it \
-                                               */
+#define TARVO_ND_NHOP_RERESOLVE                                     \
+  UINT32_C(0x2) /* a refresh marked it; the next report resolves it \
+                 */
 
 /* One next hop. Queries write `info` and `flags` into the caller's record, nothing else. */
 typedef struct tarvo_nd_nhop {
@@ -56,7 +57,7 @@ typedef struct tarvo_nd_nhop {
 typedef struct tarvo_nd_nhop_table {
   wavl_node_t node;
   uint32_t table_id;
-  uint32_t ref_count; /* reports since the last refresh marking; the sweep removes it at 0 */
+  uint32_t ref_count; /* adds less deletes since the last marking; swept at 0 */
 } tarvo_nd_nhop_table_t;
 
 static_assert(sizeof(tarvo_nd_nhop_info_t) == 12, "layout seen by clients");

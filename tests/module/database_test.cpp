@@ -1,6 +1,7 @@
 // Next hops, VRFs, clients and queries: the cases that a random walk meets too rarely.
 #include <gtest/gtest.h>
 
+#include "db/nhop_table.h"
 #include "engine/shared_words.h"
 #include "query/nhop_query.h"
 #include "tests/module/world.h"
@@ -25,6 +26,10 @@ TEST(Nhop, OrderOfNotificationsOnTheWayUpAndDown) {
   EXPECT_EQ(w.take(), (texts{"tell 1 ADD 10.0.0.1 10.0.0.0/8", "tell 3 ADD 10.0.0.1 10.0.0.0/8",
                              "tell 2 ADD 10.0.0.1 10.0.0.0/8", "tell 1 ADD 10.0.0.1 10.0.0.0/8"}));
   EXPECT_EQ(w.traces.back(), "13/1 DISC: Notify client 1 of ADD (10.0.0.1 10.0.0.0/8)");
+  tarvo_pe_discovery_resend(2, "A");
+  w.run();
+  EXPECT_EQ(w.traces.back(), "13/1 DISC: Notify client 2 of RESEND_END");
+  w.take();
 
   w.pass(271);  // marked; a changed route sends ADD only, a vanished one REMOVE with the old prefix
   w.routes = {"10.0.0.0/16"};
@@ -98,7 +103,11 @@ TEST(Failures, EachLeavesWhatWasLearned) {
        [] { w.client(1, "A"); },
        {"log 4 ERR_MEM During mallocing client information"}},
       {"avl_insert", 1, [] { w.client(1, "A"); }, {}},
-      // From here on client 9 keeps discovery active and 10.0.0.9 known under table 7.
+      // From here on client 9 of A keeps discovery active and 10.0.0.9 known under table 7.
+      {"calloc_named",
+       2,
+       [] { w.client(1, "A"); },
+       {"log 4 ERR_MEM During mallocing client information"}},
       {"calloc_named",
        1,
        [] { w.table(8, "C"); },
@@ -122,15 +131,17 @@ TEST(Failures, EachLeavesWhatWasLearned) {
   int row_number = 0;
   for (const auto &row : kRows) {
     if (row_number == 6) {
-      w.client(9);
+      w.client(9, "A");
       w.report(7, "10.0.0.9");
     }
     w.take();
-    w.fail = {{row.operation, row.nth}};
-    w.forget_calls();
+    const auto before = pools();
+    w.fail_next(row.operation, row.nth);
     row.action();
     w.fail.clear();
     EXPECT_EQ(w.take(), row.expected) << "row " << row_number;
+    EXPECT_EQ(tarvo_nd_nhop_count, row_number < 6 ? 0 : 1);
+    EXPECT_EQ(pools(), before) << "row " << row_number;
     if (row_number < 6) {
       EXPECT_EQ(tarvo_nd_is_active(), 0);
       tarvo_pe_discovery_resend(1, row_number < 3 ? nullptr : "A");
@@ -152,8 +163,7 @@ TEST(Nhop, AnEntryWithoutReferencesIsSkippedByTheSweepAndGoesWithAnyDelete) {
   w.start();
   w.routes = {"10.0.0.0/8"};
   w.client(1);
-  w.fail = {{"chunk_malloc", 3}};  // the request, the entry, its reference
-  w.forget_calls();
+  w.fail_next("chunk_malloc", 3);  // the request, the entry, its reference
   w.report(7, "10.0.0.1");
   w.fail.clear();
   w.take();
@@ -269,9 +279,8 @@ TEST(Queries, TakeTheLockOnceUnderTheirName) {
   };
   w.take();
   for (const auto &row : kQueries) {
-    w.fail = {{"pthread_mutex_trylock", 1}};  // as if busy, so that the lock is announced
+    w.fail_next("pthread_mutex_trylock", 1, 16);  // as if busy, so that the lock is announced
     w.for_good = true;
-    w.forget_calls();
     row.call();
     EXPECT_EQ(w.take(), (texts{std::string("block nd ") + row.name, "unblock"}));
   }

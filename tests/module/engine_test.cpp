@@ -1,8 +1,10 @@
 // Start-up, the guarded discipline, the work queue, the worker and the timers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <semaphore>
 #include <thread>
 
@@ -43,8 +45,7 @@ TEST(StartUp, EachFailureHasItsCodeAndTraceAndRegistersNothing) {
       {"pthread_create", 1, 0xc4a31a0b, "lstrace 1 create PE discovery thread 11"},
   };
   for (const auto &step : kSteps) {
-    w.fail = {{step.operation, step.nth}};
-    w.forget_calls();
+    w.fail_next(step.operation, step.nth);
     EXPECT_EQ(w.start(), step.code) << step.told;
     EXPECT_EQ(w.take(), texts{step.told});
   }
@@ -60,8 +61,7 @@ TEST(StartUpDeath, SignalCallsAreAsserted) {
                 {"sigaddset", 2, "os/pthread: 494 rc ==0 -- assertion failed\n"},
                 {"pthread_sigmask", 1, "os/pthread: 496 rc == 0 -- assertion failed\n"}};
   for (const auto &call : kCalls) {
-    w.fail = {{call.operation, call.nth}};
-    w.forget_calls();
+    w.fail_next(call.operation, call.nth);
     EXPECT_EXIT(w.start(), testing::KilledBySignal(SIGABRT), call.told);
   }
 }
@@ -76,39 +76,51 @@ static void unlock(guarded_mutex_t *m) TARVO_NO_THREAD_SAFETY_ANALYSIS { guarded
 TEST(Guarded, EveryPathOfLockAndUnlock) {
   const struct {
     const char *what, *failing;
+    int error;
     bool pending, companion_held;
     texts expected;
   } kPaths[] = {
-      {"free", "", false, false, {}},
-      {"busy", "pthread_mutex_trylock", false, false, {"block nd caller", "unblock"}},
+      {"free", "", 0, false, false, {}},
+      {"busy", "pthread_mutex_trylock", 16, false, false, {"block nd caller", "unblock"}},
+      {"not takeable", "pthread_mutex_trylock", 22, false, false, {"block nd caller", "unblock"}},
       {"unlock fails",
        "pthread_mutex_unlock",
+       22,
        false,
        false,
        {"log 5 INTERNAL Cannot unlock nd mutex, error:22:Invalid argument"}},
       {"not the reviver",
        "",
+       0,
        true,
        false,
        {"log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
       {"another is the reviver",
        "",
+       0,
        true,
        true,
        {"log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
+      {"companion busy",
+       "pthread_mutex_timedlock",
+       16,
+       true,
+       false,
+       {"log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
       {"companion broken",
        "pthread_mutex_timedlock",
+       22,
        true,
        false,
        {"log 5 INTERNAL Cannot unlock nd mutex, error:22:Invalid argument"}},
       {"wait for the revival fails",
        "rmx_wait_on_revival_condvar",
+       22,
        true,
        false,
        {"log 5 INTERNAL Cannot lock nd mutex, error:22:Invalid argument",
         "log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
   };
-  w.error = 22;
   w.pass_revival_wait = true;
   for (const auto &path : kPaths) {
     std::binary_semaphore held(0), finished(0);
@@ -119,8 +131,7 @@ TEST(Guarded, EveryPathOfLockAndUnlock) {
       if (path.companion_held) pthread_mutex_unlock(&tarvo_nd_mutex.revival_mutex);
     });
     held.acquire();
-    w.fail = {{path.failing, 1}};
-    w.forget_calls();
+    w.fail_next(path.failing, 1, path.error);
     tarvo_nd_mutex.revival_pending = path.pending;
     lock(&tarvo_nd_mutex);
     unlock(&tarvo_nd_mutex);
@@ -139,7 +150,7 @@ TEST(Guarded, AFailedBlockingLockLogsAndGoesOn) {
   w.error = 22;
   tarvo_nd_workq_mutex.revival_pending = 1;  // not looked at after the failure
   lock(&tarvo_nd_workq_mutex);
-  EXPECT_EQ(w.take(), (texts{"block lock caller", "unblock",
+  EXPECT_EQ(w.take(), (texts{"block workQ caller", "unblock",
                              "log 5 INTERNAL Cannot lock workQ mutex, error:22:Invalid argument"}));
   tarvo_nd_workq_mutex.revival_pending = 0;
   w.fail = {{"pthread_mutex_unlock", 1}};
@@ -181,8 +192,7 @@ TEST(Guarded, ADeadOwnersLockIsRevivedOnceAndWaitedFor) {
   for (const bool blocking : {false, true}) {
     if (blocking) {
       std::thread([] { lock(&tarvo_nd_mutex); }).join();
-      w.fail = {{"pthread_mutex_trylock", 1}};
-      w.forget_calls();
+      w.fail_next("pthread_mutex_trylock");
     }
     lock(&tarvo_nd_mutex);
     w.fail.clear();
@@ -263,6 +273,56 @@ TEST(Queue, PurgeRemovesOneTablesReportsAndKeepsTheOrderOfTheRest) {
     }
     tarvo_nd_work_req_t request;
     ASSERT_FALSE(tarvo_nd_work_dequeue(&request, "test"));
+  }
+}
+
+// A request is zero but for its type and what the type uses, so a reader of any body is safe.
+TEST(Queue, RequestsAreZeroWhereUnused) {
+  w.start();
+  tarvo_pe_discovery_unregister(9);
+  tarvo_pe_discovery_resend(9, "");
+  tarvo_nd_enqueue_rib_restart();
+  tarvo_nd_enqueue_nhop_update(7, 9, 0);
+  for (const uint32_t type : {4u, 10u, 9u, 2u}) {
+    tarvo_nd_work_req_t expected, found;
+    memset(&expected, 0, sizeof expected);
+    expected.type = type;
+    if (type != 9) expected.nhop.table_id = type == 2 ? 7 : 9;
+    if (type == 2) expected.nhop.nhop_addr = 9;
+    ASSERT_TRUE(tarvo_nd_work_dequeue(&found, "test"));
+    found.link = nullptr;
+    EXPECT_EQ(memcmp(&found, &expected, sizeof found), 0) << type;
+  }
+}
+
+TEST(Worker, TakesItsLocksUnderItsNameAndSoDoTheRest) {
+  const std::vector<std::pair<std::function<void()>, texts>> kSites = {
+      {[] { tarvo_nd_enqueue_rib_restart(); }, {"block workQ tarvo_nd_work_enqueue"}},
+      {[] { tarvo_nd_work_round(); },
+       {"block workQ tarvo_nd_process_work_req", "block nd tarvo_nd_process_work_req"}},
+      {[] { tarvo_nd_set_rib_refresh_interval(300); },
+       {"block nd tarvo_nd_set_rib_refresh_interval"}},
+      {[] { tarvo_nd_get_refresh_interval_remaining(); },
+       {"block nd tarvo_nd_get_refresh_interval_remaining"}},
+      {[] { w.advance(271), w.expire(); },
+       {"block nd tarvo_nd_timer_handler", "block workQ tarvo_nd_work_enqueue"}},
+      {[] { tarvo_nd_enqueue_table_update("A", 7, 0), w.run(); },
+       {"block workQ tarvo_nd_del_nhop_update_from_work_req"}},
+  };
+  w.start();
+  w.table(7, "A");
+  w.client(1);
+  for (const auto &[call, expected] : kSites) {
+    w.take();
+    w.fail_next("pthread_mutex_trylock", 1, 16);
+    w.for_good = true;
+    call();
+    texts blocks = w.take();
+    std::erase_if(blocks,
+                  [](auto &t) { return !t.starts_with("block") && !t.starts_with("wrong"); });
+    for (const std::string &block : expected)
+      EXPECT_EQ(std::ranges::count(blocks, block) > 0, true) << block;
+    EXPECT_EQ(std::ranges::count_if(blocks, [](auto &t) { return t.starts_with("wrong"); }), 0);
   }
 }
 
@@ -368,13 +428,17 @@ TEST(Timers, CycleKeepsItsLengthAndLeavesSurviveAFailedEnqueue) {
   w.take();
   w.pass(100.3);
   EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(), 199);  // 170.7 s and the clear phase
-  w.fail = {{"chunk_malloc", 2}};                             // the clear request is lost
+  w.fail_next("chunk_malloc", 2);                             // the clear request is lost
   w.pass(499.7);
   EXPECT_EQ(w.take(), (texts{"stop refresh", "start clear 29", "rib reset 7", "stop clear",
                              "log 4 ERR_MEM During mallocing route update information",
                              "start refresh 271", "stop refresh", "start clear 29", "rib reset 7",
                              "stop clear", "start refresh 271"}));
   EXPECT_EQ(w.now, 600'000'000'000);
+  EXPECT_EQ(w.traces,
+            (texts{"13/1 DISC: Notify client 1 of END", "13/1 DISC: Refresh interval expired",
+                   "13/1 DISC: Clear interval expired", "13/1 DISC: Refresh interval expired",
+                   "13/1 DISC: Clear interval expired"}));
   w.pass(280.5);
   EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(), 19);  // 19.5 s of the clear phase
 }
@@ -431,6 +495,11 @@ TEST(Timers, WhatHappensBeforeTheLockIsTakenIsSeen) {
     EXPECT_FALSE(w.before_lock) << row.what;
     EXPECT_EQ(w.take(), (texts{"stop refresh", "stop clear", "----"})) << row.what;
   }
+
+  // Of no use to anybody, it is stopped and not found again.
+  add_stray_timer();
+  w.expire();
+  EXPECT_EQ(w.take(), texts{"stop other"});
 
   // The handler found an expired leaf, and the setter restarts it before the handler has the lock.
   w.client(1);

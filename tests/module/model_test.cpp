@@ -11,7 +11,6 @@
 #include "db/nhop_table.h"
 #include "engine/shared_words.h"
 #include "engine/timers.h"
-#include "platform/pool.h"
 #include "query/nhop_query.h"
 #include "tarvo/discovery.h"
 #include "tests/module/world.h"
@@ -181,7 +180,7 @@ class model {
   }
 
   void switch_on(uint32_t table, bool &on) {
-    did.push_back("rib on " + std::to_string(table));
+    did.push_back("rib on " + std::to_string(table) + (active ? "" : " while inactive"));
     if (!refused.contains(table)) on = true;
   }
   void redistribute(int action) {
@@ -191,7 +190,7 @@ class model {
     if (action == 4) on = false;
     if (action == 2) {
       if (!on) return;
-      did.push_back("rib off " + std::to_string(table));
+      did.push_back("rib off " + std::to_string(table) + (active ? "" : " while inactive"));
       if (!refused.contains(table)) on = false;
     } else if (!on) {
       switch_on(table, on);
@@ -360,18 +359,6 @@ void offer(model &m, Random &pick) {
   }
   r.name = r.name.substr(0, 244);
   m.queue.push_back(r);
-}
-
-// Elements in use by pool; a pool that is gone is missing.
-std::map<std::string, uint64_t> pools() {
-  std::map<std::string, uint64_t> found;
-  chunk_walk_pools(
-      [](const chunk_info_t *info, void *arg) {
-        (*static_cast<std::map<std::string, uint64_t> *>(arg))[info->name] += info->in_use;
-        return 1;
-      },
-      &found);
-  return found;
 }
 
 std::map<std::string, uint64_t> expected_pools(const model &m) {

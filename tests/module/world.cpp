@@ -9,11 +9,13 @@
 #include <utility>
 
 #include "db/nhop_table.h"
+#include "engine/shared_words.h"
 #include "engine/state.h"
 #include "engine/timers.h"
 #include "engine/worker.h"
 #include "platform/event.h"
 #include "platform/message_log.h"
+#include "platform/pool.h"
 #include "platform/thread_diag.h"
 #include "platform/timer.h"
 #include "platform/tree.h"
@@ -50,6 +52,17 @@ bool world::failing(const std::string &operation) {
   return for_good ? call >= found->second : call == found->second;
 }
 
+void world::fail_next(const std::string &operation, int nth, int with) {
+  calls_.clear();
+  fail = {{operation, nth}};
+  error = with;
+}
+
+// What the module must not do is noted, so that it spoils every expectation.
+static void require(bool holds, const std::string &what) {
+  if (!holds) w.note("wrong: " + what);
+}
+
 std::vector<std::string> world::take() {
   std::lock_guard hold(guard);
   return std::exchange(did, {});
@@ -68,6 +81,17 @@ void tell(uint32_t client_id, uint32_t event, const void *data) {
 }
 
 uint32_t world::start() { return tarvo_nd_init(this); }
+
+std::map<std::string, uint64_t> pools() {
+  std::map<std::string, uint64_t> found;
+  chunk_walk_pools(
+      [](const chunk_info_t *info, void *arg) {
+        (*static_cast<std::map<std::string, uint64_t> *>(arg))[info->name] += info->in_use;
+        return 1;
+      },
+      &found);
+  return found;
+}
 
 static bool idle;
 
@@ -104,11 +128,13 @@ int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
     info->prefix = prefix;
     info->prefix_len = static_cast<uint8_t>(length);
   }
+  if (best < 0) *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
   return best >= 0 ? 0 : -1;
 }
 
 int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
-  w.note((on ? "rib on " : "rib off ") + std::to_string(table_id));
+  w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
+         (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
   return w.refused.count(table_id) != 0 ? -1 : 0;
 }
 
@@ -164,6 +190,8 @@ int event_async_attach(void *mgr, unsigned kind, event_handler attached, void *c
 
 int event_init_sigevent(void *mgr, int code, long, long, sigevent *event) {
   errno = w.error;
+  static const sigevent kZeroed = {};
+  require(memcmp(event, &kZeroed, sizeof kZeroed) == 0, "the event is not zeroed");
   event->sigev_value.sival_int = code;
   return w.failing("sigevent") || mgr != &w ? -1 : 0;
 }
@@ -194,9 +222,9 @@ void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
 
 void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
   std::lock_guard hold(timers);
-  if (tarvo_nd_mutex.mutex.__data.__owner == 0) w.note("start without the lock");
+  require(tarvo_nd_mutex.mutex.__data.__owner != 0, "a timer is started without the lock");
   for (const mgd_timer_leaf &other : leaves)
-    if (other.running && &other != leaf) w.note("two timers run");
+    require(!other.running || &other == leaf, "two timers run");
   leaf->running = true;
   leaf->deadline = w.now + delay->tv_sec * 1000000000 + delay->tv_nsec;
   w.note("start " + name_of(leaf) + " " + std::to_string(delay->tv_sec));
@@ -233,6 +261,8 @@ mgd_timer_leaf *mgd_timer_tree_first_expired(void *) {
   return due != nullptr && due->deadline <= w.now ? due : nullptr;
 }
 
+void add_stray_timer() { leaves.push_back({9, true, w.now}); }
+
 unsigned mgd_timer_leaf_type(mgd_timer_leaf *leaf) { return leaf->type; }
 
 void world::expire() { handler(nullptr); }
@@ -257,15 +287,25 @@ void oxa_errmsg(const oxa_msg_rec_t *message, int severity, ...) {
 }
 
 void set_thread_name(const char *name, pthread_t thread) {
-  w.note(std::string("name ") + name + (pthread_equal(thread, pthread_self()) ? "" : " ?"));
+  require(pthread_equal(thread, pthread_self()), "another thread is named");
+  w.note(std::string("name ") + name);
 }
-void remove_thread_name(void *unused) { w.note(unused == nullptr ? "unname" : "?"); }
+void remove_thread_name(void *unused) {
+  require(unused == nullptr, "an argument for remove_thread_name");
+  w.note("unname");
+}
 void ptd_set_mutex_block(void *lock, const char *caller, int line) {
-  w.note(std::string("block ") + (lock == &tarvo_nd_mutex ? "nd " : "lock ") + caller +
-         (line > 0 ? "" : " ?"));
+  static std::map<std::string, int> sites;
+  require(sites.emplace(caller, line).first->second != 0 && line > 1, "a lock site has no line");
+  const bool workq = lock == &tarvo_nd_workq_mutex;
+  w.note(std::string(lock == &tarvo_nd_mutex ? "block nd "
+                     : workq                 ? "block workQ "
+                                             : "? ") +
+         caller);
 }
 void ptd_unset_mutex_block() { w.note("unblock"); }
-void ptd_set_syscall_block_internal(int kind, void *, long, long) {
+void ptd_set_syscall_block_internal(int kind, void *object, long, long) {
+  require(object != nullptr, "a wait for nothing");
   std::lock_guard hold(w.guard);
   w.waits.push_back("wait " + std::to_string(kind));
 }
@@ -274,8 +314,7 @@ void ptd_set_syscall_unblock() {
   w.waits.push_back("waited");
 }
 
-// ------------- real services, which the linker leads through here so that they can fail
-// -------------
+// ------------ real services: the linker leads through here, so that they can fail ------------
 
 #define WRAPPED(result, name, parameters, arguments, failed)    \
   extern "C" result __real_##name parameters;                   \
@@ -283,19 +322,40 @@ void ptd_set_syscall_unblock() {
     return w.failing(#name) ? failed : __real_##name arguments; \
   }
 
+// Named memory with the sizes it may be asked for.
+static const char *known(const char *name, std::initializer_list<unsigned long> numbers) {
+  std::string request = name;
+  for (unsigned long number : numbers) request += " " + std::to_string(number);
+  static const std::set<std::string> kRequests = {
+      "PE Discovery workQ Chunk 280 100 513",   "PE Discovery NHop Chunk 136 100 769",
+      "PE Discovery Table ID Chunk 32 250 769", "TARVO DISC Client Entry 24 1",
+      "TARVO DISC Client Info 296 1",           "TARVO DISC VRF Info 280 1"};
+  require(kRequests.count(request) != 0, request);
+  return name;
+}
+
 WRAPPED(void *, chunk_create,
         (const char *n, unsigned long s, unsigned long c, unsigned long f, unsigned long x,
          unsigned long y),
-        (n, s, c, f, x, y), nullptr)
+        (known(n, {s, c, f + x + y}), s, c, f, x, y), nullptr)
 WRAPPED(void *, chunk_malloc, (void *pool), (pool), nullptr)
-WRAPPED(void *, calloc_named, (size_t n, size_t s, const char *name), (n, s, name), nullptr)
+WRAPPED(void *, calloc_named, (size_t n, size_t s, const char *name), (n, s, known(name, {s, n})),
+        nullptr)
 WRAPPED(void *, avl_insert, (void *root, void *node, tree_cmp c), (root, node, c), nullptr)
 WRAPPED(void *, wavl_insert_thread, (wavl_tree_t * t, unsigned long n, void *node), (t, n, node),
         nullptr)
 WRAPPED(int, sigemptyset, (sigset_t * s), (s), 1)
 WRAPPED(int, sigaddset, (sigset_t * s, int n), (s, n), 1)
 WRAPPED(int, pthread_sigmask, (int how, const sigset_t *s, sigset_t *o), (how, s, o), 1)
-WRAPPED(int, pthread_cond_signal, (pthread_cond_t * c), (c), w.error)
+
+extern "C" int __real_pthread_cond_signal(pthread_cond_t *);
+extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
+  const bool revival = cond == &tarvo_nd_mutex.revival_cond;
+  require(!revival || tarvo_nd_mutex.revival_pending != 0, "a revival is over before its signal");
+  require(w.threaded || revival || tarvo_nd_workq_mutex.mutex.__data.__owner == 0,
+          "the worker is woken under the lock");
+  return w.failing("pthread_cond_signal") ? w.error : __real_pthread_cond_signal(cond);
+}
 
 extern "C" int __real_rmx_wait_on_revival_condvar(void *lock);
 extern "C" int __wrap_rmx_wait_on_revival_condvar(void *lock) {
@@ -314,15 +374,14 @@ static bool fails(const char *operation, const pthread_mutex_t *mutex) {
 static std::atomic<bool> tree_lives;
 
 static void check_lives(wavl_tree_t *tree) {
-  if (tree == &tarvo_nd_nhop_tree && !tree_lives) w.note("a finished tree is touched");
+  require(tree != &tarvo_nd_nhop_tree || tree_lives, "a finished tree is touched");
 }
 
 extern "C" int __real_wavl_init(wavl_tree_t *, unsigned long, unsigned long, tree_cmp);
 extern "C" int __wrap_wavl_init(wavl_tree_t *tree, unsigned long threads, unsigned long zero,
                                 tree_cmp cmp) {
   if (w.failing("wavl_init")) return 12;
-  if (tree == &tarvo_nd_nhop_tree && tree_lives.exchange(true))
-    w.note("a live tree is initialised");
+  require(tree != &tarvo_nd_nhop_tree || !tree_lives.exchange(true), "a live tree is initialised");
   return __real_wavl_init(tree, threads, zero, cmp);
 }
 
@@ -355,7 +414,7 @@ WRAPPED_MUTEX(pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec 
 extern "C" int __real_pthread_mutex_trylock(pthread_mutex_t *);
 extern "C" int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex) {
   if (w.before_lock && mutex == &tarvo_nd_mutex.mutex) std::exchange(w.before_lock, nullptr)();
-  return fails("pthread_mutex_trylock", mutex) ? EBUSY : __real_pthread_mutex_trylock(mutex);
+  return fails("pthread_mutex_trylock", mutex) ? w.error : __real_pthread_mutex_trylock(mutex);
 }
 
 extern "C" int __real_pthread_cond_wait(pthread_cond_t *, pthread_mutex_t *);

@@ -23,7 +23,7 @@ struct world {
   /// "rib on 7", "start refresh 271", "log 4 ERR_MEM During mallocing ...".
   std::vector<std::string> did;
   std::vector<std::string> traces;  ///< debug traces
-  std::vector<std::string> waits;   ///< announcements of the worker's wait
+  std::vector<std::string> waits;   ///< announcements of the worker's wait, and its name
 
   /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch on.
   std::set<std::string> routes;
@@ -58,7 +58,8 @@ struct world {
   void table(uint32_t id, const char *name, bool add = true);
 
   bool failing(const std::string &operation);
-  void forget_calls() { calls_.clear(); }
+  /// Makes the n-th call from now fail; none for an empty name.
+  void fail_next(const std::string &operation, int nth = 1, int with = 11);
   void note(const std::string &text);
 
  private:
@@ -67,6 +68,12 @@ struct world {
 
 /// Each test runs in a process of its own, and this is its world.
 extern world &w;
+
+/// Elements in use by pool; a pool that is gone is missing.
+std::map<std::string, uint64_t> pools();
+
+/// A running timer that belongs to nobody, expired.
+void add_stray_timer();
 
 /// A callback that records "tell ID EVENT address prefix".
 void tell(uint32_t client_id, uint32_t event, const void *data);
