@@ -171,7 +171,7 @@ const struct {
     {{"--config", "/nonexistent"}, "", 1, "/nonexistent: No such file"},
     {{"--replay", "/nonexistent"}, "", 1, "/nonexistent: No such file"},
     {{"--listen", "127.0.0.1:x"}, "", 1, "127.0.0.1:x"},
-    {{"--command", "watch"}, "quit", 1, "--command 'watch':6: expected a number"},
+    {{"--command", "watch"}, "\nquit", 1, "--command 'watch':6: expected a number"},
     {{}, "watch 1\nwatch 1\nquit", 1, "standard input:2: client 1 watches already"},
     {{}, "vrf del A", 1, "no VRF 'A'"},
     {{}, "vrf add A table 0 import 1:1", 1, "table 0"},
