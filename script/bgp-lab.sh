@@ -1,6 +1,6 @@
-# Sourced by the scripts that need BGP routers: starts gobgpd instances on loopback addresses.
+# Sourced by the scripts that need BGP routers: starts BGP daemons on loopback addresses.
 #
-# One collector (127.0.0.1, AS 65000) peers with any number of provider edges (127.0.0.10+N, next
+# One collector (127.0.0.1, AS 65000; gobgpd or FRR's bgpd) peers with any number of provider edges (127.0.0.10+N, next
 # hop 10.255.N.N) and speaks BMP. No instance touches the system's routing table or a port below
 # 1024. Everything a script starts here ends with it, also when it fails or is interrupted.
 
@@ -85,6 +85,34 @@ EOF
   collector=$!
 }
 
+# start_frr_collector PEER_ADDRESS...: the same router, by FRR. It needs no other daemon of FRR.
+start_frr_collector() {
+  local bgpd=/usr/lib/frr/bgpd address
+  [ -x $bgpd ] || die "$bgpd is missing: apt-get install frr"
+  {
+    echo "router bgp 65000"
+    echo " bgp router-id 10.255.0.1"
+    echo " no bgp default ipv4-unicast"
+    for address; do
+      echo " neighbor $address remote-as 65000"
+      echo " neighbor $address passive"
+      echo " neighbor $address update-source 127.0.0.1"
+    done
+    echo " address-family ipv4 vpn"
+    for address; do
+      echo "  neighbor $address activate"
+      echo "  neighbor $address soft-reconfiguration inbound"
+    done
+    echo " exit-address-family"
+    echo " bmp targets agent"
+    echo "  bmp monitor ipv4 vpn pre-policy"
+    echo "  bmp connect 127.0.0.1 port $BMP_PORT min-retry 100 max-retry 1000"
+    echo " exit"
+  } >"$lab/bgpd.conf"
+  lab_start collector $bgpd -M bmp -f "$lab/bgpd.conf" -p "$BGP_PORT" -l 127.0.0.1 -n -Z -S -P 0 \
+    --vty_socket "$lab" -i "$lab/bgpd.pid" -z "$lab/zserv" --log stdout
+}
+
 # start_pe N: a provider edge at 127.0.0.(10+N).
 start_pe() {
   cat >"$lab/pe$1.toml" <<EOF
@@ -111,8 +139,12 @@ EOF
   declare -g "pe$1=$!"
 }
 
-established() {
-  [ "$(gobgp -p "$API_PORT" neighbor | grep -c Establ)" -eq "$1" ]
+# pes_established N...
+pes_established() {
+  local pe
+  for pe; do
+    gobgp -u "127.0.0.$((10 + pe))" -p "$API_PORT" neighbor | grep -q Establ || return 1
+  done
 }
 
 # announce N PREFIX RD RT...: the provider edge announces a VPN route with itself as next hop.
