@@ -1,7 +1,6 @@
 // Next hops, VRFs, clients and queries: the cases that a random walk meets too rarely.
 #include <gtest/gtest.h>
 
-#include "db/nhop_table.h"
 #include "engine/shared_words.h"
 #include "query/nhop_query.h"
 #include "tests/module/world.h"
@@ -140,7 +139,7 @@ TEST(Failures, EachLeavesWhatWasLearned) {
     row.action();
     w.fail.clear();
     EXPECT_EQ(w.take(), row.expected) << "row " << row_number;
-    EXPECT_EQ(tarvo_nd_nhop_count, row_number < 6 ? 0 : 1);
+    EXPECT_EQ(nhop_count(), row_number < 6 ? 0 : 1);
     EXPECT_EQ(pools(), before) << "row " << row_number;
     if (row_number < 6) {
       EXPECT_EQ(tarvo_nd_is_active(), 0);

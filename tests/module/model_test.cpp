@@ -8,7 +8,6 @@
 #include <optional>
 #include <random>
 
-#include "db/nhop_table.h"
 #include "engine/shared_words.h"
 #include "engine/timers.h"
 #include "query/nhop_query.h"
@@ -372,7 +371,7 @@ std::map<std::string, uint64_t> expected_pools(const model &m) {
 
 void expect_same_database(model &m) {
   ASSERT_EQ(pools(), expected_pools(m));
-  ASSERT_EQ(tarvo_nd_nhop_count, static_cast<int>(m.hops.size()));
+  ASSERT_EQ(nhop_count(), static_cast<int>(m.hops.size()));
   ASSERT_EQ(tarvo_nd_is_active() != 0, m.active);
   const int64_t left = !m.active ? -1 : m.deadline - m.now;
   const bool refreshing = m.timer == 7;

@@ -93,6 +93,8 @@ std::map<std::string, uint64_t> pools() {
   return found;
 }
 
+int32_t nhop_count() TARVO_NO_THREAD_SAFETY_ANALYSIS { return tarvo_nd_nhop_count; }
+
 static bool idle;
 
 void world::run() {

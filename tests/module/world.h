@@ -72,6 +72,9 @@ extern world &w;
 /// Elements in use by pool; a pool that is gone is missing.
 std::map<std::string, uint64_t> pools();
 
+/// Next hops in the database's own count.
+int32_t nhop_count();
+
 /// A running timer that belongs to nobody, expired.
 void add_stray_timer();
 
