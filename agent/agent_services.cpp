@@ -1,13 +1,13 @@
 #include "agent/agent_services.h"
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
+#include "agent/diagnostics.h"
 #include "agent/global_table.h"
 #include "agent/redistribution.h"
 
@@ -26,16 +26,6 @@ void install_services(redistribution &to, const global_table &routes) {
 const module_tables &registered_tables() { return tables; }
 
 void set_trace(bool on) { tracing.store(on, std::memory_order_relaxed); }
-
-// One write a line, so that lines of several threads don't mix. A line too long is cut.
-static void write_line(const char *prefix, const char *format, va_list arguments) {
-  char line[512];
-  int used = snprintf(line, sizeof line, "%s", prefix);
-  int text = vsnprintf(line + used, sizeof line - used, format, arguments);
-  size_t length = std::min(size_t(used) + size_t(std::max(text, 0)), sizeof line - 1);
-  line[length] = '\n';
-  if (write(STDERR_FILENO, line, length + 1) < 0) return;  // nowhere left to complain
-}
 
 }  // namespace agent
 
@@ -90,6 +80,9 @@ void tarvo_sa_debug(uint32_t, uint32_t, const char *format, ...) {
   if (!tracing.load(std::memory_order_relaxed)) return;
   va_list arguments;
   va_start(arguments, format);
-  write_line("trace: ", format, arguments);
+  char line[512] = "trace: ";
+  const size_t used = strlen(line);
+  vsnprintf(line + used, sizeof line - used, format, arguments);
   va_end(arguments);
+  diagnose(line);
 }

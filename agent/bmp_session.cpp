@@ -377,8 +377,9 @@ void bmp_session::report_fault(const peer_header &header, const bgp_fault &fault
                      std::to_string(fault.offset) + " of the message at " +
                      std::to_string(message_at_) + ": " + fault.kind + ": " + fault.what;
   if (fault.attribute != 0) text += " (attribute " + std::to_string(fault.attribute) + ")";
-  text += fault.action == fault_action::withdraw ? "; its routes count as withdrawn"
-                                                 : "; the rest of it counts";
+  text += fault.action == fault_action::withdraw
+              ? "; what cannot be read is skipped, the rest withdrawn"
+              : "; the rest of it counts";
   report(fault.kind, text);
 }
 

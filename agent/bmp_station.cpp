@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "agent/bmp_session.h"
+#include "agent/diagnostics.h"
 #include "agent/rib_thread.h"
 
 namespace agent {
@@ -33,10 +34,7 @@ constexpr time_t kViewPatience = 10;
 std::string error_text(const char *call) { return std::string(call) + ": " + strerror(errno); }
 
 // One write, so that the lines of different threads don't mix.
-void tell(const std::string &text) {
-  const std::string line = "tarvo-agent: " + text + "\n";
-  [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
-}
+void tell(const std::string &text) { diagnose("tarvo-agent: " + text); }
 
 std::string endpoint_text(const sockaddr_in &address) {
   char text[INET_ADDRSTRLEN];

@@ -65,6 +65,8 @@ bool read_number(std::string_view text, T &value) {
 
 std::optional<uint32_t> read_address(std::string_view text) {
   in_addr address{};
+  // A NUL would end the text for inet_pton before its end.
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
   if (inet_pton(AF_INET, std::string(text).c_str(), &address) != 1) return std::nullopt;
   return ntohl(address.s_addr);
 }

@@ -214,8 +214,9 @@ class agent_program {
     }
     end_on_signals();  // until here there is nothing that a signal should not just end
     for (const std::string &address : options_.listen) {
-      note(station_.listen(address));
-      if (failed_) return;
+      const std::string error = station_.listen(address);
+      note(error);
+      if (!error.empty()) return;
     }
     for (const std::string &line : options_.commands) {
       if (ended()) return;
@@ -370,5 +371,7 @@ int main(int argc, char **argv) {
     complain(std::string("eventfd: ") + strerror(errno));
     return 1;
   }
-  return agent_program(given).run(config);
+  // Never destroyed: the module's worker outlives main() and may still call the agent's services.
+  static agent_program &program = *new agent_program(given);
+  return program.run(config);
 }

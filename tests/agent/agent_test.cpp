@@ -170,6 +170,8 @@ const struct {
     {{"--view", "best"}, "", 2, "best not in"},
     {{"--config", "/nonexistent"}, "", 1, "/nonexistent: No such file"},
     {{"--replay", "/nonexistent"}, "", 1, "/nonexistent: No such file"},
+    {{"--replay", "/nonexistent", "--listen", "127.0.0.1:0"}, "vrf del A\nquit", 1, "no VRF 'A'"},
+    {{}, std::string("route add 10.0.0.0\0x/8", 22), 1, "expected a prefix"},
     {{"--listen", "127.0.0.1:x"}, "", 1, "127.0.0.1:x"},
     {{"--command", "watch"}, "\nquit", 1, "--command 'watch':6: expected a number"},
     {{}, "watch 1\nwatch 1\nquit", 1, "standard input:2: client 1 watches already"},

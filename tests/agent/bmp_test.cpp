@@ -393,7 +393,7 @@ TEST(BmpSession, TellsThePlaceOfAFault) {
             "r: peer 10.0.0.1: malformed UPDATE at byte " + std::to_string(offset) +
                 " of the message at " + std::to_string(kInitiation.size()) +
                 ": attribute-length: a length that its type doesn't have (attribute 4); its routes "
-                "count as withdrawn");
+                "the rest withdrawn");
   EXPECT_EQ(w.session.info().system_name, "pe1");
 }
 
