@@ -389,11 +389,12 @@ TEST(BmpSession, TellsThePlaceOfAFault) {
   w.feed(kInitiation + monitor(update(kOrigin + kPath + attr(0x80, 4, "")), kPre));
   const size_t offset = 48 + 19 + 4 + kOrigin.size() + kPath.size();
   ASSERT_EQ(w.said.size(), 1u);
-  EXPECT_EQ(w.said[0],
-            "r: peer 10.0.0.1: malformed UPDATE at byte " + std::to_string(offset) +
-                " of the message at " + std::to_string(kInitiation.size()) +
-                ": attribute-length: a length that its type doesn't have (attribute 4); its routes "
-                "the rest withdrawn");
+  EXPECT_EQ(
+      w.said[0],
+      "r: peer 10.0.0.1: malformed UPDATE at byte " + std::to_string(offset) +
+          " of the message at " + std::to_string(kInitiation.size()) +
+          ": attribute-length: a length that its type doesn't have (attribute 4); what cannot be "
+          "read is skipped, the rest withdrawn");
   EXPECT_EQ(w.session.info().system_name, "pe1");
 }
 
