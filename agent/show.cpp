@@ -65,8 +65,9 @@ json strings(const std::vector<std::string> &values) {
 }
 
 std::span<const route_count> counts_of(std::span<const route_count> counts, uint32_t table_id) {
-  const auto range = std::ranges::equal_range(counts, table_id, {}, &route_count::table_id);
-  return {range.begin(), range.end()};
+  const auto first = std::ranges::lower_bound(counts, table_id, {}, &route_count::table_id);
+  const auto last = std::ranges::upper_bound(counts, table_id, {}, &route_count::table_id);
+  return {first, last};
 }
 
 // ---- Next hops ----
