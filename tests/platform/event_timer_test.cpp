@@ -1,0 +1,155 @@
+// Events and timers, alone and together. Every wait has a bound that only a fault reaches.
+#include <signal.h>
+
+#include "platform/event.h"
+#include "platform/timer.h"
+#include "platform_test.h"
+
+namespace {
+
+void raise_event(const struct sigevent &event) { event.sigev_notify_function(event.sigev_value); }
+
+struct sigevent attach(void *mgr, event_handler handler, void *context) {
+  struct sigevent event = {};
+  const int code = event_async_attach(mgr, EVENT_COALESCE, handler, context);
+  EXPECT_EQ(event_init_sigevent(mgr, code, 0, 0, &event), 0);
+  return event;
+}
+
+// Its handler raises its own event until it stops the manager.
+struct counted {
+  void *mgr;
+  int stop_at, runs = 0;
+  struct sigevent event = attach(mgr, handler, this);
+  static int handler(void *context) {
+    auto *c = static_cast<counted *>(context);
+    ++c->runs == c->stop_at ? event_mgr_stop(c->mgr) : raise_event(c->event);
+    return 0;
+  }
+};
+
+TEST(Event, CoalescesAndLosesNeitherAStopNorARaise) {
+  void *mgr = event_mgr_create();
+  counted once{mgr, 1}, thrice{mgr, 3};
+  event_mgr_stop(mgr);
+  for (int i = 0; i < 3; ++i) raise_event(once.event);
+  for (const auto &runs : {std::pair(0, 0), {1, 0}, {1, 3}}) {
+    EXPECT_EQ(event_mgr_dispatch(mgr), 0);
+    EXPECT_EQ(std::pair(once.runs, thrice.runs), runs);
+    if (once.runs == 1) raise_event(thrice.event);
+  }
+  event_mgr_destroy(mgr);
+}
+
+TEST(Event, AndTimerRefuse) {
+  void *mgr = event_mgr_create();
+  struct sigevent event = attach(mgr, counted::handler, nullptr), unknown = {};
+  unknown.sigev_notify = 12345;
+  const auto refused = [](int rc) { return rc == -1 && std::exchange(errno, 0) == EINVAL; };
+  EXPECT_TRUE(refused(event_async_attach(nullptr, EVENT_COALESCE, counted::handler, nullptr)));
+  EXPECT_TRUE(refused(event_async_attach(mgr, 1, counted::handler, nullptr)));
+  EXPECT_TRUE(refused(event_async_attach(mgr, EVENT_COALESCE, nullptr, nullptr)));
+  EXPECT_TRUE(refused(event_init_sigevent(mgr, 1 << 30, 0, 0, &event)));
+  EXPECT_TRUE(refused(event_mgr_dispatch(nullptr)));
+  EXPECT_EQ(mgd_timer_tree_new(&unknown, 0), nullptr);
+  event_mgr_destroy(mgr);
+}
+
+std::vector<mgd_timer_leaf_t *> new_leaves(void *tree, unsigned n) {
+  std::vector<mgd_timer_leaf_t *> leaves;
+  for (unsigned type = 0; type < n; ++type)
+    leaves.push_back(static_cast<mgd_timer_leaf_t *>(mgd_timer_leaf_new(tree, 0, type, 0)));
+  return leaves;
+}
+
+void start(mgd_timer_leaf_t *l, int64_t seconds, long nanoseconds) {
+  const struct timespec delay = {seconds, nanoseconds};
+  mgd_timer_leaf_start(l, &delay);
+}
+
+using std::chrono::steady_clock;
+
+TEST(Timer, AgreesWithAList) {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGRTMIN);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  struct sigevent event = {};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGRTMIN;
+  event.sigev_value.sival_int = 42;
+  void *tree = mgd_timer_tree_new(&event, 0);
+  event = {};  // the tree has its copy
+  const auto delivered = [&set](time_t bound) {
+    siginfo_t info;
+    const struct timespec t = {bound, 0};
+    return sigtimedwait(&set, &info, &t) == SIGRTMIN && info.si_value.sival_int == 42;
+  };
+  // Seconds of delay, and at least left of it.
+  constexpr int64_t kLimit = INT64_MAX / 1'000'000'000, kLong = int64_t{1} << 32;
+  constexpr int64_t kDelays[][2] = {{0, 0},          {-1, 0},
+                                    {3600, 3599},    {UINT32_MAX, UINT32_MAX - 1},
+                                    {kLimit, kLong}, {INT64_MAX, kLong}};
+  const auto leaves = new_leaves(tree, 5);
+  std::vector<mgd_timer_leaf_t *> expired;  // in order of deadline
+  std::mt19937 random(1);
+  for (int step = 0; step < 3000; ++step) {
+    mgd_timer_leaf_t *l = leaves[random() % 5];
+    const auto &[delay, least] = kDelays[random() % 6];
+    const bool stop = random() % 4 == 0, expires = !stop && least == 0;
+    for (auto t = steady_clock::now(); t == steady_clock::now();) continue;  // no equal deadlines
+    stop ? mgd_timer_leaf_stop(l) : start(l, delay, delay < kLimit ? 0 : 999'999'999);
+    std::erase(expired, l);
+    if (expires) expired.push_back(l);
+    ASSERT_TRUE(!expires || delivered(20));
+    struct timespec left = {};
+    mgd_timer_leaf_remaining(l, &left);
+    ASSERT_EQ(left.tv_sec + left.tv_nsec == 0, stop || expires);
+    ASSERT_GE(left.tv_sec, stop ? 0 : least);
+    ASSERT_EQ(mgd_timer_leaf_running(l), !stop);
+    ASSERT_EQ(mgd_timer_tree_first_expired(tree), expired.empty() ? nullptr : expired[0]);
+  }
+  EXPECT_FALSE(delivered(0)) << "once per start";
+  mgd_timer_tree_destroy(tree);
+}
+
+// Users await what they raise, then start and stop leaves, while a thread handles all of it.
+TEST(TimerStress, NothingIsLost) {
+  struct world {
+    void *mgr = event_mgr_create(), *tree = nullptr;
+    std::atomic<int> posted{0}, seen{0};
+    static int handler(void *context) {
+      auto *w = static_cast<world *>(context);
+      w->seen = w->posted.load();
+      while (mgd_timer_leaf_t *l = mgd_timer_tree_first_expired(w->tree)) {
+        mgd_timer_leaf_stop(l);
+        if (mgd_timer_leaf_type(l) == 8) event_mgr_stop(w->mgr);
+      }
+      return 0;
+    }
+  } w;
+  struct sigevent event = attach(w.mgr, world::handler, &w);
+  w.tree = mgd_timer_tree_new(&event, 0);
+  const auto leaves = new_leaves(w.tree, 9);
+  std::jthread dispatcher([&w] { event_mgr_dispatch(w.mgr); });
+  on_threads(2, [&](int seed) {
+    for (int i = 0; i < 1000; ++i) {
+      const int mine = ++w.posted;
+      for (raise_event(event); w.seen < mine;) std::this_thread::yield();
+    }
+    std::mt19937 random(static_cast<unsigned>(seed));
+    for (int i = 0; i < 3000; ++i) {
+      mgd_timer_leaf_t *l = leaves[random() % 8];
+      random() % 4 == 0 ? mgd_timer_leaf_stop(l) : start(l, 0, random() % 100'000);
+    }
+  });
+  const auto begin = steady_clock::now();
+  start(leaves[8], 0, 20'000'000);  // after all others
+  dispatcher.join();
+  EXPECT_GE(steady_clock::now() - begin, std::chrono::milliseconds(20));
+  for (mgd_timer_leaf_t *l : leaves) EXPECT_EQ(mgd_timer_leaf_running(l), 0);
+  mgd_timer_tree_destroy(w.tree);
+  event_mgr_destroy(w.mgr);
+}
+
+}  // namespace

@@ -1,0 +1,260 @@
+// Trees, queues and pools against models over random operations, and the text of addresses.
+#include <arpa/inet.h>
+
+#include <deque>
+#include <set>
+
+#include "platform/inet_text.h"
+#include "platform/named_alloc.h"
+#include "platform/pool.h"
+#include "platform/queue.h"
+#include "platform/tree.h"
+#include "platform_test.h"
+
+// A pool without memory is a case of its own here, also under sanitizers.
+#define SANITIZER_OPTIONS extern "C" __attribute__((visibility("default"))) const char *
+SANITIZER_OPTIONS __asan_default_options() { return "allocator_may_return_null=1"; }
+SANITIZER_OPTIONS __tsan_default_options() { return "allocator_may_return_null=1"; }
+
+namespace {
+
+struct record {
+  avl_node_t node;
+  uint32_t key;
+  bool unlinked() const { return !node.left && !node.right && node.parent == 0; }
+};
+
+int compare(const void *a, const void *b) {
+  const uint32_t x = static_cast<const record *>(a)->key, y = static_cast<const record *>(b)->key;
+  return x < y ? TREE_BEFORE : x == y ? TREE_EQUAL : TREE_AFTER;
+}
+
+// Height of a subtree, checking balance all the way down.
+int height(const avl_node_t *n) {
+  if (n == nullptr) return 0;
+  const int left = height(n->left), right = height(n->right);
+  EXPECT_LE(std::abs(left - right), 1);
+  return 1 + std::max(left, right);
+}
+
+TEST(Tree, BothKindsAgreeWithASet) {
+  constexpr uint32_t kKeys = 400;
+  avl_node_t *root = nullptr;
+  wavl_tree_t tree;
+  for (unsigned long threads : {0, 2}) EXPECT_NE(wavl_init(&tree, threads, 0, compare), 0);
+  EXPECT_NE(wavl_init(&tree, 1, 0, nullptr), 0);
+  ASSERT_EQ(wavl_init(&tree, 1, 0, compare), 0);
+  record plain[kKeys] = {}, threaded[kKeys] = {};
+  for (uint32_t k = 0; k < kKeys; ++k) plain[k].key = threaded[k].key = k;
+  std::set<uint32_t> model;
+  std::mt19937 random(1);
+  using both = std::pair<void *, void *>;
+  const auto records = [&](std::set<uint32_t>::iterator at) {
+    return at == model.end() ? both() : both(&plain[*at], &threaded[*at]);
+  };
+  for (int step = 0; step < 40000; ++step) {
+    const uint32_t k = random() % kKeys;
+    const record key{{}, k};
+    record duplicate = key, *p = &plain[k], *t = &threaded[k];
+    const both found = records(model.find(k)), after = records(model.upper_bound(k));
+    ASSERT_EQ(both(avl_search(root, &key, compare), wavl_search(&tree, &key, 0)), found);
+    ASSERT_EQ(wavl_get_next(&tree, &key, 0), after.second);
+    const bool grow = (random() % 3 != 0) == (step / 2000 % 2 == 0);
+    if (found != both()) {
+      ASSERT_EQ(avl_insert(&root, &duplicate, compare), nullptr);
+      ASSERT_EQ(wavl_insert_thread(&tree, 0, &duplicate), nullptr);
+      ASSERT_EQ(both(avl_get_next(p), wavl_get_next(&tree, t, 0)), after);
+    } else if (grow) {
+      ASSERT_EQ(both(avl_insert(&root, p, compare), wavl_insert_thread(&tree, 0, t)), both(p, t));
+      model.insert(k);
+    }
+    if (!grow) {
+      ASSERT_EQ(avl_delete(&root, &key, compare), found.first);
+      if (found != both()) wavl_delete_thread(&tree, 0, t);
+      ASSERT_TRUE(p->unlinked() && t->unlinked());
+      model.erase(k);
+    }
+    ASSERT_EQ(tree.count, model.size());
+    ASSERT_EQ(both(avl_get_first(root), wavl_get_first(&tree, 0)), records(model.begin()));
+    if (step % 50 == 0) height(root), height(tree.root);
+  }
+  std::vector<uint32_t> seen, expected(model.begin(), model.end());
+  expected.insert(expected.end(), expected.begin(), expected.begin() + 3);
+  seen.reserve(expected.size());
+  const auto visit = [](void *node, void *arg) -> int {
+    auto *keys = static_cast<std::vector<uint32_t> *>(arg);
+    keys->push_back(static_cast<record *>(node)->key);
+    if (keys->size() < keys->capacity()) return 1;
+    memset(node, 0xff, sizeof(record));  // the last visit may do anything to the tree
+    return 0;
+  };
+  for (int all : {1, 0}) EXPECT_EQ(avl_walk(root, visit, &seen), all);
+  EXPECT_EQ(seen, expected);
+  wavl_finish(&tree);
+  record key{{}, *model.begin()};
+  EXPECT_EQ(tree.count, 0u);
+  EXPECT_EQ(both(wavl_search(&tree, &key, 0), wavl_get_first(&tree, 0)), both());
+  EXPECT_EQ(both(wavl_get_next(&tree, &key, 0), wavl_insert_thread(&tree, 0, &key)), both());
+  EXPECT_EQ(avl_get_next(nullptr), nullptr);
+}
+
+TEST(Queue, AgreesWithADeque) {
+  auto **elements = static_cast<void **>(calloc_named(20, sizeof(void *), "links"));
+  EXPECT_EQ(std::count(elements, elements + 20, nullptr), 20);
+  std::deque<void *> model;
+  queue_t q;
+  queue_init(&q, 0);
+  std::mt19937 random(1);
+  for (int step = 0; step < 20000; ++step) {
+    void *e = &elements[random() % 20];
+    const auto at = std::find(model.begin(), model.end(), e);
+    const bool queued = at != model.end();
+    const auto choice = random() % 5;
+    if (choice < 2 && !queued) {
+      queue_enqueue(&q, e);
+      model.push_back(e);
+    } else if (choice == 2) {
+      ASSERT_EQ(queue_dequeue(&q), model.empty() ? nullptr : model.front());
+      if (!model.empty()) model.pop_front();
+    } else if (choice > 2) {
+      const bool known = queued && choice == 3;
+      known ? queue_remqueue(&q, e, at == model.begin() ? nullptr : at[-1]) : queue_unqueue(&q, e);
+      if (queued) model.erase(at);
+    }
+    void *x = q.head;
+    for (void *expected : model) ASSERT_EQ(std::exchange(x, queue_get_next(x)), expected);
+    ASSERT_EQ(x, nullptr);
+    ASSERT_EQ(q.count, model.size());
+    ASSERT_EQ(q.tail, model.empty() ? nullptr : model.back());
+  }
+  free(elements);
+}
+
+TEST(InetText, AgreesWithTheSystem) {
+  std::mt19937 random(1);
+  for (int i = 0; i < 5000; ++i) {
+    const auto address = static_cast<uint32_t>(random()) & (i % 2 == 0 ? 0x0f0f0f0f : ~0u);
+    char expected[INET_ADDRSTRLEN], text[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &address, expected, sizeof expected);
+    const size_t enough = strlen(expected) + 1;
+    ASSERT_STREQ(inet_ntoa_r({address}, text, enough), expected);
+    ASSERT_EQ(inet_ntoa_r({address}, text, enough - 1), nullptr);
+  }
+}
+
+constexpr unsigned long kQueue = CHUNK_GROW | CHUNK_TRIM, kZeroed = kQueue | CHUNK_ZERO;
+
+struct pool {
+  void *handle;
+  pool(unsigned long size, unsigned long count, unsigned long flags)
+      : handle(chunk_create("test pool", size, count, flags, 0, 0)) {}
+  ~pool() { chunk_destroy(handle); }
+};
+
+std::vector<chunk_info_t> pools(size_t most = 100) {
+  std::vector<chunk_info_t> found;
+  found.reserve(most);
+  const auto visit = [](const chunk_info_t *i, void *arg) -> int {
+    auto *list = static_cast<std::vector<chunk_info_t> *>(arg);
+    list->push_back(*i);
+    return list->size() < list->capacity();
+  };
+  chunk_walk_pools(visit, &found);
+  return found;
+}
+
+// Each element carries a pattern of its own, so elements that overlap spoil each other.
+TEST(Pool, HandsOutEachElementOnce) {
+  // Size, count, flags, limit, and how many can be had at once.
+  constexpr uint64_t kPools[][5] = {{280, 100, kQueue, 0, SIZE_MAX},
+                                    {9, 1, kZeroed, 0, SIZE_MAX},
+                                    {33, 10, CHUNK_GROW, 55, 55},
+                                    {24, 40, CHUNK_ZERO, 0, 40}};
+  for (const auto &[size, count, flags, limit, most] : kPools) {
+    pool p(size, count, flags);
+    chunk_set_limit(p.handle, limit);
+    std::vector<std::pair<char *, char>> in_use;
+    const auto filled = [n = size](char *bytes, char with) {
+      return std::string(bytes, n) == std::string(n, with);
+    };
+    std::mt19937 random(1);
+    for (int step = 0; step < 30000; ++step) {
+      if ((random() % 3 != 0) == (step / 1000 % 2 == 0)) {
+        auto *bytes = static_cast<char *>(chunk_malloc(p.handle));
+        ASSERT_EQ(bytes == nullptr, in_use.size() == most) << size;
+        if (bytes == nullptr) continue;
+        ASSERT_EQ(reinterpret_cast<uintptr_t>(bytes) % 8, 0u);
+        ASSERT_TRUE((flags & CHUNK_ZERO) == 0 || filled(bytes, 0));
+        in_use.emplace_back(bytes, static_cast<char>(1 + random() % 255));
+        memset(bytes, in_use.back().second, size);
+      } else if (!in_use.empty()) {
+        std::swap(in_use[random() % in_use.size()], in_use.back());
+        ASSERT_TRUE(filled(in_use.back().first, in_use.back().second));
+        chunk_free(p.handle, in_use.back().first);
+        in_use.pop_back();
+      }
+      ASSERT_EQ(pools(1)[0].in_use, in_use.size());
+    }
+  }
+}
+
+// Gets elements and puts them in order, reversed or shuffled. Returns how many chunks that freed.
+uint64_t burst(pool *p, size_t n, int order) {
+  std::vector<void *> elements(n);
+  for (void *&e : elements) e = chunk_malloc(p->handle);
+  if (order == 1) std::reverse(elements.begin(), elements.end());
+  if (order == 2) std::shuffle(elements.begin(), elements.end(), std::mt19937(1));
+  const uint64_t chunks = pools(1)[0].chunks;
+  for (void *e : elements) chunk_free(p->handle, e);
+  return chunks - pools(1)[0].chunks;
+}
+
+TEST(Pool, GivesABurstBackAndKeepsWhatABreathNeeds) {
+  for (int order : {0, 1, 2}) {
+    pool p(16, 100, kQueue);
+    for (size_t n : {1'000'000, 100'000}) {
+      for (int repeat = 0; repeat < 2; ++repeat) burst(&p, n, order);
+      EXPECT_LE(pools(1)[0].bytes, 4u * 100 * 32) << order;
+      uint64_t given_back = 0;
+      for (int breath = 0; breath < 50; ++breath) given_back += burst(&p, 8000, 0) * (breath >= 5);
+      EXPECT_LE(given_back, 45 * 80 / 5);  // of 80 chunks a breath, at most a fifth
+    }
+  }
+  pool keeps(16, 100, CHUNK_GROW);
+  EXPECT_EQ(burst(&keeps, 10'000, 2), 0u);
+}
+
+TEST(PoolDeathTest, RefusesAndDiesOfMisuse) {
+  constexpr unsigned long kSizes[][2] = {{0, 1}, {1, 0}, {1ul << 40, 1ul << 40}, {~0ul, 1}};
+  for (const auto &s : kSizes) EXPECT_EQ(chunk_create("", s[0], s[1], kQueue, 0, 0), nullptr);
+  chunk_destroy(nullptr);
+  pool huge(1ul << 45, 1ul << 10, kQueue);  // more than there is, but only an element shows it
+  EXPECT_EQ(chunk_malloc(huge.handle), nullptr);
+  pool p(64, 10, kQueue);
+  auto *bytes = static_cast<char *>(chunk_malloc(p.handle));
+  chunk_free(p.handle, bytes);
+  EXPECT_DEATH(chunk_free(p.handle, bytes), "test pool.*not in use");
+#ifdef __SANITIZE_ADDRESS__
+  EXPECT_DEATH(bytes[10] = 1, "use-after-poison");
+#endif
+}
+
+TEST(Pool, ListsPoolsInOrderOfCreation) {
+  const auto sizes = [](size_t most) {
+    std::string text;
+    for (const chunk_info_t &i : pools(most)) text += std::to_string(i.element_size) + " ";
+    return text;
+  };
+  const pool a(10, 1, kQueue), c(30, 1, kQueue);
+  {
+    const pool last(40, 1, kQueue);
+    EXPECT_EQ(sizes(100) + sizes(2), "10 30 40 10 30 ");
+  }
+  const pool last(50, 1, kQueue);
+  EXPECT_EQ(sizes(100), "10 30 50 ");
+  chunk_set_limit(last.handle, 7);
+  EXPECT_EQ(pools()[2].limit, 7u);
+  EXPECT_EQ(pools()[0].limit, 0u);
+}
+
+}  // namespace
