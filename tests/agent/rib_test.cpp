@@ -23,7 +23,10 @@ using namespace agent;
 
 namespace {
 
-using route_counts = std::map<uint32_t, std::map<uint32_t, int64_t>>;  // table, next hop
+using nexthop_counts = std::map<uint32_t, int64_t>;
+using route_counts = std::map<uint32_t, nexthop_counts>;  // by table
+
+enum asking { kOff, kOn, kReset };
 
 class fake_module {
  public:
@@ -32,69 +35,52 @@ class fake_module {
     enqueue([this] { stop_ = true; });
     worker_.join();
   }
-
   void enqueue(std::function<void()> handle, uint32_t table = 0) {
     std::lock_guard held(queue_lock_);
-    queue_.push_back({std::move(handle), table});
+    queue_.emplace_back(std::move(handle), table);
     most_queued = std::max(most_queued, queue_.size());
     queued_.notify_all();
   }
 
-  // What the worker asks of the RIB; each returns when the worker has done it.
-  // The worker may stand still until so much is queued, and a while longer.
-  int on(uint32_t table, size_t until_queued = 0) {
-    return handled([=, this] {
-      silent(table, false);
-      counts_[table].clear();
-      int result = tarvo_rib_ipv4_redist(table, 1);
+  // What the worker asks of the RIB; returns the answer when the worker has it. The worker may
+  // stand still until so much is queued, and a while longer.
+  int ask(uint32_t table, asking what, size_t until_queued = 0) {
+    std::promise<int> answer;
+    enqueue([&] {
+      if (what == kOn) silence(table, false);
+      counts_.erase(table);
+      const int result = what == kReset ? tarvo_rib_ipv4_redist_reset(table)
+                                        : tarvo_rib_ipv4_redist(table, what == kOn);
+      if (what == kOff) silence(table, true);
       std::unique_lock queue_held(queue_lock_);
-      queued_.wait(queue_held, [=, this] { return queue_.size() >= until_queued; });
+      queued_.wait(queue_held, [&] { return queue_.size() >= until_queued; });
       queue_held.unlock();
       for (int i = 0; until_queued != 0 && i < 1000; ++i) std::this_thread::yield();
-      return result;
+      answer.set_value(result);
     });
-  }
-  int off(uint32_t table) {
-    return handled([=, this] {
-      int result = tarvo_rib_ipv4_redist(table, 0);
-      silent(table, true);
-      counts_.erase(table);
-      return result;
-    });
-  }
-  int reset(uint32_t table) {
-    return handled([=, this] {
-      counts_[table].clear();
-      return tarvo_rib_ipv4_redist_reset(table);
-    });
+    return answer.get_future().get();
   }
 
   int report(uint32_t table, uint32_t nexthop, int add) {
-    log.push_back({nexthop, add});
+    log.emplace_back(nexthop, add);
     {
       std::lock_guard held(queue_lock_);
-      if (silent_.contains(table)) ++late;
+      late += silent_.contains(table);
     }
     enqueue([=, this] { count(table, nexthop, add); }, table);
     return 1;
   }
-
-  uint32_t register_client(uint32_t id, tarvo_nd_notify_fn notify) {
+  uint32_t answer(tarvo_nd_notify_fn notify, uint32_t id, uint32_t event) {
     if (no_memory) return TARVO_ND_ERR_NOMEM;
-    notify_ = notify;
-    enqueue([=] { notify(id, TARVO_ND_EVENT_END, ""); });
+    if (notify != nullptr) notify_ = notify;
+    enqueue([=, this] { notify_(id, event, ""); });
     return TARVO_ND_OK;
   }
-  uint32_t resend(uint32_t id) {
-    if (no_memory) return TARVO_ND_ERR_NOMEM;
-    enqueue([=, this] { notify_(id, TARVO_ND_EVENT_RESEND_END, ""); });
-    return TARVO_ND_OK;
-  }
-
   route_counts counts() {
     std::lock_guard held(nd_);
     return counts_;
   }
+
   std::vector<std::pair<uint32_t, int>> log;  // reports, by the thread that hands them over
   size_t most_queued = 0;
   int late = 0;        // reports of a table that had been switched off
@@ -102,43 +88,32 @@ class fake_module {
   bool no_memory = false;
 
  private:
-  struct request {
-    std::function<void()> handle;
-    uint32_t table;  // of a report
-  };
-
   void run() {
     while (!stop_) {
       std::unique_lock queue_held(queue_lock_);
       queued_.wait(queue_held, [this] { return !queue_.empty(); });
-      auto next = std::move(queue_.front());
+      const auto handle = std::move(queue_.front().first);
       queue_.pop_front();
       queue_held.unlock();
       std::lock_guard held(nd_);
-      next.handle();
+      handle();
     }
   }
-  void silent(uint32_t table, bool on) {
+  void silence(uint32_t table, bool on) {
     std::lock_guard held(queue_lock_);
-    if (on) silent_.insert(table);
-    if (!on) silent_.erase(table);
-    std::erase_if(queue_, [=](const request &r) { return on && r.table == table; });
+    if (!on) return void(silent_.erase(table));
+    silent_.insert(table);
+    std::erase_if(queue_, [=](const auto &request) { return request.second == table; });
   }
   void count(uint32_t table, uint32_t nexthop, int add) {
-    auto &nexthops = counts_[table];
-    int64_t now = nexthops[nexthop] += add ? 1 : -1;
-    if (now < 0) ++underflows;
-    if (now == 0) nexthops.erase(nexthop);
-  }
-  int handled(const std::function<int()> &ask) {
-    std::promise<int> result;
-    enqueue([&] { result.set_value(ask()); });
-    return result.get_future().get();
+    const int64_t now = counts_[table][nexthop] += add ? 1 : -1;
+    underflows += now < 0;
+    if (now == 0) counts_[table].erase(nexthop);
   }
 
   std::mutex nd_, queue_lock_;
   std::condition_variable queued_;
-  std::deque<request> queue_;
+  std::deque<std::pair<std::function<void()>, uint32_t>> queue_;  // with the table of a report
   std::set<uint32_t> silent_;
   route_counts counts_;
   tarvo_nd_notify_fn notify_ = nullptr;
@@ -148,10 +123,14 @@ class fake_module {
 
 fake_module *the_module;
 
-const tarvo_nd_rib_fns_t kCallbacks = {[](uint32_t table, uint32_t nexthop, int add) {
-                                         return the_module->report(table, nexthop, add);
-                                       },
-                                       nullptr};
+int report(uint32_t table, uint32_t nexthop, int add) {
+  return the_module->report(table, nexthop, add);
+}
+const tarvo_nd_rib_fns_t kCallbacks = {report, nullptr};
+
+nlri vpn_route(uint64_t rd, uint32_t prefix, uint32_t path_id = 0) {
+  return {rd, prefix << 8, path_id, 24, true};
+}
 
 struct world {
   world() {
@@ -166,10 +145,16 @@ struct world {
   }
   bool announce(source_id source, const nlri &key, uint32_t nexthop,
                 const std::vector<route_target> &targets) {
-    attr_id attributes = routes.acquire(nexthop, targets);
-    bool taken = routes.announce(source, key, attributes);
+    const attr_id attributes = routes.acquire(nexthop, targets);
+    const bool taken = routes.announce(source, key, attributes);
     routes.release(attributes);
     return taken;
+  }
+  /// Grows the table to so many routes, which VRFs that import 10 take.
+  void grow_to(uint32_t count, uint32_t nexthops = 1) {
+    if (next_ == 0) source_ = routes.open_source();
+    for (; next_ < count; ++next_)
+      announce(source_, vpn_route(1, next_), 1 + next_ % nexthops, {10});
   }
 
   fake_module module;
@@ -177,11 +162,9 @@ struct world {
   redistribution reports{pace};
   global_table global;
   rib routes{global, reports};
+  uint32_t next_ = 0;
+  source_id source_ = 0;
 };
-
-nlri vpn_route(uint64_t rd, uint32_t prefix, uint32_t path_id = 0) {
-  return {rd, prefix << 8, path_id, 24, true};
-}
 
 // The same, kept without any cleverness, and the random steps that change both.
 class model {
@@ -189,32 +172,27 @@ class model {
   model(world &w, uint32_t seed) : w_(w), random_(seed) {
     for (source_id &s : sources_) s = w_.routes.open_source();
   }
-
   void step() {
-    unsigned what = below(5000);
+    const unsigned what = below(5000);
     if (what < 4000) return announce();
     if (what < 4500) return withdraw();
     if (what < 4950) return void(w_.routes.work());
     if (what < 4951) return reopen(below(kSources));
     if (what < 4960) return toggle_vrf(1 + below(kTables));
-    return toggle_redistribution(1 + below(kTables));
+    toggle_redistribution(1 + below(kTables));
   }
-
   void check() {
     w_.quiet();
-    route_counts expected;
-    for (auto &[table, imports] : vrfs_) count(table, imports, expected[table]);
-    route_counts shown, reported = w_.module.counts();
-    for (auto &[table, imports] : vrfs_) shown[table];
+    route_counts expected, shown, reported = w_.module.counts();
+    for (auto &[table, imports] : vrfs_) count(imports, expected[table]), shown[table];
     for (const route_count &c : w_.routes.count_routes()) shown[c.table_id][c.nexthop] = c.routes;
     ASSERT_EQ(shown, expected);
     for (auto &[table, nexthops] : expected)
-      ASSERT_EQ(reported[table], on_.contains(table) ? nexthops : decltype(nexthops){});
+      ASSERT_EQ(reported[table], on_.contains(table) ? nexthops : nexthop_counts{});
     ASSERT_EQ(w_.module.late, 0);
     ASSERT_EQ(w_.module.underflows, 0);
     for (int i = 0; i < 50; ++i) check_lookup(random_());
   }
-
   void empty() {
     for (unsigned i = 0; i < kSources; ++i) reopen(i);
     check();
@@ -230,85 +208,68 @@ class model {
   };
 
   unsigned below(unsigned limit) { return unsigned(random_() % limit); }
-  std::vector<route_target> some_targets(unsigned most) {
-    std::vector<route_target> targets(below(most));
+  std::vector<route_target> some_targets() {
+    std::vector<route_target> targets(below(4));
     for (route_target &t : targets) t = below(kTargets);
     return targets;
   }
   // Half of the steps meet on a few prefixes, the others make the table grow.
   nlri some_nlri() {
-    uint32_t prefix = below(2) ? below(8) : below(12000);
-    nlri key = vpn_route(1 + below(2), prefix, below(3));
+    const nlri key = vpn_route(1 + below(2), below(2) ? below(8) : below(12000), below(3));
     if (below(5) != 0) return key;
-    uint8_t length = uint8_t(below(33));
-    return {0, length == 0 ? 0 : uint32_t(random_()) & ~0u << (32 - length), below(2), length,
-            false};
+    const uint8_t length = uint8_t(below(33));
+    const uint32_t prefix = length == 0 ? 0 : uint32_t(random_()) & ~0u << (32 - length);
+    return {0, prefix, below(2), length, false};
   }
   static route_key key_of(const nlri &k) { return {k.vpn, k.rd, k.prefix, k.length}; }
 
   void announce() {
-    unsigned s = below(kSources);
-    nlri key = some_nlri();
-    attributes a{below(5), some_targets(4)};  // next hop 0 is the router itself
+    const unsigned s = below(kSources);
+    const nlri key = some_nlri();
+    const attributes a{below(5), some_targets()};  // next hop 0 is the router itself
     ASSERT_TRUE(w_.announce(sources_[s], key, a.nexthop, a.targets));
     paths_[key_of(key)][{s, key.path_id}] = a;
   }
   void withdraw() {
-    unsigned s = below(kSources);
-    nlri key = some_nlri();
+    const unsigned s = below(kSources);
+    const nlri key = some_nlri();
     w_.routes.withdraw(sources_[s], key);
-    drop(key_of(key), [&](auto &path) { return path.first == std::pair(s, key.path_id); });
+    if (paths_.contains(key_of(key))) paths_[key_of(key)].erase({s, key.path_id});
   }
   void reopen(unsigned s) {
     w_.routes.close_source(sources_[s]);
     sources_[s] = w_.routes.open_source();
-    std::vector<route_key> keys;
-    for (auto &[key, paths] : paths_) keys.push_back(key);
-    for (auto &key : keys) drop(key, [&](auto &path) { return path.first.first == s; });
+    for (auto &[key, paths] : paths_)
+      std::erase_if(paths, [s](auto &path) { return path.first.first == s; });
   }
-  template <typename Which>
-  void drop(const route_key &key, Which which) {
-    auto found = paths_.find(key);
-    if (found == paths_.end()) return;
-    std::erase_if(found->second, which);
-    if (found->second.empty()) paths_.erase(found);
-  }
-
   void toggle_vrf(uint32_t table) {
-    if (vrfs_.contains(table)) {
-      if (on_.erase(table) != 0) w_.module.off(table);
-      w_.routes.remove_vrf(table);
-      vrfs_.erase(table);
-      EXPECT_NE(w_.module.on(table), 0) << "unknown table";
-      return;
+    if (!vrfs_.contains(table)) {
+      vrfs_[table] = some_targets();
+      return w_.routes.add_vrf({"vrf", table, vrfs_[table]});
     }
-    vrfs_[table] = some_targets(4);
-    w_.routes.add_vrf({"vrf", table, vrfs_[table]});
+    if (on_.erase(table) != 0) w_.module.ask(table, kOff);
+    w_.routes.remove_vrf(table);
+    vrfs_.erase(table);
+    EXPECT_NE(w_.module.ask(table, kOn), 0) << "unknown table";
   }
   void toggle_redistribution(uint32_t table) {
     if (!vrfs_.contains(table)) return;
     // What is queued under the old count would be counted in the new one.
     w_.pace.wait();
-    unsigned what = below(3);
-    if (what == 0 && on_.erase(table)) {
-      EXPECT_EQ(w_.module.off(table), 0);
-    } else if (what == 1 && on_.contains(table)) {
-      EXPECT_EQ(w_.module.reset(table), 0);
-    } else {
-      EXPECT_EQ(w_.module.on(table), 0);
-      on_.insert(table);
-    }
+    const unsigned what = below(3);
+    if (what == 0 && on_.erase(table) != 0) return void(w_.module.ask(table, kOff));
+    if (what == 1 && on_.contains(table)) return void(w_.module.ask(table, kReset));
+    w_.module.ask(table, kOn);
+    on_.insert(table);
   }
 
-  void count(uint32_t, const std::vector<route_target> &imports,
-             std::map<uint32_t, int64_t> &nexthops) const {
+  void count(const std::vector<route_target> &imports, nexthop_counts &nexthops) const {
     for (auto &[key, paths] : paths_) {
-      if (!std::get<bool>(key)) continue;
       std::set<uint32_t> of_route;
       for (auto &[from, a] : paths)
-        for (route_target t : a.targets)
-          if (a.nexthop != 0 && std::ranges::find(imports, t) != imports.end())
-            of_route.insert(a.nexthop);
+        if (std::get<bool>(key) && a.nexthop != 0 &&
+            std::ranges::find_first_of(a.targets, imports) != a.targets.end())
+          of_route.insert(a.nexthop);
       for (uint32_t nexthop : of_route) ++nexthops[nexthop];
     }
   }
@@ -316,8 +277,8 @@ class model {
     int longest = -1;
     for (auto &[key, paths] : paths_) {
       auto [vpn, rd, prefix, length] = key;
-      bool covers = length == 0 || (address ^ prefix) >> (32 - length) == 0;
-      if (!vpn && covers) longest = std::max(longest, int(length));
+      const bool covers = length == 0 || (address ^ prefix) >> (32 - length) == 0;
+      if (!vpn && covers && !paths.empty()) longest = std::max(longest, int(length));
     }
     tarvo_nd_nhop_info_t info{htonl(address), 0, 0};
     ASSERT_EQ(tarvo_rib_ipv4_get_prefix_route(&info) == 0, longest >= 0);
@@ -348,16 +309,15 @@ INSTANTIATE_TEST_SUITE_P(Seeds, Rib, testing::Range(1u, 5u));
 TEST(RibReports, AddsBeforeDeletesAndOnlyDifferences) {
   world w;
   w.routes.add_vrf({"a", 1, {10, 11}});
-  ASSERT_EQ(w.module.on(1), 0);
+  ASSERT_EQ(w.module.ask(1, kOn), 0);
   w.quiet();
-  source_id s = w.routes.open_source(), t = w.routes.open_source();
-  using reports = std::vector<std::pair<uint32_t, int>>;
+  const source_id s = w.routes.open_source(), t = w.routes.open_source();
   const struct {
     const char *what;
     source_id from;
     uint32_t nexthop;
     std::vector<route_target> targets;
-    reports expected;
+    std::vector<std::pair<uint32_t, int>> expected;
   } steps[] = {
       {"two imported targets count once", s, 7, {10, 11}, {{7, 1}}},
       {"same route from another source", t, 7, {11}, {}},
@@ -378,29 +338,24 @@ TEST(RibReports, AddsBeforeDeletesAndOnlyDifferences) {
 // Two tables join a pass at different places, and the buckets double before either is through.
 TEST(RibReports, DumpKeepsItsPlaceWhileTheTableGrows) {
   world w;
-  source_id s = w.routes.open_source();
-  uint32_t next = 0;
-  auto grow_to = [&](uint32_t routes) {
-    for (; next < routes; ++next) w.announce(s, vpn_route(1, next), 7, {10});
-  };
   for (uint32_t table : {1, 2, 3}) w.routes.add_vrf({"vrf", table, {10}});
-  grow_to(8000);
+  w.grow_to(8000);
   for (uint32_t table : {1, 2, 3}) {
-    ASSERT_EQ(w.module.on(table), 0);
+    ASSERT_EQ(w.module.ask(table, kOn), 0);
     w.routes.work();
-    if (table == 2) grow_to(9000);
+    if (table == 2) w.grow_to(9000);
   }
-  grow_to(40000);
+  w.grow_to(40000);
   w.quiet();
-  EXPECT_EQ(w.module.counts(),
-            (route_counts{{1, {{7, 40000}}}, {2, {{7, 40000}}}, {3, {{7, 40000}}}}));
+  const nexthop_counts all = {{1, 40000}};
+  EXPECT_EQ(w.module.counts(), (route_counts{{1, all}, {2, all}, {3, all}}));
 }
 
 TEST(AttrStore, LastReleaseFrees) {
   attr_store store;
   std::vector<size_t> memory;
   for (route_target t = 0; t < 100; ++t) {
-    attr_id first = store.acquire(1, std::vector{t, t + 1});
+    const attr_id first = store.acquire(1, std::vector{t, t + 1});
     EXPECT_EQ(store.acquire(1, std::vector{t + 1, t, t}), first) << "the same set";
     store.release(first);
     store.release(first);
@@ -411,10 +366,9 @@ TEST(AttrStore, LastReleaseFrees) {
 
 TEST(RibLimits, PathsOfOneNlriAreBounded) {
   world w;
-  source_id s = w.routes.open_source();
-  for (uint32_t id = 0; id < rib::kMaxPathsPerNlri; ++id)
-    ASSERT_TRUE(w.announce(s, vpn_route(1, 1, id), 7, {}));
-  EXPECT_FALSE(w.announce(s, vpn_route(1, 1, rib::kMaxPathsPerNlri), 7, {}));
+  const source_id s = w.routes.open_source();
+  for (uint32_t id = 0; id <= rib::kMaxPathsPerNlri; ++id)
+    EXPECT_EQ(w.announce(s, vpn_route(1, 1, id), 7, {}), id < rib::kMaxPathsPerNlri);
   EXPECT_TRUE(w.announce(s, vpn_route(1, 1, 0), 8, {})) << "a known path may change";
 }
 
@@ -433,37 +387,24 @@ TEST(Fence, WithoutMemoryNothingHangs) {
 }
 
 // The worker stands still until the RIB has queued what it may, and the queue never grows longer.
-TEST(RibThread, PacesAndSettles) {
-  constexpr uint32_t kRoutes = 50000;
+TEST(RibThread, PacesDumpsSettlesAndServesDescriptorsAndCalls) {
+  constexpr size_t kMostQueued = fence::kReportsPerFence * fence::kMaxOutstanding;
   world w;
+  w.routes.add_vrf({"a", 1, {10}});
+  w.grow_to(50000, 3);
   rib_thread loop(w.routes, w.reports, w.pace);
-  loop.call([&] {
-    source_id s = w.routes.open_source();
-    w.routes.add_vrf({"a", 1, {10}});
-    for (uint32_t i = 0; i < kRoutes; ++i) w.announce(s, vpn_route(1, i), 1 + i % 3, {10});
-  });
   for (int round = 0; round < 3; ++round) {
-    ASSERT_EQ(w.module.on(1, fence::kReportsPerFence * fence::kMaxOutstanding), 0);
+    ASSERT_EQ(w.module.ask(1, kOn, kMostQueued), 0);
     loop.settle();
-    route_counts expected{{1, {{1, 16667}, {2, 16667}, {3, 16666}}}};
-    EXPECT_EQ(w.module.counts(), expected);
-    ASSERT_EQ(w.module.off(1), 0);
+    EXPECT_EQ(w.module.counts(), (route_counts{{1, {{1, 16667}, {2, 16667}, {3, 16666}}}}));
+    ASSERT_EQ(w.module.ask(1, kOff), 0);
   }
-  EXPECT_LE(w.module.most_queued,
-            (fence::kReportsPerFence + redistribution::kBurst) * fence::kMaxOutstanding);
-  EXPECT_EQ(w.module.late, 0);
-}
+  EXPECT_LE(w.module.most_queued, kMostQueued + redistribution::kBurst * fence::kMaxOutstanding);
 
-TEST(RibThread, ServesDescriptorsAndCallsDuringDumps) {
-  world w;
-  rib_thread loop(w.routes, w.reports, w.pace);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   std::promise<char> got;
   loop.call([&] {
-    source_id s = w.routes.open_source();
-    w.routes.add_vrf({"a", 1, {10}});
-    for (uint32_t i = 0; i < 20000; ++i) w.announce(s, vpn_route(1, i), 1, {10});
     loop.add_fd(ends[0], POLLIN, [&](short) {
       char c = 0;
       if (read(ends[0], &c, 1) == 1) got.set_value(c);
@@ -471,18 +412,15 @@ TEST(RibThread, ServesDescriptorsAndCallsDuringDumps) {
     });
   });
   std::thread caller([&] {
-    for (uint32_t i = 0; i < 200; ++i) loop.call([&] { w.routes.withdraw(0, vpn_route(1, i)); });
+    for (uint32_t i = 0; i < 300; ++i) loop.call([&] { w.routes.withdraw(0, vpn_route(1, i)); });
   });
-  for (int i = 0; i < 20; ++i) {
-    ASSERT_EQ(w.module.on(1), 0);
-    ASSERT_EQ(w.module.off(1), 0);
-  }
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(w.module.ask(1, kOn) + w.module.ask(1, kOff), 0);
   ASSERT_EQ(write(ends[1], "x", 1), 1);
   EXPECT_EQ(got.get_future().get(), 'x');
-  ASSERT_EQ(w.module.on(1), 0);
+  ASSERT_EQ(w.module.ask(1, kOn), 0);
   caller.join();
   loop.settle();
-  EXPECT_EQ(w.module.counts(), (route_counts{{1, {{1, 19800}}}}));
+  EXPECT_EQ(w.module.counts(), (route_counts{{1, {{1, 16567}, {2, 16567}, {3, 16566}}}}));
   EXPECT_EQ(w.module.late, 0);
   close(ends[0]);
   close(ends[1]);
@@ -492,7 +430,9 @@ TEST(RibThread, ServesDescriptorsAndCallsDuringDumps) {
 
 // The module's side of the fence.
 uint32_t tarvo_pe_discovery_register(uint32_t id, const char *, tarvo_nd_notify_fn notify) {
-  return the_module->register_client(id, notify);
+  return the_module->answer(notify, id, TARVO_ND_EVENT_END);
 }
 uint32_t tarvo_pe_discovery_unregister(uint32_t) { return TARVO_ND_OK; }
-uint32_t tarvo_pe_discovery_resend(uint32_t id, const char *) { return the_module->resend(id); }
+uint32_t tarvo_pe_discovery_resend(uint32_t id, const char *) {
+  return the_module->answer(nullptr, id, TARVO_ND_EVENT_RESEND_END);
+}
