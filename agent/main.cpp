@@ -118,30 +118,16 @@ void occupy_standard_descriptors() {
 
 // ---- The event manager on its own thread ----
 
-class event_thread {
- public:
-  event_thread() : mgr_(event_mgr_create()) {
-    if (mgr_ == nullptr) return;
-    thread_ = std::thread([mgr = mgr_] {
-      set_thread_name("events", pthread_self());
-      event_mgr_dispatch(mgr);
-      remove_thread_name(nullptr);
-    });
-  }
-  ~event_thread() {
-    if (mgr_ == nullptr) return;
-    event_mgr_stop(mgr_);
-    thread_.join();
-  }
-  event_thread(const event_thread &) = delete;
-  event_thread &operator=(const event_thread &) = delete;
-
-  void *manager() const { return mgr_; }
-
- private:
-  void *mgr_;
-  std::thread thread_;
-};
+/// It is dispatched until the process ends. Null with errno set when there is none.
+void *start_event_manager() {
+  void *mgr = event_mgr_create();
+  if (mgr == nullptr) return nullptr;
+  std::thread([mgr] {
+    set_thread_name("events", pthread_self());
+    event_mgr_dispatch(mgr);
+  }).detach();
+  return mgr;
+}
 
 // ---- The agent ----
 
@@ -181,12 +167,13 @@ class agent_program {
 
  private:
   bool start_module() {
-    if (events_.manager() == nullptr) {
+    void *events = start_event_manager();
+    if (events == nullptr) {
       complain(std::string("event manager: ") + strerror(errno));
       return false;
     }
     install_services(reports_, global_);
-    const uint32_t result = tarvo_nd_init(events_.manager());
+    const uint32_t result = tarvo_nd_init(events);
     if (result == TARVO_ND_OK) return true;
     std::array<char, 64> text;
     snprintf(text.data(), text.size(), "the module did not start: 0x%08x", result);
@@ -307,8 +294,7 @@ class agent_program {
   const options &options_;
   bool failed_ = false;
 
-  // In the order they need each other; destroyed in reverse.
-  event_thread events_;
+  // In the order they need each other.
   prompt terminal_;
   output out_;
   fence pace_;
