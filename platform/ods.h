@@ -1,5 +1,6 @@
 /*
- * Operational-data store: the records it exchanges with a provider.
+ * Operational-data store: the records it exchanges with a provider, and the lists a provider
+ * builds for it.
  *
  * A provider's callbacks are given the request's path and write the result only on success. The
  * bytes marked reserved are the store's own.
@@ -43,6 +44,58 @@ static_assert(offsetof(ods_item_t, buffer) == 16, "layout of the store");
 static_assert(offsetof(ods_item_t, length) == 24, "layout of the store");
 static_assert(offsetof(ods_list_result_t, count) == 16, "layout of the store");
 static_assert(offsetof(ods_list_result_t, list) == 24, "layout of the store");
+
+/* Result codes; 0 is success. */
+#define ODS_ERR_NOMEM UINT32_C(0x40820200)
+#define ODS_ERR_ARGUMENT UINT32_C(0x40820400) /* a null key, another rank or flags than below */
+
+/* ---------------------------------- Building ---------------------------------- */
+/*
+ * A list carries keys; a data list carries a value with each. Both grow with their entries. A list
+ * belongs to one thread at a time; whoever holds it frees it. A failure leaves it as it was.
+ */
+
+/*
+ * Creates an empty list in `*list`, or leaves it alone and returns ODS_ERR_NOMEM.
+ *
+ * `path` is the request's; `more` are the request's further arguments, which the provider was given
+ * and hands on. Both are for stores that build a list by what was asked: this one looks at neither.
+ */
+PLATFORM_API uint32_t ods_list_create(void **list, ods_path_t *path, void *more);
+PLATFORM_API uint32_t ods_datalist_create(void **list, ods_path_t *path, void *more);
+
+/* The rank of an entry that goes to the end, the only one there is. */
+#define ODS_RANK_LAST UINT32_C(0xffffffff)
+
+/* Appends a copy of `key`. `rank` is ODS_RANK_LAST, `flags` 0. */
+PLATFORM_API uint32_t ods_list_add(void *list, const char *key, uint32_t rank, uint32_t flags);
+
+/* Appends copies of `key` and of the value, `length` bytes at `buffer`. `flags` is 0. */
+PLATFORM_API uint32_t ods_datalist_add(void *list, const char *key, uint32_t type, uint32_t flags,
+                                       const void *buffer, uint32_t length);
+
+/* Tells that there may be more after the last entry: the request can be repeated with its key. */
+PLATFORM_API void ods_list_set_more_flag(void *list);
+
+/* Frees a list with its entries. No effect on null. */
+PLATFORM_API void ods_list_free(void *list);
+PLATFORM_API void ods_datalist_free(void *list);
+
+/* ----------------------------- Reading, for the store ----------------------------- */
+
+/* One entry, valid until the list is freed. */
+typedef struct ods_entry {
+  const char *key;
+  uint32_t type;      /* kind of value; 0 in a list of keys */
+  uint32_t length;    /* bytes of the value */
+  const void *buffer; /* the value */
+} ods_entry_t;
+
+/* The entry at `index` (from 0) of a list or data list in order of adding, or null. */
+PLATFORM_API const ods_entry_t *ods_list_entry(const void *list, uint32_t index);
+
+/* 1 when ods_list_set_more_flag was called, else 0. */
+PLATFORM_API int ods_list_more(const void *list);
 
 PLATFORM_END
 
