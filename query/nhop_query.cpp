@@ -96,6 +96,15 @@ uint32_t tarvo_nd_next_tableid(uint32_t nhop_addr, uint32_t table_id, tarvo_nd_n
   });
 }
 
+uint32_t tarvo_nd_lookup_tableid(uint32_t nhop_addr, const char *vrf_name,
+                                 tarvo_nd_nhop_table_t *out) {
+  return query(__func__, out, [&]() TARVO_REQUIRES(tarvo_nd_mutex) -> tarvo_nd_nhop_table_t * {
+    const uint32_t table_id = tarvo_nd_vrf_name2tableid(vrf_name);
+    if (table_id == 0) return nullptr;
+    return tarvo_nd_nhop_table_lookup(tables_of(nhop_addr), table_id);
+  });
+}
+
 uint32_t tarvo_nd_first_nhop_by_tableid(uint32_t table_id, tarvo_nd_nhop_t *out) {
   if (table_id == 0) return tarvo_nd_first_nhop(out);
   return query(__func__, out, [&]() TARVO_REQUIRES(tarvo_nd_mutex) {

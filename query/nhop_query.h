@@ -30,3 +30,7 @@ uint32_t tarvo_nd_first_tableid(uint32_t nhop_addr, tarvo_nd_nhop_table_t *out,
 uint32_t tarvo_nd_next_tableid(uint32_t nhop_addr, uint32_t table_id, tarvo_nd_nhop_table_t *out,
                                tarvo_nd_vrf_name_copy_t *vrf_name = nullptr)
     TARVO_EXCLUDES(tarvo_nd_mutex);
+
+/// The reference that the first VRF with that name (by table ID) makes to a next hop.
+uint32_t tarvo_nd_lookup_tableid(uint32_t nhop_addr, const char *vrf_name,
+                                 tarvo_nd_nhop_table_t *out) TARVO_EXCLUDES(tarvo_nd_mutex);
