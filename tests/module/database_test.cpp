@@ -275,6 +275,7 @@ TEST(Queries, TakeTheLockOnceUnderTheirName) {
       {[&] { tarvo_nd_lookup_nhop_by_tableid(1, 0, &out); }, "tarvo_nd_lookup_nhop_by_tableid"},
       {[&] { tarvo_nd_first_tableid(0, &ref); }, "tarvo_nd_first_tableid"},
       {[&] { tarvo_nd_next_tableid(0, 1, &ref); }, "tarvo_nd_next_tableid"},
+      {[&] { tarvo_nd_lookup_tableid(0, "", &ref); }, "tarvo_nd_lookup_tableid"},
   };
   w.take();
   for (const auto &row : kQueries) {

@@ -15,6 +15,7 @@
 #include "engine/worker.h"
 #include "tarvo/agent_services.h"
 #include "tarvo/messages.h"
+#include "tarvo/oper_data.h"
 #include "tests/module/world.h"
 
 using texts = std::vector<std::string>;
@@ -388,15 +389,6 @@ TEST(Messages, CatalogueIsAsTabled) {
   }
 }
 
-TEST(Ods, ServesNoItemYet) {
-  const tarvo_nd_ods_fns_t &fns = tarvoMplsDiscoveryODSFns;
-  EXPECT_EQ(fns.get(nullptr, nullptr, nullptr), 0x40828400u);
-  EXPECT_EQ(fns.list(nullptr, nullptr, nullptr, nullptr), 0x40828400u);
-  EXPECT_EQ(fns.datalist(nullptr, nullptr, nullptr, nullptr), 0x40828400u);
-  EXPECT_EQ(fns.unused[0], nullptr);
-  EXPECT_EQ(fns.unused[1], nullptr);
-}
-
 // ------------------------------------------- timers -------------------------------------------
 
 TEST(Timers, IntervalDividesIntoPhases) {
@@ -478,6 +470,10 @@ TEST(Timers, WhatHappensBeforeTheLockIsTakenIsSeen) {
   };
   w.start();
   tarvo_nd_nhop_t out = {};
+  ods_path_t path = {};
+  path.key[0] = &out.info.nhop_addr;
+  path.key[1] = "";
+  const uint32_t gone = TARVO_ODS_ERR_NOT_FOUND;
   const struct {
     const char *what;
     std::function<void()> call;
@@ -486,6 +482,8 @@ TEST(Timers, WhatHappensBeforeTheLockIsTakenIsSeen) {
       {"remaining", [] { EXPECT_LT(tarvo_nd_get_refresh_interval_remaining(), 0); }},
       {"query",
        [&] { EXPECT_EQ(tarvo_nd_first_nhop_by_tableid(7, &out), TARVO_ND_ERR_NOT_FOUND); }},
+      {"state", [&] { EXPECT_EQ(tarvo_mpls_discovery_ods_vpn_state_get(nullptr, &path), gone); }},
+      {"vrf", [&] { EXPECT_EQ(tarvo_mpls_discovery_ods_vpn_vrf_get(nullptr, &path), gone); }},
       {"handler", [] { w.advance(500), w.pass(0); }},
   };
   for (const auto &row : kCalls) {

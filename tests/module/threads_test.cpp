@@ -10,6 +10,8 @@
 #include "engine/shared_words.h"
 #include "engine/timers.h"
 #include "query/nhop_query.h"
+#include "tarvo/agent_services.h"
+#include "tarvo/oper_data.h"
 #include "tests/module/world.h"
 
 static std::atomic<int> fences;
@@ -86,6 +88,23 @@ TEST(Threads, EveryoneAtOnce) {
           EXPECT_STREQ(name.name, result == TARVO_ND_OK && name.known ? "A" : "");
           name = {};
         }
+      },
+      [](unsigned &) {
+        const tarvo_nd_ods_fns_t &ods = tarvoMplsDiscoveryODSFns;
+        uint32_t nhop = 0;
+        ods_path_t all = {0, TARVO_DISC_ITEM_NHOP, 0, {&nhop, nullptr}};
+        ods_path_t one = {0, TARVO_DISC_ITEM_VRF, 0, {&nhop, "A"}};
+        ods_list_result_t keys = {}, vrfs = {};
+        ods_item_t vrf = {};
+        if (ods.list(nullptr, &keys, &all, &all) != 0) return;
+        for (uint32_t i = 0; i < keys.count; ++i) {
+          nhop = static_cast<uint32_t>(strtoul(ods_list_entry(keys.list, i)->key, nullptr, 16));
+          if (ods.get(nullptr, &vrf, &one) == 0) free(vrf.buffer);
+          if (ods.datalist(nullptr, &vrfs, &one, &one) != 0) continue;
+          while (vrfs.count-- > 0) EXPECT_STREQ(ods_list_entry(vrfs.list, vrfs.count)->key, "A");
+          ods_datalist_free(vrfs.list);
+        }
+        ods_list_free(keys.list);
       },
       [](unsigned &seed) {
         tarvo_nd_set_rib_refresh_interval(rand_r(&seed) % 3 * 20);

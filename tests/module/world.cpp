@@ -1,6 +1,7 @@
 #include "tests/module/world.h"
 
 #include <arpa/inet.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -13,8 +14,10 @@
 #include "engine/state.h"
 #include "engine/timers.h"
 #include "engine/worker.h"
+#include "platform/bag.h"
 #include "platform/event.h"
 #include "platform/message_log.h"
+#include "platform/ods.h"
 #include "platform/pool.h"
 #include "platform/thread_diag.h"
 #include "platform/timer.h"
@@ -401,6 +404,50 @@ extern "C" void __wrap_wavl_finish(wavl_tree_t *tree) {
 WRAPPED_TREE(wavl_search, (wavl_tree_t * tree, const void *key, unsigned long n), (tree, key, n))
 WRAPPED_TREE(wavl_get_first, (wavl_tree_t * tree, unsigned long n), (tree, n))
 WRAPPED_TREE(wavl_get_next, (wavl_tree_t * tree, const void *key, unsigned long n), (tree, key, n))
+
+// The store and the encoder: never under the nd mutex, all that they do is noted.
+static void outside(const std::string &text) {
+  require(tarvo_nd_mutex.mutex.__data.__owner != gettid(), "the store is called under the lock");
+  w.note(text);
+}
+
+#define WRAPPED_OUTSIDE(name, parameters, arguments, text)                              \
+  extern "C" uint32_t __real_##name parameters;                                         \
+  extern "C" uint32_t __wrap_##name parameters {                                        \
+    outside(text);                                                                      \
+    return w.failing(#name) ? static_cast<uint32_t>(w.error) : __real_##name arguments; \
+  }
+#define WRAPPED_CREATE(name, text)                                                       \
+  WRAPPED_OUTSIDE(name, (void **list, ods_path_t *path, void *more), (list, path, more), \
+                  *list == nullptr && path == more ? text : "?")
+#define WRAPPED_VOID(name, parameters, arguments, text) \
+  extern "C" void __real_##name parameters;             \
+  extern "C" void __wrap_##name parameters {            \
+    outside(text);                                      \
+    __real_##name arguments;                            \
+  }
+
+// The tests hand the path on as the further arguments.
+WRAPPED_CREATE(ods_list_create, "list")
+WRAPPED_CREATE(ods_datalist_create, "datalist")
+WRAPPED_OUTSIDE(ods_list_add, (void *list, const char *key, uint32_t rank, uint32_t flags),
+                (list, key, rank, flags),
+                rank == 0xffffffff && flags == 0 ? std::string("add ") + key : "?")
+WRAPPED_OUTSIDE(ods_datalist_add,
+                (void *list, const char *key, uint32_t type, uint32_t flags, const void *buffer,
+                 uint32_t length),
+                (list, key, type, flags, buffer, length),
+                type == 7 && flags == 0 ? std::string("add ") + key : "?")
+WRAPPED_OUTSIDE(bag_encode, (void **buffer, uint32_t *length, const void *native, const void *d),
+                (buffer, length, native, d), *buffer == nullptr && *length == 0 ? "encode" : "?")
+WRAPPED_OUTSIDE(bag_register_start, (void *registry), (registry), "open")
+WRAPPED_OUTSIDE(bag_register, (const void *d), (d),
+                std::string("register ") + static_cast<const bag_descriptor_t *>(d)->name)
+WRAPPED_OUTSIDE(bag_register_end, (), (), "close")
+WRAPPED_VOID(bag_register_abort, (), (), "abort")
+WRAPPED_VOID(ods_list_set_more_flag, (void *list), (list), "more")
+WRAPPED_VOID(ods_list_free, (void *list), (list), "free")
+WRAPPED_VOID(ods_datalist_free, (void *list), (list), "free data")
 
 #define WRAPPED_MUTEX(name, parameters, arguments)                  \
   extern "C" int __real_##name parameters;                          \
