@@ -13,7 +13,8 @@
 
 #include "platform/bag_schema.h"
 
-namespace record_layout {
+// Said once more, since a variable of a standard type would take that type's visibility.
+namespace record_layout [[gnu::visibility("hidden")]] {
 
 struct type_body {
   uint32_t number;
@@ -184,4 +185,4 @@ inline constexpr auto kSchema = [] {
   return text;
 }();
 
-}  // namespace record_layout
+}  // namespace gnu::visibility("hidden")]]
