@@ -1,6 +1,9 @@
 // What follows from the bodies of oper/record_types.def, worked out by the compiler: which types a
 // record uses, native sizes and offsets, schema strings, type tables.
 //
+// The tables are static: a template's variable would take the visibility of its standard type, and
+// be exported.
+//
 // A body that can't be read, or that refers to a type that is not there, has no layout; the size
 // that its line expects then stops the build.
 #pragma once
@@ -13,8 +16,7 @@
 
 #include "platform/bag_schema.h"
 
-// Said once more, since a variable of a standard type would take that type's visibility.
-namespace record_layout [[gnu::visibility("hidden")]] {
+namespace record_layout {
 
 struct type_body {
   uint32_t number;
@@ -71,7 +73,7 @@ constexpr size_t offset_count(uint32_t number) {
 }
 
 template <uint32_t kNumber>
-inline constexpr auto kOffsets = [] {
+static constexpr auto kOffsets = [] {
   std::array<uint64_t, offset_count(kNumber)> offsets{};
   bag::storage storage;
   uint64_t *next = offsets.data();
@@ -113,7 +115,7 @@ constexpr auto used_by(uint32_t record) {
 
 /// In ascending type number, as the bodies stand.
 template <uint32_t kRecord>
-inline constexpr auto kNested = [] {
+static constexpr auto kNested = [] {
   std::array<uint32_t, std::ranges::count_if(kTypes, used_by(kRecord))> numbers{};
   auto next = numbers.begin();
   for (const type_body &type : kTypes) {
@@ -132,7 +134,7 @@ struct type_table {
 };
 
 template <uint32_t kRecord>
-inline constexpr auto kTypeTable = []<size_t... kIndex>(std::index_sequence<kIndex...>) {
+static constexpr auto kTypeTable = []<size_t... kIndex>(std::index_sequence<kIndex...>) {
   return type_table<sizeof...(kIndex)>{
       {sizeof...(kIndex), size_of(kRecord), offsets_of<kRecord>()},
       {bag_nested_type_t{kNested<kRecord>[kIndex], size_of(kNested<kRecord>[kIndex]),
@@ -178,11 +180,11 @@ constexpr size_t schema_length() {
 
 /// NUL-terminated.
 template <uint32_t kRecord, form kForm>
-inline constexpr auto kSchema = [] {
+static constexpr auto kSchema = [] {
   std::array<char, schema_length<kRecord, kForm>() + 1> text{};
   char *next = text.data();
   put_schema<kRecord>(kForm, [&](char c) { *next++ = c; });
   return text;
 }();
 
-}  // namespace gnu::visibility("hidden")]]
+}  // namespace record_layout
