@@ -169,7 +169,7 @@ TEST(Provider, TellsStatePrefixAndVrfs) {
   for (const uint32_t id : {3u, 4u, 6u}) w.table(id, id == 4 ? "B" : "A");
   w.table(7, "C");
   const char *const kNhop = "10.0.0.1";
-  for (const uint32_t id : {3u, 4u, 4u, 5u, 6u, 6u, 6u}) w.report(id, kNhop);
+  for (const uint32_t id : {0u, 3u, 4u, 4u, 5u, 6u, 6u, 6u}) w.report(id, kNhop);
   w.report(7, "11.0.0.1");
   w.report(5, "11.0.0.2");
   EXPECT_EQ(get(kPrefix, addr(kNhop)),
@@ -177,7 +177,7 @@ TEST(Provider, TellsStatePrefixAndVrfs) {
   EXPECT_EQ(get(kPrefix, addr("11.0.0.1")), kNotFound) << "not resolved";
   EXPECT_EQ(get(kPrefix, addr("10.0.0.2")), kNotFound) << "unknown";
 
-  EXPECT_EQ(list(kVrfs, addr(kNhop)), "A B A") << "table 5 has no name";
+  EXPECT_EQ(list(kVrfs, addr(kNhop)), "A B A") << "tables 0 and 5 have no name";
   EXPECT_EQ(list(kVrfs, addr(kNhop), true),
             R"(A{"PrefixCount":1} B{"PrefixCount":2} A{"PrefixCount":3})");
   for (const bool data : {false, true}) {
