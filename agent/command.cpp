@@ -24,6 +24,9 @@ constexpr command_form kForms[] = {
     {"rib restart", verb::rib_restart, "confirm every PE anew, now"},
     {"show vrfs", verb::show_vrfs, "VRFs, their imports, routes and next hops"},
     {"show nexthops [VRF]", verb::show_nexthops, "remote PEs and their routes by VRF"},
+    {"show nexthop ADDRESS", verb::show_nexthop, "one PE's routes by VRF"},
+    {"show prefix ADDRESS", verb::show_prefix, "the route that covers a PE"},
+    {"show state", verb::show_state, "seconds left of the refresh cycle"},
     {"show sessions", verb::show_sessions, "BMP sessions"},
     {"show pools", verb::show_pools, "memory pools"},
     {"trace on", verb::trace_on, "debug traces to standard error"},
@@ -80,6 +83,12 @@ bool read_name(std::string_view text, command &into) {
 
 bool read_u32(std::string_view text, command &into) { return read_number(text, into.number); }
 
+bool read_nexthop(std::string_view text, command &into) {
+  const auto address = read_address(text);
+  if (address) into.nexthop = htonl(*address);
+  return address.has_value();
+}
+
 bool read_prefix(std::string_view text, command &into) {
   const size_t slash = text.find('/');
   if (slash == std::string_view::npos) return false;
@@ -124,6 +133,7 @@ constexpr value_kind kValues[] = {
     {"VRF", "a VRF name (at most 244 characters)", read_name},
     {"ID", "a number from 0 to 4294967295", read_u32},
     {"SECONDS", "seconds (0 to 4294967295)", read_u32},
+    {"ADDRESS", "an address as 10.255.1.1", read_nexthop},
     {"PREFIX", "a prefix as 10.255.1.0/24, without host bits", read_prefix},
     {"RT", "a route target as 65000:1, 10.255.1.1:7 or 4200000002:9", read_target},
 };

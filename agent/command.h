@@ -29,6 +29,9 @@ enum class verb {
   rib_restart,
   show_vrfs,
   show_nexthops,
+  show_nexthop,
+  show_prefix,
+  show_state,
   show_sessions,
   show_pools,
   trace_on,
@@ -43,6 +46,7 @@ struct command {
   uint32_t number = 0;  ///< table ID, client ID or seconds
   uint32_t prefix = 0;  ///< host byte order, host bits zero
   uint8_t length = 0;   ///< of the prefix
+  uint32_t nexthop = 0;  ///< network byte order
   std::vector<route_target> imports;
 };
 

@@ -2,18 +2,19 @@
 
 #include <arpa/inet.h>
 
-#include <algorithm>
+#include <map>
 
 #include "agent/agent_services.h"
 #include "agent/bmp_station.h"
 #include "agent/clients.h"
 #include "agent/global_table.h"
+#include "agent/oper_data.h"
 #include "agent/output.h"
 #include "agent/rib_thread.h"
 #include "agent/show.h"
 #include "agent/text.h"
 #include "platform/pool.h"
-#include "tarvo/discovery.h"
+#include "tarvo/oper_data.h"
 
 namespace agent {
 
@@ -23,16 +24,51 @@ constexpr const char *kNoMemory = "no memory for the request";
 
 std::string typed_prefix(const command &c) { return prefix_text(htonl(c.prefix), c.length); }
 
-/// The next hops that a table refers to (0: all of them), one query each.
-std::vector<known_nexthop> nexthops_of(uint32_t table_id) {
-  std::vector<known_nexthop> result;
-  tarvo_nd_nhop_t hop{};
-  uint32_t status = tarvo_nd_first_nhop_by_tableid(table_id, &hop);
-  while (status == TARVO_ND_OK) {
-    result.push_back({hop.info, (hop.flags & TARVO_ND_NHOP_REACHABLE) != 0});
-    status = tarvo_nd_next_nhop_by_tableid(table_id, hop.info.nhop_addr, &hop);
+show_as form_of(const output &out) { return out.json() ? show_as::json : show_as::table; }
+
+// ---- Operational data ----
+
+constexpr const char *kInactive = "discovery is inactive: no client watches";
+
+/// An empty string, or what went wrong. Not found is no failure: its meaning is the caller's.
+std::string failure(uint32_t code) {
+  if (code == 0 || code == TARVO_ODS_ERR_NOT_FOUND) return {};
+  if (code == kOperUnreadable) return "operational data: an answer that can't be read";
+  return "operational data: code " + code_text(code);
+}
+
+/// All that is known of next hops; null while discovery is inactive.
+std::string ask_nexthops(std::optional<std::vector<oper_nexthop>> &known) {
+  json state;
+  uint32_t code = oper_state(state);
+  if (code == 0) code = oper_nexthops(known.emplace());
+  return failure(code);
+}
+
+/// The VRFs of a next hop; a next hop without one is not known.
+std::string ask_vrfs(uint32_t nexthop, std::vector<vrf_routes> &vrfs) {
+  uint32_t code = oper_vrfs(nexthop, vrfs);
+  if (code != TARVO_ODS_ERR_NOT_FOUND) return failure(code);
+  json state;
+  code = oper_state(state);
+  if (code == TARVO_ODS_ERR_NOT_FOUND) return kInactive;
+  return code == 0 ? "no next hop " + address_text(nexthop) : failure(code);
+}
+
+/// Keeps the next hops that a VRF refers to, with its routes alone.
+void keep_vrf(std::vector<oper_nexthop> &nexthops, const std::string &name) {
+  for (oper_nexthop &hop : nexthops) {
+    std::erase_if(hop.vrfs, [&](const vrf_routes &v) { return v.vrf != name; });
   }
-  return result;
+  std::erase_if(nexthops, [](const oper_nexthop &hop) { return hop.vrfs.empty(); });
+}
+
+using vrf_totals = std::map<std::string, vrf_total>;
+
+void add_to(vrf_totals &totals, const vrf_routes &of_nexthop) {
+  vrf_total &total = totals[of_nexthop.vrf];
+  total.routes += of_nexthop.routes;
+  ++total.nexthops;
 }
 
 std::vector<pool_info> pools() {
@@ -74,13 +110,24 @@ std::string interpreter::run(const command &c) {
       return {};
     case verb::rib_restart:
       return rib_restart();
+    case verb::show_vrfs:
+      return show_vrfs();
     case verb::show_nexthops:
       return show_nexthops(c.vrf);
-    case verb::show_vrfs:
+    case verb::show_nexthop:
+      return show_nexthop(c.nexthop);
+    case verb::show_prefix:
+      return show_prefix(c.nexthop);
+    case verb::show_state:
+      return show_state();
     case verb::show_sessions:
+      agent_.out.print(show_sessions(form_of(agent_.out), agent_.station.sessions()));
+      return {};
     case verb::show_pools:
+      agent_.out.print(show_pools(form_of(agent_.out), pools()));
+      return {};
     case verb::help:
-      show(c.what);
+      agent_.out.print(show_help(form_of(agent_.out)));
       return {};
     case verb::trace_on:
     case verb::trace_off:
@@ -151,30 +198,70 @@ std::string interpreter::rib_restart() {
   return {};
 }
 
-std::string interpreter::show_nexthops(const std::string &name) {
-  const auto as = agent_.out.json() ? show_as::json : show_as::table;
-  if (name.empty()) {
-    agent_.out.print(agent::show_nexthops(as, nullptr, nexthops_of(0), vrfs(), count_routes()));
-    return {};
+std::string interpreter::show_vrfs() {
+  std::optional<std::vector<oper_nexthop>> known;
+  const std::string refused = ask_nexthops(known);
+  if (!refused.empty()) return refused;
+
+  const std::vector<vrf_config> configured = vrfs();
+  vrf_totals totals;
+  if (known) {
+    for (const oper_nexthop &hop : *known) {
+      for (const vrf_routes &v : hop.vrfs) add_to(totals, v);
+    }
+  } else {  // the module knows nothing then, but the RIB does
+    std::map<uint32_t, std::string> names;
+    for (const vrf_config &vrf : configured) names[vrf.table_id] = vrf.name;
+    for (const route_count &c : count_routes()) add_to(totals, {names[c.table_id], c.routes});
   }
-  const auto vrf = find_vrf(name);
-  if (!vrf) return "no VRF '" + name + "'";
-  agent_.out.print(agent::show_nexthops(as, &*vrf, nexthops_of(vrf->table_id), {}, count_routes()));
+  agent_.out.print(agent::show_vrfs(form_of(agent_.out), configured, totals));
   return {};
 }
 
-void interpreter::show(verb what) {
-  const auto as = agent_.out.json() ? show_as::json : show_as::table;
-  switch (what) {
-    case verb::show_vrfs:
-      return agent_.out.print(show_vrfs(as, vrfs(), count_routes()));
-    case verb::show_sessions:
-      return agent_.out.print(show_sessions(as, agent_.station.sessions()));
-    case verb::show_pools:
-      return agent_.out.print(show_pools(as, pools()));
-    default:
-      return agent_.out.print(show_help(as));
+std::string interpreter::show_nexthops(const std::string &vrf) {
+  if (!vrf.empty() && !find_vrf(vrf)) return "no VRF '" + vrf + "'";
+  std::optional<std::vector<oper_nexthop>> known;
+  const std::string refused = ask_nexthops(known);
+  if (!refused.empty()) return refused;
+
+  if (!known && !agent_.out.json()) {
+    agent_.out.print(std::string(kInactive) + '\n');
+    return {};
   }
+  std::vector<oper_nexthop> nexthops = std::move(known).value_or(std::vector<oper_nexthop>{});
+  if (!vrf.empty()) keep_vrf(nexthops, vrf);
+  agent_.out.print(agent::show_nexthops(form_of(agent_.out), vrf, nexthops));
+  return {};
+}
+
+std::string interpreter::show_nexthop(uint32_t nexthop) {
+  std::vector<vrf_routes> vrfs_of;
+  const std::string refused = ask_vrfs(nexthop, vrfs_of);
+  if (!refused.empty()) return refused;
+  agent_.out.print(agent::show_nexthop(form_of(agent_.out), nexthop, vrfs_of));
+  return {};
+}
+
+std::string interpreter::show_prefix(uint32_t nexthop) {
+  json record;
+  const uint32_t code = oper_prefix(nexthop, record);
+  if (code == TARVO_ODS_ERR_NOT_FOUND) {
+    std::vector<vrf_routes> vrfs_of;
+    const std::string refused = ask_vrfs(nexthop, vrfs_of);
+    return refused.empty() ? "no route covers next hop " + address_text(nexthop) : refused;
+  }
+  if (code != 0) return failure(code);
+  agent_.out.print(agent::show_prefix(form_of(agent_.out), nexthop, record));
+  return {};
+}
+
+std::string interpreter::show_state() {
+  json record;
+  const uint32_t code = oper_state(record);
+  if (code == TARVO_ODS_ERR_NOT_FOUND) return kInactive;
+  if (code != 0) return failure(code);
+  agent_.out.print(agent::show_state(form_of(agent_.out), record));
+  return {};
 }
 
 std::vector<vrf_config> interpreter::vrfs() {

@@ -1,7 +1,8 @@
 // Runs commands: each one's effect is there before the next one runs.
 //
 // One thread, the one that reads the commands, uses it; it asks the RIB on the RIB's thread and
-// reaches the module through the callback tables that it registered. The routes typed here are
+// reaches the module through the callback tables that it registered, what it knows through
+// oper_data.h. The routes typed here are
 // kept, since the global table counts owners and the feed may own the same prefix.
 #pragma once
 
@@ -48,8 +49,11 @@ class interpreter {
   std::string route_add(const command &c);
   std::string route_del(const command &c);
   std::string rib_restart();
+  std::string show_vrfs();
   std::string show_nexthops(const std::string &vrf);
-  void show(verb what);
+  std::string show_nexthop(uint32_t nexthop);
+  std::string show_prefix(uint32_t nexthop);
+  std::string show_state();
 
   std::vector<vrf_config> vrfs();
   std::optional<vrf_config> find_vrf(const std::string &name);

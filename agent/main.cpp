@@ -35,9 +35,11 @@
 #include "agent/rib.h"
 #include "agent/rib_thread.h"
 #include "agent/text.h"
+#include "platform/bag.h"
 #include "platform/event.h"
 #include "platform/thread_diag.h"
 #include "tarvo/discovery.h"
+#include "tarvo/oper_records.h"
 
 namespace agent {
 namespace {
@@ -109,6 +111,12 @@ void end_on_signals() {
   sigaction(SIGTERM, &action, nullptr);
 }
 
+/// Tells what a start-up code other than 0 means.
+bool succeeded(const char *otherwise, uint32_t code) {
+  if (code != 0) complain(std::string(otherwise) + ": " + code_text(code));
+  return code == 0;
+}
+
 /// Descriptors 0 to 2 that came closed would be taken by the first ones that the agent opens.
 void occupy_standard_descriptors() {
   int fd = open("/dev/null", O_RDWR);
@@ -173,12 +181,13 @@ class agent_program {
       return false;
     }
     install_services(reports_, global_);
-    const uint32_t result = tarvo_nd_init(events);
-    if (result == TARVO_ND_OK) return true;
-    std::array<char, 64> text;
-    snprintf(text.data(), text.size(), "the module did not start: 0x%08x", result);
-    complain(text.data());
-    return false;
+    if (!succeeded("the module did not start", tarvo_nd_init(events))) return false;
+    if (!succeeded("the operational records were not registered",
+                   bag_register_all_manageability_tarvo_oper_bags(nullptr))) {
+      return false;
+    }
+    complain(std::to_string(bag_registered_count()) + " operational records registered");
+    return true;
   }
 
   bool run_config(const std::vector<config_line> &config) {

@@ -4,7 +4,6 @@
 #include <string_view>
 
 #include "agent/command.h"
-#include "agent/json.h"
 #include "agent/text.h"
 
 namespace agent {
@@ -53,9 +52,11 @@ std::string joined(const std::vector<std::string> &words) {
   return result.empty() ? "-" : result;
 }
 
-/// The line of a `show`: its rows under its own name.
-std::string show_line(const char *name, json rows) {
-  return one_line({{"schema", kSchema}, {"show", name}, {name, std::move(rows)}}) + '\n';
+/// The line of a `show`: its name, and what it shows.
+std::string show_line(const char *name, const json &members) {
+  json line = {{"schema", kSchema}, {"show", name}};
+  line.update(members);
+  return one_line(line) + '\n';
 }
 
 json strings(const std::vector<std::string> &values) {
@@ -64,52 +65,30 @@ json strings(const std::vector<std::string> &values) {
   return list;
 }
 
-std::span<const route_count> counts_of(std::span<const route_count> counts, uint32_t table_id) {
-  const auto first = std::ranges::lower_bound(counts, table_id, {}, &route_count::table_id);
-  const auto last = std::ranges::upper_bound(counts, table_id, {}, &route_count::table_id);
-  return {first, last};
-}
+// ---- Operational data ----
 
-// ---- Next hops ----
-
-struct vrf_routes {
-  std::string vrf;
-  uint64_t routes;
-};
-
-/// The VRFs, of those given, that have routes with this next hop.
-std::vector<vrf_routes> routes_by_vrf(uint32_t nexthop, std::span<const vrf_config> vrfs,
-                                      std::span<const route_count> counts) {
-  std::vector<vrf_routes> result;
-  for (const vrf_config &vrf : vrfs) {
-    for (const route_count &count : counts_of(counts, vrf.table_id)) {
-      if (count.nexthop == nexthop) result.push_back({vrf.name, count.routes});
-    }
-  }
-  return result;
-}
-
-json nexthop_json(const known_nexthop &hop, const std::vector<vrf_routes> &routes) {
-  json by_vrf = json::array();
-  for (const vrf_routes &r : routes) by_vrf.push_back({{"vrf", r.vrf}, {"routes", r.routes}});
-  json result = {{"nexthop", address_text(hop.info.nhop_addr)},
-                 {"reachable", hop.reachable},
-                 {"prefix", nullptr},
-                 {"vrfs", std::move(by_vrf)}};
-  if (hop.reachable) result["prefix"] = prefix_text(hop.info.prefix, hop.info.prefix_len);
-  return result;
+json vrfs_json(std::span<const vrf_routes> vrfs) {
+  json list = json::array();
+  for (const vrf_routes &v : vrfs) list.push_back({{"vrf", v.vrf}, {"routes", v.routes}});
+  return list;
 }
 
 /// One row for each VRF; the next hop itself in the first of them.
-void add_nexthop(table &rows, const known_nexthop &hop, const std::vector<vrf_routes> &routes) {
-  std::string nexthop = address_text(hop.info.nhop_addr);
-  std::string prefix =
-      hop.reachable ? prefix_text(hop.info.prefix, hop.info.prefix_len) : "(unreachable)";
-  if (routes.empty()) rows.add({nexthop, prefix, "-", "0"});
-  for (const vrf_routes &r : routes) {
+void add_nexthop(table &rows, const oper_nexthop &hop) {
+  std::string nexthop = address_text(hop.address);
+  std::string prefix = hop.prefix.empty() ? "(unreachable)" : hop.prefix;
+  for (const vrf_routes &v : hop.vrfs) {
     rows.add(
-        {std::exchange(nexthop, ""), std::exchange(prefix, ""), r.vrf, std::to_string(r.routes)});
+        {std::exchange(nexthop, ""), std::exchange(prefix, ""), v.vrf, std::to_string(v.routes)});
   }
+}
+
+std::string record_table(const json &record) {
+  table rows({"FIELD", "VALUE"});
+  for (const auto &[field, value] : record.items()) {
+    rows.add({field, value.is_string() ? value.get<std::string>() : value.dump()});
+  }
+  return rows.lines();
 }
 
 json skipped_json(const skipped_counts &s) {
@@ -132,43 +111,58 @@ std::string counts_text(const json &counts) {
 }  // namespace
 
 std::string show_vrfs(show_as as, std::span<const vrf_config> vrfs,
-                      std::span<const route_count> counts) {
+                      const std::map<std::string, vrf_total> &totals) {
   json list = json::array();
   table rows({"VRF", ">TABLE", "IMPORT", ">ROUTES", ">NEXT HOPS"});
   for (const vrf_config &vrf : vrfs) {
-    const auto own = counts_of(counts, vrf.table_id);
-    uint64_t routes = 0;
-    for (const route_count &count : own) routes += count.routes;
+    const auto found = totals.find(vrf.name);
+    const vrf_total total = found == totals.end() ? vrf_total{} : found->second;
     std::vector<std::string> imports;
     for (const route_target target : vrf.imports) imports.push_back(target_text(target));
     list.push_back({{"vrf", vrf.name},
                     {"table", vrf.table_id},
                     {"import", strings(imports)},
-                    {"routes", routes},
-                    {"nexthops", own.size()}});
-    rows.add({vrf.name, std::to_string(vrf.table_id), joined(imports), std::to_string(routes),
-              std::to_string(own.size())});
+                    {"routes", total.routes},
+                    {"nexthops", total.nexthops}});
+    rows.add({vrf.name, std::to_string(vrf.table_id), joined(imports), std::to_string(total.routes),
+              std::to_string(total.nexthops)});
   }
-  return as == show_as::json ? show_line("vrfs", std::move(list)) : rows.lines();
+  return as == show_as::json ? show_line("vrfs", {{"vrfs", std::move(list)}}) : rows.lines();
 }
 
-std::string show_nexthops(show_as as, const vrf_config *only,
-                          std::span<const known_nexthop> nexthops, std::span<const vrf_config> vrfs,
-                          std::span<const route_count> counts) {
+std::string show_nexthops(show_as as, const std::string &only,
+                          std::span<const oper_nexthop> nexthops) {
   json list = json::array();
   table rows({"NEXT HOP", "COVERING PREFIX", "VRF", ">ROUTES"});
-  const std::span<const vrf_config> shown = only != nullptr ? std::span(only, 1) : vrfs;
-  for (const known_nexthop &hop : nexthops) {
-    const auto routes = routes_by_vrf(hop.info.nhop_addr, shown, counts);
-    list.push_back(nexthop_json(hop, routes));
-    add_nexthop(rows, hop, routes);
+  for (const oper_nexthop &hop : nexthops) {
+    const bool reachable = !hop.prefix.empty();
+    list.push_back({{"nexthop", address_text(hop.address)},
+                    {"reachable", reachable},
+                    {"prefix", reachable ? json(hop.prefix) : json(nullptr)},
+                    {"vrfs", vrfs_json(hop.vrfs)}});
+    add_nexthop(rows, hop);
   }
   if (as == show_as::table) return rows.lines();
-  return one_line({{"schema", kSchema},
-                   {"show", "nexthops"},
-                   {"vrf", only != nullptr ? json(only->name) : json(nullptr)},
-                   {"nexthops", std::move(list)}}) +
-         '\n';
+  return show_line("nexthops", {{"vrf", only.empty() ? json(nullptr) : json(only)},
+                                {"nexthops", std::move(list)}});
+}
+
+std::string show_nexthop(show_as as, uint32_t nexthop, std::span<const vrf_routes> vrfs) {
+  if (as == show_as::json) {
+    return show_line("nexthop", {{"nexthop", address_text(nexthop)}, {"vrfs", vrfs_json(vrfs)}});
+  }
+  table rows({"VRF", ">ROUTES"});
+  for (const vrf_routes &v : vrfs) rows.add({v.vrf, std::to_string(v.routes)});
+  return rows.lines();
+}
+
+std::string show_prefix(show_as as, uint32_t nexthop, const json &record) {
+  if (as == show_as::table) return record_table(record);
+  return show_line("prefix", {{"nexthop", address_text(nexthop)}, {"prefix", record}});
+}
+
+std::string show_state(show_as as, const json &record) {
+  return as == show_as::json ? show_line("state", {{"state", record}}) : record_table(record);
 }
 
 std::string show_sessions(show_as as, std::span<const session_info> sessions) {
@@ -194,7 +188,7 @@ std::string show_sessions(show_as as, std::span<const session_info> sessions) {
               std::to_string(s.routes_read), counts_text(skipped), counts_text(malformed),
               s.last_error.empty() ? "-" : printable(s.last_error)});
   }
-  return as == show_as::json ? show_line("sessions", std::move(list)) : rows.lines();
+  return as == show_as::json ? show_line("sessions", {{"sessions", std::move(list)}}) : rows.lines();
 }
 
 std::string show_pools(show_as as, std::span<const pool_info> pools) {
@@ -211,7 +205,7 @@ std::string show_pools(show_as as, std::span<const pool_info> pools) {
               std::to_string(p.chunks), std::to_string(p.bytes),
               p.limit == 0 ? "-" : std::to_string(p.limit)});
   }
-  return as == show_as::json ? show_line("pools", std::move(list)) : rows.lines();
+  return as == show_as::json ? show_line("pools", {{"pools", std::move(list)}}) : rows.lines();
 }
 
 std::string show_help(show_as as) {
@@ -221,7 +215,7 @@ std::string show_help(show_as as) {
     list.push_back({{"syntax", form.syntax}, {"help", form.help}});
     rows.add({std::string(form.syntax), std::string(form.help)});
   }
-  return as == show_as::json ? show_line("help", std::move(list)) : rows.lines();
+  return as == show_as::json ? show_line("help", {{"help", std::move(list)}}) : rows.lines();
 }
 
 }  // namespace agent

@@ -2,14 +2,17 @@
 // for people, or one JSON object. Pure functions; nothing here asks another part of the agent.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "agent/bmp_station.h"
+#include "agent/json.h"
+#include "agent/oper_data.h"
 #include "agent/rib.h"
-#include "tarvo/records.h"
 
 namespace agent {
 
@@ -26,21 +29,25 @@ struct pool_info {
   uint64_t limit = 0;
 };
 
-/// A next hop as the module's queries tell it.
-struct known_nexthop {
-  tarvo_nd_nhop_info_t info{};
-  bool reachable = false;
+/// Routes of a VRF, and the next hops that they have.
+struct vrf_total {
+  uint64_t routes = 0;
+  size_t nexthops = 0;
 };
 
-// Each result is lines with their ends. `counts` are the RIB's, in order of table and next hop.
+// Each result is lines with their ends. A record is its fields by name.
 
 std::string show_vrfs(show_as as, std::span<const vrf_config> vrfs,
-                      std::span<const route_count> counts);
+                      const std::map<std::string, vrf_total> &totals);
 
-/// With `only` set, `nexthops` are those of that VRF, and its routes alone are shown.
-std::string show_nexthops(show_as as, const vrf_config *only,
-                          std::span<const known_nexthop> nexthops, std::span<const vrf_config> vrfs,
-                          std::span<const route_count> counts);
+/// With `only` set, `nexthops` are those of that VRF, with its routes alone.
+std::string show_nexthops(show_as as, const std::string &only,
+                          std::span<const oper_nexthop> nexthops);
+
+/// `nexthop` is in network byte order.
+std::string show_nexthop(show_as as, uint32_t nexthop, std::span<const vrf_routes> vrfs);
+std::string show_prefix(show_as as, uint32_t nexthop, const json &record);
+std::string show_state(show_as as, const json &record);
 
 std::string show_sessions(show_as as, std::span<const session_info> sessions);
 std::string show_pools(show_as as, std::span<const pool_info> pools);

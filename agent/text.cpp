@@ -47,6 +47,12 @@ std::string utc_text(std::chrono::system_clock::time_point time) {
   return text.data();
 }
 
+std::string code_text(uint32_t code) {
+  std::array<char, 12> text;
+  snprintf(text.data(), text.size(), "0x%08x", code);
+  return text.data();
+}
+
 std::string printable(std::string_view text) {
   std::string result(text);
   std::replace_if(

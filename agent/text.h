@@ -22,6 +22,9 @@ std::string target_text(route_target target);
 /// UTC with milliseconds: `2026-11-24T19:30:00.123Z`.
 std::string utc_text(std::chrono::system_clock::time_point time);
 
+/// A result code: `0x40828600`.
+std::string code_text(uint32_t code);
+
 /// The text without control characters (each becomes '?'), so that nothing a router sends can
 /// drive the terminal.
 std::string printable(std::string_view text);
