@@ -42,10 +42,10 @@ enum class verb {
 
 struct command {
   verb what = verb::none;
-  std::string vrf;      ///< empty: not given
-  uint32_t number = 0;  ///< table ID, client ID or seconds
-  uint32_t prefix = 0;  ///< host byte order, host bits zero
-  uint8_t length = 0;   ///< of the prefix
+  std::string vrf;       ///< empty: not given
+  uint32_t number = 0;   ///< table ID, client ID or seconds
+  uint32_t prefix = 0;   ///< host byte order, host bits zero
+  uint8_t length = 0;    ///< of the prefix
   uint32_t nexthop = 0;  ///< network byte order
   std::vector<route_target> imports;
 };

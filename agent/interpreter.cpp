@@ -24,8 +24,6 @@ constexpr const char *kNoMemory = "no memory for the request";
 
 std::string typed_prefix(const command &c) { return prefix_text(htonl(c.prefix), c.length); }
 
-show_as form_of(const output &out) { return out.json() ? show_as::json : show_as::table; }
-
 // ---- Operational data ----
 
 constexpr const char *kInactive = "discovery is inactive: no client watches";
@@ -65,11 +63,29 @@ void keep_vrf(std::vector<oper_nexthop> &nexthops, const std::string &name) {
 
 using vrf_totals = std::map<std::string, vrf_total>;
 
-void add_to(vrf_totals &totals, const vrf_routes &of_nexthop) {
-  vrf_total &total = totals[of_nexthop.vrf];
-  total.routes += of_nexthop.routes;
+void add_to(vrf_totals &totals, const std::string &vrf, uint64_t routes) {
+  vrf_total &total = totals[vrf];
+  total.routes += routes;
   ++total.nexthops;
 }
+
+vrf_totals totals_of(const std::vector<oper_nexthop> &nexthops) {
+  vrf_totals totals;
+  for (const oper_nexthop &hop : nexthops) {
+    for (const vrf_routes &v : hop.vrfs) add_to(totals, v.vrf, v.routes);
+  }
+  return totals;
+}
+
+vrf_totals totals_of(const std::vector<vrf_config> &vrfs, const std::vector<route_count> &counts) {
+  std::map<uint32_t, std::string> names;
+  for (const vrf_config &vrf : vrfs) names[vrf.table_id] = vrf.name;
+  vrf_totals totals;
+  for (const route_count &count : counts) add_to(totals, names[count.table_id], count.routes);
+  return totals;
+}
+
+// ---- Pools ----
 
 std::vector<pool_info> pools() {
   std::vector<pool_info> result;
@@ -121,14 +137,11 @@ std::string interpreter::run(const command &c) {
     case verb::show_state:
       return show_state();
     case verb::show_sessions:
-      agent_.out.print(show_sessions(form_of(agent_.out), agent_.station.sessions()));
-      return {};
+      return print(show_sessions(form(), agent_.station.sessions()));
     case verb::show_pools:
-      agent_.out.print(show_pools(form_of(agent_.out), pools()));
-      return {};
+      return print(show_pools(form(), pools()));
     case verb::help:
-      agent_.out.print(show_help(form_of(agent_.out)));
-      return {};
+      return print(show_help(form()));
     case verb::trace_on:
     case verb::trace_off:
       set_trace(c.what == verb::trace_on);
@@ -204,18 +217,9 @@ std::string interpreter::show_vrfs() {
   if (!refused.empty()) return refused;
 
   const std::vector<vrf_config> configured = vrfs();
-  vrf_totals totals;
-  if (known) {
-    for (const oper_nexthop &hop : *known) {
-      for (const vrf_routes &v : hop.vrfs) add_to(totals, v);
-    }
-  } else {  // the module knows nothing then, but the RIB does
-    std::map<uint32_t, std::string> names;
-    for (const vrf_config &vrf : configured) names[vrf.table_id] = vrf.name;
-    for (const route_count &c : count_routes()) add_to(totals, {names[c.table_id], c.routes});
-  }
-  agent_.out.print(agent::show_vrfs(form_of(agent_.out), configured, totals));
-  return {};
+  // While the module knows nothing, the RIB still does.
+  const vrf_totals totals = known ? totals_of(*known) : totals_of(configured, count_routes());
+  return print(agent::show_vrfs(form(), configured, totals));
 }
 
 std::string interpreter::show_nexthops(const std::string &vrf) {
@@ -224,22 +228,17 @@ std::string interpreter::show_nexthops(const std::string &vrf) {
   const std::string refused = ask_nexthops(known);
   if (!refused.empty()) return refused;
 
-  if (!known && !agent_.out.json()) {
-    agent_.out.print(std::string(kInactive) + '\n');
-    return {};
-  }
+  if (!known && form() == show_as::table) return print(std::string(kInactive) + '\n');
   std::vector<oper_nexthop> nexthops = std::move(known).value_or(std::vector<oper_nexthop>{});
   if (!vrf.empty()) keep_vrf(nexthops, vrf);
-  agent_.out.print(agent::show_nexthops(form_of(agent_.out), vrf, nexthops));
-  return {};
+  return print(agent::show_nexthops(form(), vrf, nexthops));
 }
 
 std::string interpreter::show_nexthop(uint32_t nexthop) {
   std::vector<vrf_routes> vrfs_of;
   const std::string refused = ask_vrfs(nexthop, vrfs_of);
   if (!refused.empty()) return refused;
-  agent_.out.print(agent::show_nexthop(form_of(agent_.out), nexthop, vrfs_of));
-  return {};
+  return print(agent::show_nexthop(form(), nexthop, vrfs_of));
 }
 
 std::string interpreter::show_prefix(uint32_t nexthop) {
@@ -251,8 +250,7 @@ std::string interpreter::show_prefix(uint32_t nexthop) {
     return refused.empty() ? "no route covers next hop " + address_text(nexthop) : refused;
   }
   if (code != 0) return failure(code);
-  agent_.out.print(agent::show_prefix(form_of(agent_.out), nexthop, record));
-  return {};
+  return print(agent::show_prefix(form(), nexthop, record));
 }
 
 std::string interpreter::show_state() {
@@ -260,7 +258,13 @@ std::string interpreter::show_state() {
   const uint32_t code = oper_state(record);
   if (code == TARVO_ODS_ERR_NOT_FOUND) return kInactive;
   if (code != 0) return failure(code);
-  agent_.out.print(agent::show_state(form_of(agent_.out), record));
+  return print(agent::show_state(form(), record));
+}
+
+show_as interpreter::form() const { return agent_.out.json() ? show_as::object : show_as::table; }
+
+std::string interpreter::print(std::string lines) {
+  agent_.out.print(std::move(lines));
   return {};
 }
 

@@ -18,6 +18,7 @@
 
 namespace agent {
 
+enum class show_as;
 class bmp_station;
 class clients;
 class global_table;
@@ -54,6 +55,10 @@ class interpreter {
   std::string show_nexthop(uint32_t nexthop);
   std::string show_prefix(uint32_t nexthop);
   std::string show_state();
+
+  show_as form() const;
+  /// Nothing is refused: an empty string.
+  std::string print(std::string lines);
 
   std::vector<vrf_config> vrfs();
   std::optional<vrf_config> find_vrf(const std::string &name);

@@ -127,7 +127,7 @@ std::string show_vrfs(show_as as, std::span<const vrf_config> vrfs,
     rows.add({vrf.name, std::to_string(vrf.table_id), joined(imports), std::to_string(total.routes),
               std::to_string(total.nexthops)});
   }
-  return as == show_as::json ? show_line("vrfs", {{"vrfs", std::move(list)}}) : rows.lines();
+  return as == show_as::object ? show_line("vrfs", {{"vrfs", std::move(list)}}) : rows.lines();
 }
 
 std::string show_nexthops(show_as as, const std::string &only,
@@ -148,7 +148,7 @@ std::string show_nexthops(show_as as, const std::string &only,
 }
 
 std::string show_nexthop(show_as as, uint32_t nexthop, std::span<const vrf_routes> vrfs) {
-  if (as == show_as::json) {
+  if (as == show_as::object) {
     return show_line("nexthop", {{"nexthop", address_text(nexthop)}, {"vrfs", vrfs_json(vrfs)}});
   }
   table rows({"VRF", ">ROUTES"});
@@ -162,7 +162,7 @@ std::string show_prefix(show_as as, uint32_t nexthop, const json &record) {
 }
 
 std::string show_state(show_as as, const json &record) {
-  return as == show_as::json ? show_line("state", {{"state", record}}) : record_table(record);
+  return as == show_as::object ? show_line("state", {{"state", record}}) : record_table(record);
 }
 
 std::string show_sessions(show_as as, std::span<const session_info> sessions) {
@@ -188,7 +188,8 @@ std::string show_sessions(show_as as, std::span<const session_info> sessions) {
               std::to_string(s.routes_read), counts_text(skipped), counts_text(malformed),
               s.last_error.empty() ? "-" : printable(s.last_error)});
   }
-  return as == show_as::json ? show_line("sessions", {{"sessions", std::move(list)}}) : rows.lines();
+  return as == show_as::object ? show_line("sessions", {{"sessions", std::move(list)}})
+                               : rows.lines();
 }
 
 std::string show_pools(show_as as, std::span<const pool_info> pools) {
@@ -205,7 +206,7 @@ std::string show_pools(show_as as, std::span<const pool_info> pools) {
               std::to_string(p.chunks), std::to_string(p.bytes),
               p.limit == 0 ? "-" : std::to_string(p.limit)});
   }
-  return as == show_as::json ? show_line("pools", {{"pools", std::move(list)}}) : rows.lines();
+  return as == show_as::object ? show_line("pools", {{"pools", std::move(list)}}) : rows.lines();
 }
 
 std::string show_help(show_as as) {
@@ -215,7 +216,7 @@ std::string show_help(show_as as) {
     list.push_back({{"syntax", form.syntax}, {"help", form.help}});
     rows.add({std::string(form.syntax), std::string(form.help)});
   }
-  return as == show_as::json ? show_line("help", {{"help", std::move(list)}}) : rows.lines();
+  return as == show_as::object ? show_line("help", {{"help", std::move(list)}}) : rows.lines();
 }
 
 }  // namespace agent

@@ -17,7 +17,7 @@
 namespace agent {
 
 /// How to print.
-enum class show_as { table, json };
+enum class show_as { table, object };
 
 /// A pool as the platform lists it, its name kept.
 struct pool_info {

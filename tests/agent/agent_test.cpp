@@ -61,8 +61,10 @@ TEST(Agent, TellsTheStoryOfTheExample) {
   child agent(kStart + "--replay " + kExample +
                   ".bmp --command='show vrfs' --command='route del 10.255.5.5/32'"
                   " --command='rib restart' --command='show nexthops'"
-                  " --command='show nexthops CUST-B' --command='show sessions'",
-              "resend 2\nshow pools\nhelp");
+                  " --command='show nexthops CUST-B' --command='show nexthop 10.255.1.1'"
+                  " --command='show prefix 10.255.2.2' --command='show sessions'",
+              "resend 2\nshow pools\nhelp\nunwatch 1\nunwatch 2\nshow vrfs");
+  EXPECT_EQ(agent.line(), "tarvo-agent: 26 operational records registered");
   strings events;
   std::map<std::string, json> shows;
   uint64_t seq = 0;
@@ -72,7 +74,8 @@ TEST(Agent, TellsTheStoryOfTheExample) {
     EXPECT_EQ(line["schema"], 1);
     if (line.contains("show")) {
       const std::string vrf = line.value("vrf", json()).is_string() ? " of a VRF" : "";
-      shows[line["show"].get<std::string>() + vrf] = line;
+      const auto &shown = *shows.emplace(line["show"].get<std::string>() + vrf, line).first;
+      EXPECT_EQ(shown.second, line) << "also while nobody watches";
       continue;
     }
     EXPECT_EQ(line["seq"], ++seq);
@@ -103,7 +106,14 @@ TEST(Agent, TellsTheStoryOfTheExample) {
        "vrfs":[{"vrf":"CUST-A","routes":1},{"vrf":"CUST-B","routes":1}]},
       {"nexthop":"10.255.5.5","reachable":false,"prefix":null,
        "vrfs":[{"vrf":"CUST-B","routes":1}]}])"));
+  EXPECT_EQ(shows["nexthops of a VRF"]["nexthops"][1], json::parse(R"(
+      {"nexthop":"10.255.3.3","reachable":true,"prefix":"10.255.3.3/32",
+       "vrfs":[{"vrf":"CUST-B","routes":1}]})"));
   EXPECT_EQ(shows["nexthops of a VRF"]["nexthops"].size(), 3u);
+  EXPECT_EQ(shows["nexthop"], json::parse(R"({"schema":1,"show":"nexthop","nexthop":"10.255.1.1",
+      "vrfs":[{"vrf":"CUST-A","routes":2},{"vrf":"CUST-B","routes":1}]})"));
+  EXPECT_EQ(shows["prefix"], json::parse(R"({"schema":1,"show":"prefix","nexthop":"10.255.2.2",
+      "prefix":{"TargetAddress":"10.255.2.0","TargetMask":24}})"));
   EXPECT_EQ(shows["sessions"]["sessions"][0]["malformed"], json::object());
   EXPECT_FALSE(shows["pools"]["pools"].empty());
   EXPECT_FALSE(shows["help"]["help"].empty());
@@ -111,6 +121,7 @@ TEST(Agent, TellsTheStoryOfTheExample) {
 
 const std::string kConfig = testing::TempDir() + "agent_test_" + std::to_string(getpid()) + ".conf";
 const std::string kConfigured = "--command help --config " + kConfig;
+const std::string kReplay = "--config " + kExample + ".conf --replay " + kExample + ".bmp";
 const char *const kTwoWrong = "watch 1\nvrf ad A\n\nwatch x\n";
 
 const struct {
@@ -138,6 +149,14 @@ const struct {
     {"", "route add 1.0.0.0/8\nroute add 1.0.0.0/8", 1, "added already"},
     {"", "route del 1.0.0.0/8", 1, "not added here"},
     {"", "show nexthops A", 1, "no VRF 'A'"},
+    {"", "show nexthops", 0, "discovery is inactive"},
+    {"--json", "show nexthops", 0, R"("vrf":null,"nexthops":[]})"},
+    {"", "show state", 1, "discovery is inactive: no client watches"},
+    {"", "show prefix 10.1.2.3", 1, "discovery is inactive: no client watches"},
+    {"", "watch 1\nshow nexthops", 0, "NEXT HOP  COVERING PREFIX  VRF  ROUTES\n"},
+    {"", "watch 1\nshow prefix 10.1.2.3", 1, "no next hop 10.1.2.3"},
+    {kReplay, "show prefix 10.255.2.2", 0, "\nTargetMask     24\nTargetAddress  10.255.2.0\n"},
+    {kReplay, "show nexthop 10.255.1.1", 0, "\nVRF     ROUTES\nCUST-A       2\nCUST-B       1\n"},
     {"", std::string(70000, 'x') + "\nquit", 1, "standard input:1: the line has more than"},
     {kConfigured, "", 1, kConfig + ":2:5: expected", kTwoWrong},
     {kConfigured, "", 1, kConfig + ":4:7: expected", kTwoWrong},

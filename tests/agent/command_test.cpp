@@ -1,6 +1,7 @@
 // The command grammar: every form, every kind of wrong line with its place, and completion.
 #include "agent/command.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 namespace agent {
@@ -16,6 +17,7 @@ const struct {
   uint32_t number = 0, prefix = 0;
   uint8_t length = 0;
   std::vector<route_target> imports = {};
+  uint32_t nexthop = 0;
 } kGood[] = {
     {""},
     {"  \t# a comment"},
@@ -35,6 +37,9 @@ const struct {
     {"rib restart", verb::rib_restart},
     {"show vrfs", verb::show_vrfs},
     {"show nexthops CUST-A", verb::show_nexthops, "CUST-A"},
+    {"show nexthop 10.1.2.3", verb::show_nexthop, "", 0, 0, 0, {}, htonl(0x0a010203)},
+    {"show prefix 0.0.0.1", verb::show_prefix, "", 0, 0, 0, {}, htonl(1)},
+    {"show state", verb::show_state},
     {"show sessions", verb::show_sessions},
     {"show pools", verb::show_pools},
     {"trace on", verb::trace_on},
@@ -48,8 +53,9 @@ TEST(Command, Reads) {
     const auto result = parse_command(row.line);
     ASSERT_TRUE(std::holds_alternative<command>(result)) << row.line;
     const command &c = std::get<command>(result);
-    EXPECT_EQ(std::tie(c.what, c.vrf, c.number, c.prefix, c.length, c.imports),
-              std::tie(row.what, row.vrf, row.number, row.prefix, row.length, row.imports))
+    EXPECT_EQ(
+        std::tie(c.what, c.vrf, c.number, c.prefix, c.length, c.imports, c.nexthop),
+        std::tie(row.what, row.vrf, row.number, row.prefix, row.length, row.imports, row.nexthop))
         << row.line;
   }
 }
@@ -79,7 +85,8 @@ const struct {
     {"watch 7x", 7, "a number"},
     {"watch -1", 7, "a number"},
     {"watch 1 A B", 11, "the end of the line"},
-    {"show", 5, "'vrfs', 'nexthops', 'sessions' or 'pools'"},
+    {"show prefix 10.0.0.0/8", 13, "expected an address"},
+    {"show", 5, "'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions' or 'pools'"},
     {"interval soon", 10, "seconds"},
     {std::string(100000, 'q'), 1, "..."},
 };
@@ -107,7 +114,8 @@ TEST(Command, Completes) {
     std::vector<std::string> expected;
   } rows[] = {
       {"r", {"resend", "rib", "route"}},
-      {"show ", {"nexthops", "pools", "sessions", "vrfs"}},
+      {"show n", {"nexthop", "nexthops"}},
+      {"show nexthop ", {}},
       {"show nexthops CU", {"CUST-A", "CUST-B"}},
       {"watch 7 ", vrfs},
       {"vrf del O", {"OTHER"}},
