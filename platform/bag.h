@@ -7,7 +7,7 @@
  *
  * The schema language. A schema is a sequence of definitions "$NUMBER=BODY;", the record's own
  * type first, then every type it uses, directly or through others, in ascending number. A body is
- * a sequence of elements, each preceded by its field name in braces:
+ * a sequence of elements, each but a union preceded by its field name in braces:
  *
  *   D  32-bit unsigned             H  64-bit unsigned         C  8-bit unsigned
  *   I  16-bit port                 b  8-bit boolean           s  pointer to a string
@@ -17,14 +17,18 @@
  *   ?(<FIELD,TYPE>,1:{A}D,2:v,?:v)       union: a 32-bit discriminator, then the arm that it
  *                                        selects; v carries nothing, ? is the default arm
  *
+ * A body that is a single element other than a union may leave its name out. Names are of letters,
+ * digits and "_", and no two are the same in a body, discriminators and arms included. An array is
+ * of numbers, addresses, strings, booleans or structures.
+ *
  * The short schema is the long one without names, enumeration types and discriminators, and with
  * a "." after each type reference.
  *
  * An encoded record is CBOR (RFC 8949) in its deterministic encoding (section 4.2.1): a map from
  * field names to values. Numbers and enumerations are unsigned integers, booleans true or false,
  * strings text, opaque bytes a byte string, IPv4 addresses and opaque bytes displayed as text
- * (16x%s, an IPv6 address) byte strings in network order under the tags of RFC 9164 (52, 54). A
- * counted array is an array, a structure a map; a union adds its discriminator and the field of
+ * (16x%s alone, an IPv6 address) byte strings in network order under the tags of RFC 9164 (52, 54).
+ * A counted array is an array, a structure a map; a union adds its discriminator and the field of
  * its arm to the map that it stands in. A type whose body is one element without a name is that
  * element's value.
  */
@@ -50,8 +54,8 @@ typedef struct bag_nested_type {
  */
 typedef struct bag_type_table {
   uint64_t nested_count;
-  uint64_t size; /* native bytes of the record's own type */
-  const uint64_t *offsets;
+  uint64_t size;           /* native bytes of the record's own type */
+  const uint64_t *offsets; /* null, too, for opaque bytes alone */
 } bag_type_table_t;
 
 typedef struct bag_descriptor {
@@ -77,6 +81,8 @@ static_assert(offsetof(bag_descriptor_t, long_schema) == 40, "layout of the enco
 static_assert(offsetof(bag_descriptor_t, short_schema) == 48, "layout of the encoder");
 static_assert(sizeof(bag_descriptor_t) == 56, "layout of the encoder");
 
+/* Most types that a record defines, its own included. */
+#define BAG_MAX_TYPES 64
 /* Most elements of one type, its unions' arms included. */
 #define BAG_MAX_MEMBERS 64
 /* Most types that use one another in a chain. */
@@ -85,7 +91,7 @@ static_assert(sizeof(bag_descriptor_t) == 56, "layout of the encoder");
 /* Result codes; 0 is success. */
 #define BAG_ERR_NOMEM UINT32_C(0x40830200)
 #define BAG_ERR_DESCRIPTOR UINT32_C(0x40830400)     /* null, incomplete, or of another format */
-#define BAG_ERR_SCHEMA UINT32_C(0x40830600)         /* does not parse, or the two forms differ */
+#define BAG_ERR_SCHEMA UINT32_C(0x40830600)         /* unlike the above, or the two forms differ */
 #define BAG_ERR_LAYOUT UINT32_C(0x40830800)         /* the type table does not fit the schema */
 #define BAG_ERR_BUSY UINT32_C(0x40830a00)           /* a registration is open already */
 #define BAG_ERR_NOT_OPEN UINT32_C(0x40830c00)       /* no registration is open */
@@ -93,7 +99,7 @@ static_assert(sizeof(bag_descriptor_t) == 56, "layout of the encoder");
 #define BAG_ERR_DUPLICATE_TYPE UINT32_C(0x40831000) /* a record of that type number is */
 #define BAG_ERR_OTHER_BODY UINT32_C(0x40831200)     /* a type was defined otherwise before */
 #define BAG_ERR_ORDER UINT32_C(0x40831400)          /* a record that uses its type came before */
-#define BAG_ERR_VALUE UINT32_C(0x40831600)          /* string null or no UTF-8; array null */
+#define BAG_ERR_VALUE UINT32_C(0x40831600)          /* null or no UTF-8; a record of 4 GiB */
 #define BAG_ERR_COUNT UINT32_C(0x40831800)          /* more elements than an array may have */
 #define BAG_ERR_DISCRIMINATOR UINT32_C(0x40831a00)  /* no arm, and no default arm either */
 
@@ -105,7 +111,10 @@ PLATFORM_API uint32_t bag_register_start(void *registry);
 
 /*
  * Registers one bag_descriptor_t in the open registration. Records whose types others use come
- * before those others. A refused one changes nothing; the registration stays open.
+ * before those others. A refused one changes nothing; the registration stays open. Of several
+ * reasons to refuse it the first is told, in this order: no registration open, the descriptor
+ * itself (DESCRIPTOR, SCHEMA, LAYOUT), what is registered already (DUPLICATE_NAME, DUPLICATE_TYPE,
+ * OTHER_BODY, ORDER), no memory.
  */
 PLATFORM_API uint32_t bag_register(const void *descriptor);
 
@@ -119,9 +128,10 @@ PLATFORM_API void bag_register_abort(void);
 PLATFORM_API uint32_t bag_registered_count(void);
 
 /*
- * Encodes `native` by a bag_descriptor_t, which need not be registered. On success the record is
- * in `*buffer`, to be released with free(), and its bytes in `*length`; else both are left alone.
- * Any thread; `native` and what it points at must not change meanwhile.
+ * Encodes `native` by a bag_descriptor_t, which need not be registered but is checked as if it were
+ * to be. On success the record is in `*buffer`, to be released with free(), and its bytes in
+ * `*length`; else both are left alone. Any thread, no lock; `native` and what it points at must not
+ * change meanwhile.
  */
 PLATFORM_API uint32_t bag_encode(void **buffer, uint32_t *length, const void *native,
                                  const void *descriptor);

@@ -27,6 +27,7 @@ struct arm {
   bool by_default = false;
   uint32_t label = 0;
   element value;
+  std::string_view text;  ///< the value's own, and what follows it
 };
 
 constexpr bool skip(std::string_view &text, char c) {
@@ -111,8 +112,10 @@ constexpr bool read_arm(std::string_view &text, arm &out) {
   out = {};
   if (!skip(text, ',')) return false;
   out.by_default = skip(text, '?');
-  return (out.by_default || read_number(text, out.label)) && skip(text, ':') &&
-         read_element(text, out.value) && out.value.kind != '?' && out.value.kind != 'a';
+  if (!out.by_default && !read_number(text, out.label)) return false;
+  if (!skip(text, ':')) return false;
+  out.text = text;
+  return read_element(text, out.value) && out.value.kind != '?' && out.value.kind != 'a';
 }
 
 /// Takes the next definition off a schema.

@@ -47,7 +47,7 @@ static_assert(offsetof(ods_list_result_t, list) == 24, "layout of the store");
 
 /* Result codes; 0 is success. */
 #define ODS_ERR_NOMEM UINT32_C(0x40820200)
-#define ODS_ERR_ARGUMENT UINT32_C(0x40820400) /* a null key, another rank or flags than below */
+#define ODS_ERR_ARGUMENT UINT32_C(0x40820400) /* null, or another rank or flags than below */
 
 /* ---------------------------------- Building ---------------------------------- */
 /*
@@ -70,11 +70,17 @@ PLATFORM_API uint32_t ods_datalist_create(void **list, ods_path_t *path, void *m
 /* Appends a copy of `key`. `rank` is ODS_RANK_LAST, `flags` 0. */
 PLATFORM_API uint32_t ods_list_add(void *list, const char *key, uint32_t rank, uint32_t flags);
 
-/* Appends copies of `key` and of the value, `length` bytes at `buffer`. `flags` is 0. */
+/*
+ * Appends copies of `key` and of the value, `length` bytes at `buffer`, which may be null when
+ * there are none. `flags` is 0.
+ */
 PLATFORM_API uint32_t ods_datalist_add(void *list, const char *key, uint32_t type, uint32_t flags,
                                        const void *buffer, uint32_t length);
 
-/* Tells that there may be more after the last entry: the request can be repeated with its key. */
+/*
+ * Tells that there may be more after the last entry: the request can be repeated with its key. No
+ * effect on null.
+ */
 PLATFORM_API void ods_list_set_more_flag(void *list);
 
 /* Frees a list with its entries. No effect on null. */
@@ -88,10 +94,10 @@ typedef struct ods_entry {
   const char *key;
   uint32_t type;      /* kind of value; 0 in a list of keys */
   uint32_t length;    /* bytes of the value */
-  const void *buffer; /* the value */
+  const void *buffer; /* the value; null when it has no bytes */
 } ods_entry_t;
 
-/* The entry at `index` (from 0) of a list or data list in order of adding, or null. */
+/* The entry at `index` (from 0) of a list or data list in order of adding; null past the last. */
 PLATFORM_API const ods_entry_t *ods_list_entry(const void *list, uint32_t index);
 
 /* 1 when ods_list_set_more_flag was called, else 0. */
