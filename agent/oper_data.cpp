@@ -41,9 +41,7 @@ bool make_dotted(json &value) {
   constexpr uint64_t kIpv4Tag = 52;
   const json::binary_t &bytes = value.get_binary();
   uint32_t address = 0;
-  if (!bytes.has_subtype() || bytes.subtype() != kIpv4Tag || bytes.size() != sizeof address) {
-    return false;
-  }
+  if (bytes.subtype() != kIpv4Tag || bytes.size() != sizeof address) return false;
   memcpy(&address, bytes.data(), sizeof address);
   value = address_text(address);
   return true;

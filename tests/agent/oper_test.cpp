@@ -32,12 +32,19 @@ const struct row {
   uint32_t item, code;
   std::string_view record = "";
   uint32_t type = TARVO_ODS_TYPE_BAG;
-  std::vector<const char *> keys = {};  ///< and there may be more
+  std::vector<const char *> keys = {};  ///< null: there may be more
 } kAnswers[] = {
     {"show state", R"("show":"state","state":{"x":5}})", kState, 0, "\xa1\x61x\x05"},
     {"show nexthops", R"("reachable":false,"prefix":null)", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
     {"show prefix 10.0.0.1", "no route covers next hop", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
-    {"show nexthops", kNone, kVrf, TARVO_ODS_ERR_NOT_FOUND},
+    {"show nexthops",
+     R"("nexthops":[{"nexthop":"10.0.0.1",)",
+     kNhop,
+     0,
+     "",
+     0,
+     {"0x1/", "0x100000a/"}},  // the first one went meanwhile
+    {"show vrfs", R"("routes":110,"nexthops":22)", kVrf, 0, "\xa1\x6bPrefixCount\x05"},
     {"show nexthops", kNone, kNhop, TARVO_ODS_ERR_NOT_FOUND},
     {"show state", "code 0x40829000", kState, TARVO_ODS_ERR_ENCODE},
     {"show nexthops", "code 0x40820200", kState, ODS_ERR_NOMEM},
@@ -61,7 +68,7 @@ const struct row {
     {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x6bPrefixCount\xf5"},
     {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x6bPrefixCount\x05", 6},
     {"show nexthops", kCantRead, kNhop, 0},
-    {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1/"}},  // again and again
+    {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1/", nullptr}},  // again and again
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x2/", "0x1/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x0/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x/"}},
@@ -93,8 +100,10 @@ uint32_t list(void *context, ods_list_result_t *result, ods_path_t *path, void *
   if (!as_row_says(path)) return real->list(context, result, path, more);
   if (now->code != 0) return now->code;
   EXPECT_EQ(ods_list_create(&result->list, path, more), 0u);
-  for (const char *key : now->keys) ods_list_add(result->list, key, ODS_RANK_LAST, 0);
-  ods_list_set_more_flag(result->list);
+  for (const char *key : now->keys) {
+    if (key == nullptr) ods_list_set_more_flag(result->list);
+    if (key != nullptr) ods_list_add(result->list, key, ODS_RANK_LAST, 0);
+  }
   return 0;
 }
 
