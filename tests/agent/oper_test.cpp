@@ -72,7 +72,7 @@ const struct row {
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x2/", "0x1/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x0/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x/"}},
-    {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1"}},
+    {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x12"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"001/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1x/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x100000000/"}},
