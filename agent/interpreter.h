@@ -1,9 +1,9 @@
 // Runs commands: each one's effect is there before the next one runs.
 //
 // One thread, the one that reads the commands, uses it; it asks the RIB on the RIB's thread and
-// reaches the module through the callback tables that it registered, what it knows through
-// oper_data.h. The routes typed here are
-// kept, since the global table counts owners and the feed may own the same prefix.
+// reaches the module through the callback tables that it registered: what discovery knows through
+// oper_data.h. The routes typed here are kept, since the global table counts owners and the feed
+// may own the same prefix.
 #pragma once
 
 #include <cstdint>
