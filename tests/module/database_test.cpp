@@ -1,6 +1,10 @@
 // Next hops, VRFs, clients and queries: the cases that a random walk meets too rarely.
 #include <gtest/gtest.h>
 
+#include "db/nhop_table.h"
+#include "db/vrf_redist.h"
+#include "db/vrf_table.h"
+#include "engine/guarded_mutex.h"
 #include "engine/shared_words.h"
 #include "query/nhop_query.h"
 #include "tests/module/world.h"
@@ -172,6 +176,25 @@ TEST(Nhop, AnEntryWithoutReferencesIsSkippedByTheSweepAndGoesWithAnyDelete) {
   EXPECT_EQ(w.take(), texts{"tell 1 REMOVE 10.0.0.1 10.0.0.0/8"});
 }
 
+TEST(Nhop, NullIsNothing) {
+  guarded_lock hold(tarvo_nd_mutex, "test");
+  EXPECT_EQ(tarvo_nd_nhop_tree_next(nullptr), nullptr);
+  EXPECT_EQ(tarvo_nd_nhop_table_next(nullptr, nullptr), nullptr);
+  wavl_tree_t tables = {};
+  EXPECT_EQ(tarvo_nd_nhop_table_next(&tables, nullptr), nullptr);
+  EXPECT_EQ(tarvo_nd_vrf_name2tableid(nullptr), 0u);
+  EXPECT_EQ(tarvo_nd_vrf_redist(nullptr, nullptr), 0);
+  tarvo_nd_nhop_t nhop = {};
+  tarvo_nd_nhop_table_t ref = {};
+  tarvo_nd_nhop_table_delete(nullptr, &nhop);
+  tarvo_nd_nhop_table_delete(&ref, nullptr);
+  tarvo_nd_nhop_resolve(nullptr);
+  tarvo_nd_nhop_delete(nullptr);
+  tarvo_nd_nhop_free(nullptr);
+  tarvo_nd_nhop_notify_all(&nhop, true);  // while inactive
+  EXPECT_EQ(w.take(), texts{});
+}
+
 TEST(Clients, NamesAreCutAlikeAndTheFirstActivationRetries) {
   w.start();
   w.routes = {"10.0.0.0/8"};
@@ -246,6 +269,7 @@ TEST(Queries, RefuseCopyAndWalk) {
   EXPECT_EQ(memcmp(&out.node, &untouched.node, sizeof out.node), 0);
 
   tarvo_nd_vrf_name_copy_t name = {};
+  EXPECT_EQ(tarvo_nd_first_tableid(addr("10.0.0.10"), &ref), TARVO_ND_OK) << "no name wanted";
   EXPECT_EQ(tarvo_nd_first_tableid(addr("10.0.0.10"), &ref, &name), TARVO_ND_OK);
   EXPECT_EQ(ref.table_id, 3u);
   EXPECT_STREQ(name.name, "three");
