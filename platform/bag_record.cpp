@@ -18,7 +18,6 @@ bool read_types(std::string_view schema, record &r) {
   do {
     type t{};
     if (r.count == BAG_MAX_TYPES || !read_definition(schema, t.number, t.body)) return false;
-    if (r.count >= 1 && t.number == r.types[0].number) return false;
     if (r.count >= 2 && t.number <= r.types[r.count - 1].number) return false;
     r.types[r.count++] = t;
   } while (!schema.empty());
@@ -82,7 +81,7 @@ bool check_body(std::string_view body) {
   body_tally tally;
   do {
     element e;
-    if (!read_element(body, e) || e.kind == 'v' || !add_element(tally, e)) return false;
+    if (!read_element(body, e) || !add_element(tally, e)) return false;
     if (e.kind == 'a' && !check_array(e.inside)) return false;
     if (e.kind != '?') {
       if (!bare && !add_name(tally, e.field)) return false;
@@ -131,7 +130,7 @@ bool settle(record &r, uint32_t number, uint32_t depth, uint32_t &height) {
       if (!read_element(body, e) || !settle_element(r, e, depth + 1, below)) return false;
     }
     const auto ignore = [](uint64_t) {};
-    if (!lay_out(t.body, storage_in(r), ignore, t.native)) return false;
+    if (!lay_out(t.body, storage_in(r), ignore, t.native)) return false;  // a v outside a union
     if (t.native.size > UINT32_MAX) return false;
     t.height = below + 1;
   }
@@ -139,6 +138,7 @@ bool settle(record &r, uint32_t number, uint32_t depth, uint32_t &height) {
   return true;
 }
 
+/// A definition that nothing leads to stays unsettled: of a type not used, or a type's second one.
 bool settle_all(record &r) {
   uint32_t height = 0;
   return settle(r, r.types[0].number, 1, height) &&

@@ -286,8 +286,9 @@ TEST(Bag, RefusesValues) {
     const char *native = text.c_str();
     return encode(&native, {1, "", 4, "", &one, "$1={T}s;", "$1=s;"});
   };
-  for (const uint32_t point : {0x1, 0x7f, 0x80, 0x7ff, 0x800, 0xd7ff, 0xd800, 0xdfff, 0xe000,
-                               0xfffd, 0xffff, 0x10000, 0x3ffff, 0x10ffff, 0x110000, 0x1fffff}) {
+  for (const uint32_t point :
+       {0x1, 0x7f, 0x80, 0x7ff, 0x800, 0xd7ff, 0xd800, 0xdfff, 0xe000, 0xfffd, 0xffff, 0x10000,
+        0x3ffff, 0x10ffff, 0x110000, 0x140000, 0x1fffff}) {
     constexpr uint32_t kLeast[] = {0, 0x80, 0x800, 0x10000, 0x200000},
                        kLead[] = {0, 0xc0, 0xe0, 0xf0};
     for (size_t more = 0; more < 4; ++more) {  // bytes after the first: right, overlong, or too few
@@ -344,7 +345,8 @@ const std::string kBad = R"(
     $1={A}$2;$2={B}$3;$3=?(<F,T>,1:{X}$2,?:v);
     $1=)" + many(2, 65, "{F#}$#") +
                          ";" + many(2, 65, "$#={A}D;") + " $1=" + many(1, 65, "{F#}C") +
-                         "; $1={A}C?(<F,T>" + many(1, 63, ",#:v") + "); " +
+                         "; $1={A}$3{B}$2;$2={A}$3;" + many(3, 8, "$#={A}$@;") + "$9={A}D;" +
+                         " $1={A}C?(<F,T>" + many(1, 63, ",#:v") + "); " +
                          many(1, 8, "$#={A}D{B}$@;") + "$9={A}D;";
 
 TEST(Bag, ReadsTheSchemaLanguage) {
@@ -363,9 +365,10 @@ TEST(Bag, ReadsTheSchemaLanguage) {
 
 TEST(Bag, ComparesTheShortFormAndTheTable) {
   const all_t r = sample();
-  for (size_t i = 0; i < kAllShort.size(); ++i) {
+  for (size_t i = 0; i <= kAllShort.size(); ++i) {
     for (const char *instead : {"", "q", "qq"}) {  // not a letter of it
       const std::string text = std::string(kAllShort).replace(i, 1, instead);
+      if (text == kAllShort) continue;
       bag_descriptor_t d = all_descriptor;
       d.short_schema = text.c_str();
       EXPECT_EQ(encode(&r, d), BAG_ERR_SCHEMA) << text;
@@ -385,11 +388,13 @@ TEST(Bag, ComparesTheShortFormAndTheTable) {
   check_words(pair_offsets, 2, other, BAG_ERR_LAYOUT);
   check_words(choice_offsets, 2, other, BAG_ERR_LAYOUT);
   // Every third word is a pointer to offsets.
-  const auto other_or_null = [](size_t i, uint64_t word) {
-    if (i % 3 != 2) return word ^ 1;
-    return word == 0 ? reinterpret_cast<uintptr_t>(all_offsets) : 0;
-  };
-  check_words(&all_types, sizeof all_types / 8, other_or_null, BAG_ERR_LAYOUT);
+  for (const uint64_t bits : {1, 4}) {
+    const auto other_or_null = [bits](size_t i, uint64_t word) {
+      if (i % 3 != 2) return word ^ bits;
+      return word == 0 ? reinterpret_cast<uintptr_t>(all_offsets) : 0;
+    };
+    check_words(&all_types, sizeof all_types / 8, other_or_null, BAG_ERR_LAYOUT);
+  }
   const auto zero = [](size_t, uint64_t) { return uint64_t{0}; };
   check_words(&all_descriptor, sizeof all_descriptor / 8, zero, BAG_ERR_DESCRIPTOR);
   EXPECT_EQ(bag_encode(nullptr, nullptr, nullptr, nullptr), BAG_ERR_DESCRIPTOR);
@@ -399,19 +404,19 @@ TEST(Bag, ComparesTheShortFormAndTheTable) {
 // may refer to them as long as the process lasts.
 const bag_descriptor_t *record(const char *name, const char *schema) {
   struct kept {
-    std::string long_schema, short_schema;
+    std::string name, long_schema, short_schema;
     all_table table;
     bag_descriptor_t d;
   };
   static const uint64_t at_start = 0;
   static std::deque<kept> all;
-  kept &k = all.emplace_back(kept{schema, shorten(schema), {}, {}});
+  kept &k = all.emplace_back(kept{name, schema, shorten(schema), {}, {}});
   const auto nested = k.long_schema.find(";$");
   k.table.own = {nested == std::string::npos ? 0u : 1u, 4, &at_start};
   if (k.table.own.nested_count != 0)
     k.table.nested[0] = {strtoull(schema + nested + 2, nullptr, 10), 4, &at_start};
   k.d = {1,
-         k.long_schema.empty() ? nullptr : name,
+         k.name.empty() ? nullptr : k.name.c_str(),
          4,
          "",
          &k.table.own,
