@@ -83,6 +83,11 @@ bool read_name(std::string_view text, command &into) {
 
 bool read_u32(std::string_view text, command &into) { return read_number(text, into.number); }
 
+/// What is left of an interval is told as a signed number.
+bool read_seconds(std::string_view text, command &into) {
+  return read_u32(text, into) && into.number <= INT32_MAX;
+}
+
 bool read_nexthop(std::string_view text, command &into) {
   const auto address = read_address(text);
   if (address) into.nexthop = htonl(*address);
@@ -132,7 +137,7 @@ constexpr value_kind kValues[] = {
     {"NAME", "a VRF name (at most 244 characters)", read_name},
     {"VRF", "a VRF name (at most 244 characters)", read_name},
     {"ID", "a number from 0 to 4294967295", read_u32},
-    {"SECONDS", "seconds (0 to 4294967295)", read_u32},
+    {"SECONDS", "seconds (0 to 2147483647)", read_seconds},
     {"ADDRESS", "an address as 10.255.1.1", read_nexthop},
     {"PREFIX", "a prefix as 10.255.1.0/24, without host bits", read_prefix},
     {"RT", "a route target as 65000:1, 10.255.1.1:7 or 4200000002:9", read_target},

@@ -35,11 +35,13 @@ std::string failure(uint32_t code) {
   return "operational data: code " + code_text(code);
 }
 
-/// All that is known of next hops; null while discovery is inactive.
+/// The next hops and their VRFs; null while discovery is inactive.
 std::string ask_nexthops(std::optional<std::vector<oper_nexthop>> &known) {
+  std::vector<oper_nexthop> nexthops;
+  uint32_t code = oper_nexthops(nexthops);
   json state;
-  uint32_t code = oper_state(state);
-  if (code == 0) code = oper_nexthops(known.emplace());
+  if (code == TARVO_ODS_ERR_NOT_FOUND) code = oper_state(state);
+  if (code == 0) known = std::move(nexthops);
   return failure(code);
 }
 
@@ -231,6 +233,7 @@ std::string interpreter::show_nexthops(const std::string &vrf) {
   if (!known && form() == show_as::table) return print(std::string(kInactive) + '\n');
   std::vector<oper_nexthop> nexthops = std::move(known).value_or(std::vector<oper_nexthop>{});
   if (!vrf.empty()) keep_vrf(nexthops, vrf);
+  if (const std::string failed = failure(oper_prefixes(nexthops)); !failed.empty()) return failed;
   return print(agent::show_nexthops(form(), vrf, nexthops));
 }
 

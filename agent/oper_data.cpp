@@ -162,11 +162,18 @@ uint32_t oper_nexthops(std::vector<oper_nexthop> &nexthops) {
     oper_nexthop nexthop{address, {}, {}};
     code = oper_vrfs(address, nexthop.vrfs);
     if (code == TARVO_ODS_ERR_NOT_FOUND) continue;
-    if (code == 0) code = covering_prefix(address, nexthop.prefix);
     if (code != 0) return code;
     found.push_back(std::move(nexthop));
   }
   nexthops = std::move(found);
+  return 0;
+}
+
+uint32_t oper_prefixes(std::vector<oper_nexthop> &nexthops) {
+  for (oper_nexthop &nexthop : nexthops) {
+    const uint32_t code = covering_prefix(nexthop.address, nexthop.prefix);
+    if (code != 0) return code;
+  }
   return 0;
 }
 

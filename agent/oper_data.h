@@ -43,7 +43,11 @@ struct oper_nexthop {
 /// The VRFs that refer to a next hop, by table ID. Not found without one.
 [[nodiscard]] uint32_t oper_vrfs(uint32_t nexthop, std::vector<vrf_routes> &routes);
 
-/// All next hops by address, page by page. One that goes meanwhile is left out.
+/// All next hops by address, page by page, with their VRFs and without their prefixes. One that
+/// goes meanwhile is left out.
 [[nodiscard]] uint32_t oper_nexthops(std::vector<oper_nexthop> &nexthops);
+
+/// Adds their prefixes.
+[[nodiscard]] uint32_t oper_prefixes(std::vector<oper_nexthop> &nexthops);
 
 }  // namespace agent

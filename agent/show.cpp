@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <utility>
 
 #include "agent/command.h"
 #include "agent/text.h"
@@ -158,11 +159,11 @@ std::string show_nexthop(show_as as, uint32_t nexthop, std::span<const vrf_route
 
 std::string show_prefix(show_as as, uint32_t nexthop, const json &record) {
   if (as == show_as::table) return record_table(record);
-  return show_line("prefix", {{"nexthop", address_text(nexthop)}, {"prefix", record}});
+  return show_line("prefix", {{"nexthop", address_text(nexthop)}, {"record", record}});
 }
 
 std::string show_state(show_as as, const json &record) {
-  return as == show_as::object ? show_line("state", {{"state", record}}) : record_table(record);
+  return as == show_as::object ? show_line("state", {{"record", record}}) : record_table(record);
 }
 
 std::string show_sessions(show_as as, std::span<const session_info> sessions) {

@@ -30,7 +30,7 @@ static uint32_t answer(ods_item_t *item, const void *native, const bag_descripto
   item->type = TARVO_ODS_TYPE_BAG;
   item->buffer = buffer;
   item->length = length;
-  return TARVO_ND_OK;
+  return 0;
 }
 
 uint32_t tarvo_mpls_discovery_ods_vpn_state_get(ods_item_t *item, ods_path_t *) {
@@ -109,7 +109,7 @@ class pending_list {
     if (result == nullptr) return TARVO_ODS_ERR_NO_RESULT;
     result->count = count;
     result->list = std::exchange(list_, nullptr);
-    return TARVO_ND_OK;
+    return 0;
   }
 
  private:

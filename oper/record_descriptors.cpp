@@ -1,6 +1,7 @@
 // The descriptors of the operational records: constant data, complete when the library is loaded.
 #include <cstddef>
 #include <iterator>
+#include <type_traits>
 
 #include "oper/record_layout.h"
 #include "tarvo/oper_records.h"
@@ -34,10 +35,29 @@ struct native_member {
   std::string_view name;
   uint64_t offset;
   uint64_t size;
+  bool pointer;
+  uint64_t elements;  ///< offset of a counted array's pointer; 0 for anything else
 };
+
+template <typename Member>
+consteval uint64_t elements_offset() {
+  if constexpr (requires { &Member::count, &Member::elements; }) {
+    if (offsetof(Member, count) == 0 && sizeof(Member::count) == sizeof(uint32_t))
+      return offsetof(Member, elements);
+  }
+  return 0;
+}
 
 constexpr bool same(const native_member &m, std::string_view name, uint64_t offset, uint64_t size) {
   return m.name == name && m.offset == offset && m.size == size;
+}
+
+/// The member of an element that is no union; `offset` are the element's offsets.
+constexpr bool same_field(const bag::element &e, const uint64_t *offset, const native_member &m) {
+  bag::storage storage;
+  return bag::element_storage(e, type_storage, storage) &&
+         same(m, e.field, offset[0], storage.size) && m.pointer == (e.kind == 's') &&
+         (e.kind == 'a' ? offset[0] + m.elements == offset[1] : m.elements == 0);
 }
 
 /// Takes the members of a union off `next`.
@@ -46,12 +66,7 @@ constexpr bool same_union(const bag::element &e, const uint64_t *offset,
   if (!same(*next++, e.discriminator, offset[0], sizeof(uint32_t))) return false;
   bag::arm a;
   for (std::string_view arms = e.inside; bag::read_arm(arms, a);) {
-    bag::storage storage;
-    if (a.value.kind == 'v') continue;
-    if (!bag::element_storage(a.value, type_storage, storage) ||
-        !same(*next++, a.value.field, offset[1], storage.size)) {
-      return false;
-    }
+    if (a.value.kind != 'v' && !same_field(a.value, offset + 1, *next++)) return false;
   }
   return true;
 }
@@ -62,14 +77,10 @@ consteval bool same_members(std::initializer_list<native_member> members) {
   const uint64_t *offset = kOffsets<kNumber>.data();
   bag::element e;
   for (std::string_view body = body_of(kNumber); bag::read_element(body, e);) {
-    bag::storage storage;
     if (e.kind == '?') {
       if (!same_union(e, offset, next)) return false;
-    } else if (!e.field.empty()) {
-      if (!bag::element_storage(e, type_storage, storage) ||
-          !same(*next++, e.field, *offset, storage.size)) {
-        return false;
-      }
+    } else if (!e.field.empty() && !same_field(e, offset, *next++)) {
+      return false;
     }
     offset += e.kind == 'a' || e.kind == '?' ? 2 : 1;
   }
@@ -77,7 +88,9 @@ consteval bool same_members(std::initializer_list<native_member> members) {
 }
 
 #define BARE(element)
-#define FIELD(name, element) {#name, offsetof(native, name), sizeof(native::name)},
+#define FIELD(name, element)                                                                       \
+  {#name, offsetof(native, name), sizeof(native::name), std::is_pointer_v<decltype(native::name)>, \
+   elements_offset<decltype(native::name)>()},
 #define UNION(name, enumeration, arms) FIELD(name, ) arms
 #define ARM(label, name, element) FIELD(name, element)
 #define EMPTY_ARM(label)
@@ -92,6 +105,11 @@ consteval bool same_members(std::initializer_list<native_member> members) {
       "members of " #name);
 #define RECORD TYPE
 #include "oper/record_types.def"
+#undef BARE
+#undef FIELD
+#undef UNION
+#undef ARM
+#undef EMPTY_ARM
 #undef TYPE
 #undef RECORD
 
@@ -103,6 +121,8 @@ constexpr const bag_descriptor_t *kRecords[] = {
 #define TYPE(number, name, size, body)
 #define RECORD(number, name, size, body) &name##_bag,
 #include "oper/record_types.def"
+#undef TYPE
+#undef RECORD
 };
 
 uint32_t bag_register_all_manageability_tarvo_oper_bags(void *registry) {

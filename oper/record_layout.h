@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <functional>
 #include <string_view>
 #include <utility>
@@ -89,37 +90,57 @@ constexpr const uint64_t *offsets_of() {
 
 // ---- The types that a type uses, directly or through others ----
 
-constexpr bool uses(std::string_view body, uint32_t number);
+/// Types, as bits by their place in kTypes.
+using type_set = uint64_t;
+static_assert(std::size(kTypes) <= 64);
 
-constexpr bool uses(const bag::element &e, uint32_t number) {
-  if (e.kind == '$') return e.number == number || uses(body_of(e.number), number);
-  if (e.kind == 'a') return uses(e.inside, number);
+constexpr size_t place_of(uint32_t number) {
+  return static_cast<size_t>(std::ranges::find(kTypes, number, &type_body::number) -
+                             std::begin(kTypes));
+}
+
+constexpr type_set named_in(const bag::element &e) {
+  if (e.kind == '$') return type_set{1} << place_of(e.number);
+  type_set named = 0;
+  bag::element inner;
+  if (std::string_view inside = e.inside; e.kind == 'a' && bag::read_element(inside, inner))
+    return named_in(inner);
   bag::arm a;
-  for (std::string_view arms = e.inside; bag::read_arm(arms, a);) {
-    if (uses(a.value, number)) return true;
-  }
-  return false;
+  for (std::string_view arms = e.inside; bag::read_arm(arms, a);) named |= named_in(a.value);
+  return named;
 }
 
-constexpr bool uses(std::string_view body, uint32_t number) {
-  bag::element e;
-  while (bag::read_element(body, e)) {
-    if (uses(e, number)) return true;
+/// By place in kTypes. A type comes after those it uses, so theirs are there already.
+inline constexpr auto kUses = [] {
+  std::array<type_set, std::size(kTypes)> uses{};
+  for (size_t i = 0; i < uses.size(); ++i) {
+    bag::element e;
+    for (std::string_view body = kTypes[i].body; bag::read_element(body, e);)
+      uses[i] |= named_in(e);
+    for (size_t used = 0; used < i; ++used) {
+      if ((uses[i] >> used & 1) != 0) uses[i] |= uses[used];
+    }
   }
-  return false;
-}
+  return uses;
+}();
 
-constexpr auto used_by(uint32_t record) {
-  return [body = body_of(record)](const type_body &type) { return uses(body, type.number); };
-}
+static_assert(
+    [] {
+      for (size_t i = 0; i < kUses.size(); ++i) {
+        if (kUses[i] >> i != 0) return false;
+      }
+      return true;
+    }(),
+    "a type comes after those it uses, and these are there");
 
 /// In ascending type number, as the bodies stand.
 template <uint32_t kRecord>
 static constexpr auto kNested = [] {
-  std::array<uint32_t, std::ranges::count_if(kTypes, used_by(kRecord))> numbers{};
+  constexpr type_set kUsed = kUses[place_of(kRecord)];
+  std::array<uint32_t, std::popcount(kUsed)> numbers{};
   auto next = numbers.begin();
-  for (const type_body &type : kTypes) {
-    if (used_by(kRecord)(type)) *next++ = type.number;
+  for (size_t i = 0; i < std::size(kTypes); ++i) {
+    if ((kUsed >> i & 1) != 0) *next++ = kTypes[i].number;
   }
   return numbers;
 }();

@@ -80,8 +80,8 @@ uint32_t find_conflict(const bag_descriptor_t &added, const bag::record &read)
 }
 
 uint32_t append(const bag_descriptor_t *added) TARVO_REQUIRES(lock) {
+  if (count == UINT32_MAX) return BAG_ERR_NOMEM;
   if (count == capacity) {
-    if (count == UINT32_MAX) return BAG_ERR_NOMEM;
     const size_t grown = capacity == 0 ? kFirstCapacity : 2 * capacity;
     void *moved = realloc(records, grown * sizeof *records);
     if (moved == nullptr) return BAG_ERR_NOMEM;

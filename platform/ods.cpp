@@ -40,8 +40,8 @@ ods_entry_t *create_entry(const char *key, uint32_t type, const void *value, uin
 }
 
 bool make_room(list *l) {
-  if (l->count < l->capacity) return true;
   if (l->count == UINT32_MAX) return false;
+  if (l->count < l->capacity) return true;
   const size_t capacity = l->capacity == 0 ? kFirstCapacity : 2 * l->capacity;
   void *entries = realloc(l->entries, capacity * sizeof *l->entries);
   if (entries == nullptr) return false;

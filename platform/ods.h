@@ -56,7 +56,7 @@ static_assert(offsetof(ods_list_result_t, list) == 24, "layout of the store");
  */
 
 /*
- * Creates an empty list in `*list`, or leaves it alone and returns ODS_ERR_NOMEM.
+ * Creates an empty list in `*list`, or leaves it alone and returns a code.
  *
  * `path` is the request's; `more` are the request's further arguments, which the provider was given
  * and hands on. Both are for stores that build a list by what was asked: this one looks at neither.

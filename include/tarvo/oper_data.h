@@ -15,9 +15,9 @@
  * NUL-terminated string. The keys that an item has must be there, and so must item and path.
  *
  * Threads: any, also several at once. A call takes the nd mutex for one search at a time and never
- * holds it while it is in the store or the encoder: not from a notify callback. So a list is no
- * snapshot; it goes on from the last entry it found, while next hops come and go. Names are copied
- * under the lock.
+ * holds it while it is in the store or the encoder. The module's worker holds it in notify
+ * callbacks and in the calls of the RIB: not from there. So a list is no snapshot; it goes on from
+ * the last entry it found, while next hops come and go. Names are copied under the lock.
  *
  * Results: 0 with the answer written, or a code below, or from a list's or a data list's callback
  * the store's or encoder's own. On a failure nothing is written and nothing is left to free.

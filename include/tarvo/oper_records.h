@@ -27,7 +27,8 @@ extern "C" {
  * registry is wanted. bag_encode itself needs no registration.
  *
  * @param registry  handed to bag_register_start as it is
- * @return 0, or the code of the platform call that failed; then nothing is registered
+ * @return 0, or the code of the platform call that failed. After a refused record the registration
+ * is aborted; after a failed bag_register_end nothing more is done
  */
 TARVO_API uint32_t bag_register_all_manageability_tarvo_oper_bags(void *registry);
 

@@ -113,7 +113,7 @@ TEST(Agent, TellsTheStoryOfTheExample) {
   EXPECT_EQ(shows["nexthop"], json::parse(R"({"schema":1,"show":"nexthop","nexthop":"10.255.1.1",
       "vrfs":[{"vrf":"CUST-A","routes":2},{"vrf":"CUST-B","routes":1}]})"));
   EXPECT_EQ(shows["prefix"], json::parse(R"({"schema":1,"show":"prefix","nexthop":"10.255.2.2",
-      "prefix":{"TargetAddress":"10.255.2.0","TargetMask":24}})"));
+      "record":{"TargetAddress":"10.255.2.0","TargetMask":24}})"));
   EXPECT_EQ(shows["sessions"]["sessions"][0]["malformed"], json::object());
   EXPECT_FALSE(shows["pools"]["pools"].empty());
   EXPECT_FALSE(shows["help"]["help"].empty());

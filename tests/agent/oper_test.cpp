@@ -34,7 +34,7 @@ const struct row {
   uint32_t type = TARVO_ODS_TYPE_BAG;
   std::vector<const char *> keys = {};  ///< null: there may be more
 } kAnswers[] = {
-    {"show state", R"("show":"state","state":{"x":5}})", kState, 0, "\xa1\x61x\x05"},
+    {"show state", R"("show":"state","record":{"x":5}})", kState, 0, "\xa1\x61x\x05"},
     {"show nexthops", R"("reachable":false,"prefix":null)", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
     {"show prefix 10.0.0.1", "no route covers next hop", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
     {"show nexthops",
@@ -47,7 +47,6 @@ const struct row {
     {"show vrfs", R"("routes":110,"nexthops":22)", kVrf, 0, "\xa1\x6bPrefixCount\x05"},
     {"show nexthops", kNone, kNhop, TARVO_ODS_ERR_NOT_FOUND},
     {"show state", "code 0x40829000", kState, TARVO_ODS_ERR_ENCODE},
-    {"show nexthops", "code 0x40820200", kState, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kNhop, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kPrefix, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kVrf, ODS_ERR_NOMEM},
