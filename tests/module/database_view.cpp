@@ -52,7 +52,8 @@ static Record untouched() {
 
 template <typename Record>
 static void expect_same(const Record &a, const Record &b) {
-  EXPECT_EQ(memcmp(static_cast<const void *>(&a), &b, sizeof a), 0) << "what is not ours is written";
+  EXPECT_EQ(memcmp(static_cast<const void *>(&a), &b, sizeof a), 0)
+      << "what is not ours is written";
 }
 
 struct ods_request {
@@ -155,8 +156,9 @@ struct module_source {
         [=](auto *out, auto *name) { return tarvo_nd_first_tableid(htonl(host), out, name); });
   }
   maybe next_table(uint32_t host, uint32_t table) const {
-    return ref(
-        [=](auto *out, auto *name) { return tarvo_nd_next_tableid(htonl(host), table, out, name); });
+    return ref([=](auto *out, auto *name) {
+      return tarvo_nd_next_tableid(htonl(host), table, out, name);
+    });
   }
   maybe name(uint32_t table) const {
     const char *name = tarvo_nd_tableid2vrf_name(table);

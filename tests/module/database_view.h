@@ -15,8 +15,8 @@ struct next_hop {
 
 struct database {
   bool active = false;
-  int64_t seconds_left = 0;            ///< of the refresh interval, while active
-  std::map<uint32_t, next_hop> hops;   ///< by address in host byte order
+  int64_t seconds_left = 0;           ///< of the refresh interval, while active
+  std::map<uint32_t, next_hop> hops;  ///< by address in host byte order
   std::map<uint32_t, std::string> vrfs;
 };
 

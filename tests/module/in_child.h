@@ -5,7 +5,7 @@
 #include <string>
 
 struct ended {
-  int status;          ///< as waitpid tells it; 0: it ran to its end, no expectation failed, no leak
+  int status;  ///< as waitpid tells it; 0: it ran to its end, no expectation failed, no leak
   std::string output;  ///< standard output and error
 };
 

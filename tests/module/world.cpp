@@ -51,17 +51,19 @@ void world::note(std::string text) {
 
 bool world::failing(const char *operation, const char *object) {
   if (fail.empty() && !counting) return false;
+  const std::string call = operation + std::string(*object == '\0' ? "" : " ") + object;
+  if (counting) ++calls[call];
   const auto found = fail.find(operation);
-  if (found == fail.end() && !counting) return false;
-  const int call = ++calls[operation];
-  if (found == fail.end() || (for_good ? call < found->second : call != found->second))
-    return false;
-  failed.push_back(operation + std::string(*object == '\0' ? "" : " ") + object);
+  if (found == fail.end()) return false;
+  const int nth = ++nth_[operation];
+  if (for_good ? nth < found->second : nth != found->second) return false;
+  failed.push_back(call);
   return true;
 }
 
 void world::fail_next(const std::string &operation, int nth, int with) {
-  calls.clear();
+  nth_.clear();
+  failed.clear();
   fail = {{operation, nth}};
   error = with;
 }
@@ -71,9 +73,10 @@ static void require(bool holds, const char *what) {
   if (!holds) w.note(std::string("wrong: ") + what);
 }
 
-// While locking and unlocking themselves fail, nobody can hold a lock as he should.
-static bool locks_fail() {
-  return w.fail.contains("pthread_mutex_lock") || w.fail.contains("pthread_mutex_unlock");
+// Once locking or unlocking itself failed, nobody can hold a lock as he should.
+static bool locks_failed() {
+  return !w.failed.empty() && (w.failed.back().starts_with("pthread_mutex_lock") ||
+                               w.failed.back().starts_with("pthread_mutex_unlock"));
 }
 
 std::vector<std::string> world::take() {
@@ -247,7 +250,7 @@ void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
 
 void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
   std::lock_guard hold(timers);
-  require(tarvo_nd_mutex.mutex.__data.__owner != 0 || locks_fail(),
+  require(tarvo_nd_mutex.mutex.__data.__owner != 0 || locks_failed(),
           "a timer is started without the lock");
   for (const mgd_timer_leaf &other : leaves)
     require(!other.running || &other == leaf, "two timers run");
@@ -391,7 +394,7 @@ extern "C" int __real_pthread_cond_signal(pthread_cond_t *);
 extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
   const bool revival = cond == &tarvo_nd_mutex.revival_cond;
   require(!revival || tarvo_nd_mutex.revival_pending != 0, "a revival is over before its signal");
-  require(w.threaded || revival || tarvo_nd_workq_mutex.mutex.__data.__owner == 0,
+  require(w.threaded || revival || tarvo_nd_workq_mutex.mutex.__data.__owner == 0 || locks_failed(),
           "the worker is woken under the lock");
   return w.failing("pthread_cond_signal") ? w.error : __real_pthread_cond_signal(cond);
 }
@@ -442,7 +445,7 @@ WRAPPED_TREE(wavl_get_next, (wavl_tree_t * tree, const void *key, unsigned long 
 
 // The store and the encoder: never under the nd mutex, all that they do is noted.
 static void outside(const std::string &text) {
-  require(tarvo_nd_mutex.mutex.__data.__owner != gettid() || locks_fail(),
+  require(tarvo_nd_mutex.mutex.__data.__owner != gettid() || locks_failed(),
           "the store is called under the lock");
   w.note(text);
 }

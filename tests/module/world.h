@@ -24,7 +24,7 @@ struct world {
   std::vector<std::string> did;
   std::vector<std::string> traces;  ///< debug traces
   bool tracing = true;
-  std::vector<std::string> waits;   ///< announcements of the worker's wait, and its name
+  std::vector<std::string> waits;  ///< announcements of the worker's wait, and its name
 
   /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch.
   std::set<std::string> routes;
@@ -37,8 +37,9 @@ struct world {
   std::map<std::string, int, std::less<>> fail;
   bool for_good = false;
   int error = 11;
-  std::vector<std::string> failed;  ///< the calls that failed: "chunk_malloc PE Discovery NHop Chunk"
-  /// Calls of each operation that could have failed, once `counting`.
+  std::vector<std::string>
+      failed;  ///< the calls that failed: "chunk_malloc PE Discovery NHop Chunk"
+  /// While `counting`, how often each call was made that can fail.
   std::map<std::string, int> calls;
   bool counting = false;
   bool pass_revival_wait = false;  ///< a wait for a revival returns 0 at once
@@ -71,6 +72,9 @@ struct world {
   /// Makes the n-th call from now fail; none for an empty name.
   void fail_next(const std::string &operation, int nth = 1, int with = 11);
   void note(std::string text);
+
+ private:
+  std::map<std::string, int> nth_;
 };
 
 /// Each test runs in a process of its own, and this is its world.
