@@ -269,7 +269,7 @@ void play_all(const profile &p, double requests) {
   constexpr double kPiece = 500000;
   const double given = from_environment("MODEL_SEED", -1);
   uint64_t seed = given < 0 ? std::random_device{}() : static_cast<uint64_t>(given);
-  double left = from_environment("MODEL_REQUESTS", requests);
+  double left = from_environment("MODEL_REQUESTS", SANITIZED ? requests / 8 : requests);
   if (given < 0) {
     left /= 2;
     play(p, 1, static_cast<uint64_t>(std::min(left, kPiece)), 1e9);
