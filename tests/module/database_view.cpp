@@ -339,3 +339,22 @@ database held_by_module() TARVO_NO_THREAD_SAFETY_ANALYSIS {
   }
   return held;
 }
+
+void expect_nothing_else_is_kept(const database &held, uint64_t queued) {
+  std::map<std::string, uint64_t> expected = {{"PE Discovery workQ Chunk", queued}};
+  if (held.active) {
+    expected["PE Discovery NHop Chunk"] = held.hops.size();
+    uint64_t &references = expected["PE Discovery Table ID Chunk"];
+    for (const auto &[address, hop] : held.hops) references += hop.tables.size();
+  }
+  const auto named = [&](const char *name, uint64_t count) {
+    if (count != 0) expected[name] = count;
+  };
+  uint64_t registrations = 0;
+  for (const auto &[name, group] : held.clients) registrations += group.size();
+  named("TARVO DISC VRF Info", held.vrfs.size());
+  named("TARVO DISC Client Entry", registrations);
+  named("TARVO DISC Client Info", held.clients.size() - held.clients.count(""));
+  EXPECT_EQ(in_use(), expected);
+  EXPECT_EQ(nhop_count(), static_cast<int32_t>(held.hops.size()));
+}

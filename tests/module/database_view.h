@@ -18,6 +18,7 @@ struct database {
   int64_t seconds_left = 0;           ///< of the refresh interval, while active
   std::map<uint32_t, next_hop> hops;  ///< by address in host byte order
   std::map<uint32_t, std::string> vrfs;
+  std::map<std::string, std::vector<uint32_t>> clients;  ///< "" first: the all-VPN clients
 };
 
 /// What is asked for beside everything there is. The tables begin with 0, which stands for all.
@@ -29,8 +30,11 @@ struct probes {
 std::string view_of_module(const probes &ask);
 std::string view_of(const database &held, const probes &ask);
 
-/// The module's next hops, references and VRFs, read from its own tables.
+/// The module's next hops, references and VRFs, read from its own tables; not the clients.
 database held_by_module();
+
+/// The pools and the named memory hold that database and no more, the queue so many requests.
+void expect_nothing_else_is_kept(const database &held, uint64_t queued);
 
 std::string dotted_host(uint32_t address);
 

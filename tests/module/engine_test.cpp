@@ -203,34 +203,6 @@ TEST(Queue, RefusalsAndFailures) {
   EXPECT_EQ(w.take(), texts(4, "log 4 ERR_MEM During mallocing route update information"));
 }
 
-TEST(Queue, PurgeRemovesOneTablesReportsAndKeepsTheOrderOfTheRest) {
-  w.start();
-  unsigned seed = 1;
-  for (int round = 0; round < 300; ++round) {
-    std::vector<std::pair<uint32_t, uint32_t>> kept;  // type, table
-    const int length = round < 20 ? round % 5 : rand_r(&seed) % 12;
-    for (int i = 0; i < length; ++i) {
-      tarvo_nd_work_req_t request = {};
-      request.type = 1 + rand_r(&seed) % 10;
-      request.nhop.table_id = rand_r(&seed) % 3;
-      request.nhop.nhop_addr = i;
-      tarvo_nd_work_enqueue(&request);
-      if (request.type > 2 || request.nhop.table_id != 1) kept.emplace_back(request.type, i);
-    }
-    guarded_mutex_lock(&tarvo_nd_mutex, "", 1);
-    tarvo_nd_del_nhop_update_from_work_req(1);
-    guarded_mutex_unlock(&tarvo_nd_mutex);
-    for (const auto &[type, serial] : kept) {
-      tarvo_nd_work_req_t request;
-      ASSERT_TRUE(tarvo_nd_work_dequeue(&request, "test"));
-      EXPECT_EQ(request.type, type);
-      EXPECT_EQ(request.nhop.nhop_addr, serial);
-    }
-    tarvo_nd_work_req_t request;
-    ASSERT_FALSE(tarvo_nd_work_dequeue(&request, "test"));
-  }
-}
-
 // A request is zero but for its type and what the type uses, so a reader of any body is safe.
 TEST(Queue, RequestsAreZeroWhereUnused) {
   w.start();
@@ -343,29 +315,6 @@ TEST(Messages, CatalogueIsAsTabled) {
 }
 
 // ------------------------------------------- timers -------------------------------------------
-
-TEST(Timers, IntervalDividesIntoPhases) {
-  const struct {
-    uint32_t interval, refresh, clear;
-  } kRows[] = {{0, 1, 0},    {1, 1, 0},      {2, 1, 1},
-               {28, 14, 14}, {29, 0, 29},    {57, 28, 29},
-               {58, 29, 29}, {300, 271, 29}, {0xffffffff, 0xffffffff - 29, 29}};
-  w.start();
-  w.client(1);
-  for (const auto &row : kRows) {
-    w.take();
-    tarvo_nd_set_rib_refresh_interval(row.interval);
-    const std::string refresh = "start refresh " + std::to_string(row.refresh);
-    EXPECT_EQ(w.take().back(), refresh) << row.interval;
-    EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(),
-              static_cast<int32_t>(row.refresh + row.clear));
-    if (row.interval > 1000) continue;
-    w.pass(row.refresh);
-    texts expected = {"stop refresh", "start clear " + std::to_string(row.clear)};
-    if (row.clear == 0) expected.insert(expected.end(), {"stop clear", refresh});
-    EXPECT_EQ(w.take(), expected) << row.interval;
-  }
-}
 
 TEST(Timers, CycleKeepsItsLengthAndLeavesSurviveAFailedEnqueue) {
   w.start();

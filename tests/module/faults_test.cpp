@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -37,77 +38,66 @@ enum effect {
 struct row {
   effect does;
   const char *call;
-  texts told;
-  texts codes = {};
+  const char *told;  ///< messages, one a line
+  const char *code = "";
 };
 
+#define MEM "log 4 ERR_MEM During mallocing "
+#define NOT_LOCKED(name)                \
+  "log 5 INTERNAL Cannot lock " name    \
+  " mutex, error:22:Invalid argument\n" \
+  "log 5 INTERNAL Cannot unlock " name " mutex, error:1:Operation not permitted"
+#define NOT_UNLOCKED(name) "log 5 INTERNAL Cannot unlock " name " mutex, error:22:Invalid argument"
+
 const row kRows[] = {
-    {kNoStart,
-     "chunk_create PE Discovery workQ Chunk",
-     {"log 4 ERR_MEM During mallocing workQ Chunk"},
-     {"0xc4a30200"}},
-    {kNoStart, "attach", {"lstrace 1 attach timer handler 22"}, {"0xc4a31416"}},
-    {kNoStart, "sigevent", {"lstrace 1 define timer event 22"}, {"0xc4a31416"}},
-    {kNoStart, "timer_tree", {"lstrace 1 create timer tree 22"}, {"0xc4a31600"}},
-    {kNoStart, "timer_leaf refresh", {"lstrace 1 create refresh timer leaf 22"}, {"0xc4a31600"}},
-    {kNoStart, "timer_leaf clear", {"lstrace 1 create clear timer leaf 22"}, {"0xc4a31600"}},
-    {kNoStart, "pthread_create", {"lstrace 1 create PE discovery thread 22"}, {"0xc4a31a16"}},
-    {kDeath, "sigemptyset", {"os/pthread: 488 rc == 0 -- assertion failed\n"}},
-    {kDeath, "sigaddset 6", {"os/pthread: 490 rc == 0 -- assertion failed\n"}},
-    {kDeath, "sigaddset 10", {"os/pthread: 494 rc ==0 -- assertion failed\n"}},
-    {kDeath, "pthread_sigmask", {"os/pthread: 496 rc == 0 -- assertion failed\n"}},
-    {kLoss, "chunk_create PE Discovery NHop Chunk", {"log 4 ERR_MEM During mallocing NHop Chunk"}},
-    {kLoss,
-     "chunk_create PE Discovery Table ID Chunk",
-     {"log 4 ERR_MEM During mallocing Table ID Chunk"}},
-    {kLoss, "wavl_init next hops", {"log 4 ERR_MEM During mallocing NHop tree"}},
-    {kLoss, "wavl_init references", {}},
-    {kLoss,
-     "chunk_malloc PE Discovery workQ Chunk",
-     {"log 4 ERR_MEM During mallocing route update information"}},
-    {kLoss, "chunk_malloc PE Discovery NHop Chunk", {"log 4 ERR_MEM During mallocing Nhop Chunk"}},
-    {kLoss,
-     "chunk_malloc PE Discovery Table ID Chunk",
-     {"log 4 ERR_MEM During mallocing Nhop TableId Chunk"}},
-    {kLoss,
-     "calloc_named TARVO DISC Client Entry",
-     {"log 4 ERR_MEM During mallocing client entry"}},
-    {kLoss,
-     "calloc_named TARVO DISC Client Info",
-     {"log 4 ERR_MEM During mallocing client information"}},
-    {kLoss, "calloc_named TARVO DISC VRF Info", {"log 4 ERR_MEM During mallocing vrf information"}},
-    {kLoss, "avl_insert VRFs", {}},
-    {kLoss, "avl_insert client groups", {}},
-    {kLoss, "wavl_insert_thread next hops", {}},
-    {kLoss, "wavl_insert_thread references", {}},
-    {kAnswer, "bag_encode", {}, {"0x40829000", "0x00000016"}},
-    {kAnswer, "ods_list_create", {}, {"0x00000016"}},
-    {kAnswer, "ods_list_add", {}, {"0x00000016"}},
-    {kAnswer, "ods_datalist_create", {}, {"0x00000016"}},
-    {kAnswer, "ods_datalist_add", {}, {"0x00000016"}},
-    {kNone,
-     "pthread_cond_signal",
-     {"log 5 INTERNAL Failed to awake a thread waiting for workQ:22:Invalid argument"}},
-    {kNone,
-     "pthread_cond_wait",
-     {"log 5 INTERNAL Cannot wait for nd req, error:22:Invalid argument"}},
-    {kNone, "pthread_mutex_trylock nd", {}},
-    {kNone, "pthread_mutex_trylock workQ", {}},
-    {kNone,
-     "pthread_mutex_lock nd",
-     {"log 5 INTERNAL Cannot lock nd mutex, error:22:Invalid argument",
-      "log 5 INTERNAL Cannot unlock nd mutex, error:1:Operation not permitted"}},
-    {kNone,
-     "pthread_mutex_lock workQ",
-     {"log 5 INTERNAL Cannot lock workQ mutex, error:22:Invalid argument",
-      "log 5 INTERNAL Cannot unlock workQ mutex, error:1:Operation not permitted"}},
-    {kNone,
-     "pthread_mutex_unlock nd",
-     {"log 5 INTERNAL Cannot unlock nd mutex, error:22:Invalid argument"}},
-    {kNone,
-     "pthread_mutex_unlock workQ",
-     {"log 5 INTERNAL Cannot unlock workQ mutex, error:22:Invalid argument"}},
+    {kNoStart, "chunk_create PE Discovery workQ Chunk", MEM "workQ Chunk", "0xc4a30200"},
+    {kNoStart, "attach", "lstrace 1 attach timer handler 22", "0xc4a31416"},
+    {kNoStart, "sigevent", "lstrace 1 define timer event 22", "0xc4a31416"},
+    {kNoStart, "timer_tree", "lstrace 1 create timer tree 22", "0xc4a31600"},
+    {kNoStart, "timer_leaf refresh", "lstrace 1 create refresh timer leaf 22", "0xc4a31600"},
+    {kNoStart, "timer_leaf clear", "lstrace 1 create clear timer leaf 22", "0xc4a31600"},
+    {kNoStart, "pthread_create", "lstrace 1 create PE discovery thread 22", "0xc4a31a16"},
+    {kDeath, "sigemptyset", "os/pthread: 488 rc == 0 -- assertion failed\n"},
+    {kDeath, "sigaddset 6", "os/pthread: 490 rc == 0 -- assertion failed\n"},
+    {kDeath, "sigaddset 10", "os/pthread: 494 rc ==0 -- assertion failed\n"},
+    {kDeath, "pthread_sigmask", "os/pthread: 496 rc == 0 -- assertion failed\n"},
+    {kLoss, "chunk_create PE Discovery NHop Chunk", MEM "NHop Chunk"},
+    {kLoss, "chunk_create PE Discovery Table ID Chunk", MEM "Table ID Chunk"},
+    {kLoss, "wavl_init next hops", MEM "NHop tree"},
+    {kLoss, "wavl_init references", ""},
+    {kLoss, "chunk_malloc PE Discovery workQ Chunk", MEM "route update information"},
+    {kLoss, "chunk_malloc PE Discovery NHop Chunk", MEM "Nhop Chunk"},
+    {kLoss, "chunk_malloc PE Discovery Table ID Chunk", MEM "Nhop TableId Chunk"},
+    {kLoss, "calloc_named TARVO DISC Client Entry", MEM "client entry"},
+    {kLoss, "calloc_named TARVO DISC Client Info", MEM "client information"},
+    {kLoss, "calloc_named TARVO DISC VRF Info", MEM "vrf information"},
+    {kLoss, "avl_insert VRFs", ""},
+    {kLoss, "avl_insert client groups", ""},
+    {kLoss, "wavl_insert_thread next hops", ""},
+    {kLoss, "wavl_insert_thread references", ""},
+    {kAnswer, "bag_encode", "", "0x40829000 0x00000016"},  // of a get, of a list
+    {kAnswer, "ods_list_create", "", "0x00000016"},
+    {kAnswer, "ods_list_add", "", "0x00000016"},
+    {kAnswer, "ods_datalist_create", "", "0x00000016"},
+    {kAnswer, "ods_datalist_add", "", "0x00000016"},
+    {kNone, "pthread_cond_signal",
+     "log 5 INTERNAL Failed to awake a thread waiting for workQ:22:Invalid argument"},
+    {kNone, "pthread_cond_wait",
+     "log 5 INTERNAL Cannot wait for nd req, error:22:Invalid argument"},
+    {kNone, "pthread_mutex_trylock nd", ""},
+    {kNone, "pthread_mutex_trylock workQ", ""},
+    {kNone, "pthread_mutex_lock nd", NOT_LOCKED("nd")},
+    {kNone, "pthread_mutex_lock workQ", NOT_LOCKED("workQ")},
+    {kNone, "pthread_mutex_unlock nd", NOT_UNLOCKED("nd")},
+    {kNone, "pthread_mutex_unlock workQ", NOT_UNLOCKED("workQ")},
 };
+
+texts lines_of(const std::string &text, const std::string &before = "") {
+  texts lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(before + line);
+  return lines;
+}
 
 const row *row_of(const std::string &call) {
   const auto found = std::ranges::find(kRows, call, &row::call);
@@ -155,7 +145,6 @@ class agent {
       leaving_.insert(id);
     } else {
       leaving_.erase(id);
-      done();
       clients_.erase(id);
     }
     done();
@@ -190,8 +179,10 @@ class agent {
         record.push_back(line);
       }
     }
-    const database held = held_by_module();
-    nothing_else_is_kept(held);
+    database held = held_by_module();
+    for (const auto &[id, client] : clients_)
+      if (client.ended) held.clients[client.vrf].push_back(id);
+    expect_nothing_else_is_kept(held, 0);
     for (auto &[id, client] : clients_) {
       if (!held.active) client.told.clear();
       const auto expected = client.ended ? watched(held, client.vrf) : decltype(client.told)();
@@ -206,8 +197,7 @@ class agent {
     const probes ask = {{host("10.0.0.2"), host("10.9.9.9")}, {0, 7}, {"A", "B"}};
     const std::string seen = view_of_module(ask);
     EXPECT_TRUE(answers_fail || seen == view_of(held, ask)) << seen << "\n" << view_of(held, ask);
-    std::istringstream lines(seen);
-    for (std::string line; std::getline(lines, line);) record.push_back("= " + line);
+    std::ranges::copy(lines_of(seen, "= "), std::back_inserter(record));
     done();
   }
 
@@ -273,17 +263,6 @@ class agent {
       if (!hop.route.empty() && (vrf.empty() || hop.tables.contains(of->first)))
         all[address] = hop.route;
     return all;
-  }
-
-  static void nothing_else_is_kept(const database &held) {
-    std::map<std::string, uint64_t> expected = {{"PE Discovery workQ Chunk", 0}};
-    if (held.active) {
-      expected["PE Discovery NHop Chunk"] = held.hops.size();
-      uint64_t &references = expected["PE Discovery Table ID Chunk"];
-      for (const auto &[address, hop] : held.hops) references += hop.tables.size();
-    }
-    EXPECT_EQ(pools(), expected);
-    EXPECT_EQ(nhop_count(), static_cast<int32_t>(held.hops.size()));
   }
 };
 
@@ -363,19 +342,15 @@ outcome run(agent &a) {
   return result;
 }
 
-void expect_answers(const texts &record, const texts &reference, const texts &codes) {
+void expect_answers(const texts &record, const texts &reference, const std::string &codes) {
   ASSERT_EQ(record.size(), reference.size());
-  size_t failed = 0;
+  EXPECT_NE(record, reference);
   for (size_t i = 0; i < record.size(); ++i) {
     if (record[i] == reference[i]) continue;
-    ++failed;
-    EXPECT_TRUE(record[i].starts_with("= ") &&
-                std::ranges::any_of(
-                    codes, [&](auto &code) { return record[i].find(code) != std::string::npos; }))
-        << record[i] << "\ninstead of\n"
-        << reference[i];
+    const bool first = record[i].find(codes.substr(0, 10)) != std::string::npos;
+    const bool last = record[i].find(codes.substr(codes.size() - 10)) != std::string::npos;
+    EXPECT_TRUE(first || last) << record[i] << "\ninstead of\n" << reference[i];
   }
-  EXPECT_GT(failed, 0u);
 }
 
 // The messages of the calls that failed, each as often as it should be.
@@ -384,7 +359,7 @@ void expect_messages(texts told) {
   for (const std::string &call : w.failed) {
     const row *r = row_of(call);
     ASSERT_NE(r, nullptr) << call;
-    expected.insert(expected.end(), r->told.begin(), r->told.end());
+    std::ranges::copy(lines_of(r->told), std::back_inserter(expected));
   }
   // A lock that could not be released is met again by whoever wants it next.
   if (w.failed[0].starts_with("pthread_mutex_unlock"))
@@ -404,8 +379,8 @@ void inject(const fault &f, const outcome &reference) {
   if (code != TARVO_ND_OK) {
     const row *r = row_of(w.failed.at(0));
     ASSERT_TRUE(r != nullptr && r->does == kNoStart) << w.failed[0];
-    EXPECT_EQ(hex(code), r->codes[0]);
-    EXPECT_EQ(w.take(), r->told) << "and no table is registered";
+    EXPECT_EQ(hex(code), r->code);
+    EXPECT_EQ(w.take(), texts{r->told}) << "and no table is registered";
     return;
   }
   agent a;
@@ -414,7 +389,7 @@ void inject(const fault &f, const outcome &reference) {
   ASSERT_FALSE(w.failed.empty());
   expect_messages(a.messages);
   const row &r = *row_of(w.failed.back());
-  if (r.does == kAnswer) expect_answers(result.before, reference.before, r.codes);
+  if (r.does == kAnswer) expect_answers(result.before, reference.before, r.code);
   EXPECT_TRUE(r.does != kNone || result.before == reference.before);
   EXPECT_NE(r.does, kDeath);
   EXPECT_NE(r.does, kNoStart);
@@ -424,7 +399,7 @@ void inject(const fault &f, const outcome &reference) {
 void expect_harmless(const fault &f, const outcome &reference) {
   const ended child = in_child([&] { inject(f, reference); });
   const auto dies = [&](const row &r) {
-    return r.does == kDeath && child.output == r.told[0] &&
+    return r.does == kDeath && child.output == r.told &&
            f.operation == std::string(r.call).substr(0, f.operation.size());
   };
   if (WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT &&
@@ -453,8 +428,7 @@ TEST(Faults, EachFailureIsToldAndSurvived) {
     for (const std::string &line : result.after) printf("> %s\n", line.c_str());
   });
   ASSERT_EQ(child.status, 0) << child.output;
-  std::istringstream lines(child.output);
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string &line : lines_of(child.output)) {
     if (line[0] == '<' || line[0] == '>') {
       (line[0] == '<' ? reference.before : reference.after).push_back(line.substr(2));
     } else {

@@ -65,8 +65,8 @@ void model::tell(uint32_t id, const char *event, uint32_t host, const std::strin
 }
 
 void model::tell_group(const std::string &name, bool add, uint32_t host) {
-  const auto group = clients_.find(name);
-  if (group == clients_.end()) return;
+  const auto group = held.clients.find(name);
+  if (group == held.clients.end()) return;
   for (const uint32_t id : group->second)
     tell(id, add ? "ADD" : "REMOVE", host, held.hops[host].route);
 }
@@ -217,12 +217,12 @@ void model::replay(uint32_t id, const std::string &name) {
 
 size_t model::clients() const {
   size_t count = 0;
-  for (const auto &[name, group] : clients_) count += group.size();
+  for (const auto &[name, group] : held.clients) count += group.size();
   return count;
 }
 
 void model::add_client(const request &r) {
-  clients_[r.name].push_back(r.id);
+  held.clients[r.name].push_back(r.id);
   if (held.active) {
     replay(r.id, r.name);
   } else {
@@ -234,14 +234,14 @@ void model::add_client(const request &r) {
 }
 
 void model::remove_client(uint32_t id) {
-  for (auto &[name, group] : clients_) {
+  for (auto &[name, group] : held.clients) {
     const auto found = std::ranges::find(group, id);
     if (found == group.end()) continue;
     group.erase(found);
-    if (group.empty()) clients_.erase(name);
+    if (group.empty()) held.clients.erase(name);
     break;
   }
-  if (held.active && clients_.empty()) deactivate();
+  if (held.active && held.clients.empty()) deactivate();
 }
 
 void model::deactivate() {
@@ -272,8 +272,8 @@ void model::step() {
     case request::table:
       return r.add ? add_table(r) : delete_table(r.id);
     case request::resend: {
-      const auto group = clients_.find(r.name);
-      if (group == clients_.end() || std::ranges::count(group->second, r.id) == 0) return;
+      const auto group = held.clients.find(r.name);
+      if (group == held.clients.end() || std::ranges::count(group->second, r.id) == 0) return;
       replay(r.id, r.name);
       did.push_back("tell " + text_of(r.id) + " RESEND_END");
       return;

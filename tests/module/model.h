@@ -57,7 +57,6 @@ class model {
   int timer_ = 0;  // 7 refresh, 8 clear, 0 none
   bool limit_logged_ = false;
   std::set<uint32_t> redistributed_;
-  std::map<std::string, std::vector<uint32_t>> clients_;  // "" first: the all-VPN clients
 
   uint32_t clear_phase() const { return interval_ > 28 ? 29 : interval_ / 2; }
   void start(int which);

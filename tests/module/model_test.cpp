@@ -236,19 +236,7 @@ class pair_of {
     if (seen != expected) {
       EXPECT_EQ(seen, expected);
     }
-    agree_in_memory();
-  }
-
-  // What no query shows: nothing is kept that is not in the database or the queue.
-  void agree_in_memory() {
-    std::map<std::string, uint64_t> expected = {{"PE Discovery workQ Chunk", model_.queue.size()}};
-    if (model_.held.active) {
-      expected["PE Discovery NHop Chunk"] = model_.held.hops.size();
-      uint64_t &references = expected["PE Discovery Table ID Chunk"];
-      for (const auto &[host, hop] : model_.held.hops) references += hop.tables.size();
-    }
-    EXPECT_EQ(pools(), expected);
-    EXPECT_EQ(nhop_count(), static_cast<int>(model_.held.hops.size()));
+    expect_nothing_else_is_kept(model_.held, model_.queue.size());
   }
 };
 

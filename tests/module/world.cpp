@@ -98,8 +98,11 @@ void tell(uint32_t client_id, uint32_t event, const void *data) {
 
 uint32_t world::start() { return tarvo_nd_init(this); }
 
-std::map<std::string, uint64_t> pools() {
+static std::map<void *, std::string> &named_memory = *new std::map<void *, std::string>;
+
+std::map<std::string, uint64_t> in_use() {
   std::map<std::string, uint64_t> found;
+  for (const auto &[memory, name] : named_memory) ++found[name];
   chunk_walk_pools(
       [](const chunk_info_t *info, void *arg) {
         (*static_cast<std::map<std::string, uint64_t> *>(arg))[info->name] += info->in_use;
@@ -380,8 +383,6 @@ WRAPPED(void *, chunk_create, n,
          unsigned long y),
         (known(n, {s, c, f + x + y}), s, c, f, x, y), nullptr)
 WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), (pool), nullptr)
-WRAPPED(void *, calloc_named, name, (size_t n, size_t s, const char *name),
-        (n, s, known(name, {s, n})), nullptr)
 WRAPPED(void *, avl_insert, root_name(root), (void *root, void *node, tree_cmp c), (root, node, c),
         nullptr)
 WRAPPED(void *, wavl_insert_thread, tree_name(t), (wavl_tree_t * t, unsigned long n, void *node),
@@ -389,6 +390,24 @@ WRAPPED(void *, wavl_insert_thread, tree_name(t), (wavl_tree_t * t, unsigned lon
 WRAPPED(int, sigemptyset, "", (sigset_t * s), (s), 1)
 WRAPPED(int, sigaddset, n == SIGRTMIN + 6 ? "6" : "10", (sigset_t * s, int n), (s, n), 1)
 WRAPPED(int, pthread_sigmask, "", (int how, const sigset_t *s, sigset_t *o), (how, s, o), 1)
+
+extern "C" void *__real_calloc_named(size_t, size_t, const char *);
+extern "C" void *__wrap_calloc_named(size_t n, size_t size, const char *name) {
+  if (w.failing("calloc_named", name)) return nullptr;
+  void *memory = __real_calloc_named(n, size, known(name, {size, n}));
+  std::lock_guard hold(w.guard);
+  named_memory[memory] = name;
+  return memory;
+}
+
+extern "C" void __real_free(void *);
+extern "C" void __wrap_free(void *memory) {
+  {
+    std::lock_guard hold(w.guard);
+    named_memory.erase(memory);
+  }
+  __real_free(memory);
+}
 
 extern "C" int __real_pthread_cond_signal(pthread_cond_t *);
 extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {

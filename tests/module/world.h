@@ -80,8 +80,8 @@ struct world {
 /// Each test runs in a process of its own, and this is its world.
 extern world &w;
 
-/// Elements in use by pool; a pool that is gone is missing.
-std::map<std::string, uint64_t> pools();
+/// Elements in use by pool, and pieces of named memory by name; a pool that is gone is missing.
+std::map<std::string, uint64_t> in_use();
 
 /// Next hops in the database's own count.
 int32_t nhop_count();
