@@ -74,52 +74,9 @@ TEST(Queries, RefuseNull) {
     EXPECT_EQ(tarvo_nd_next_nhop_by_tableid(7, 0, nullptr), TARVO_ND_ERR_INVALID_ARG);
     EXPECT_EQ(tarvo_nd_first_tableid(0, nullptr), TARVO_ND_ERR_INVALID_ARG);
   }
-  EXPECT_EQ(memcmp(&out, &untouched, sizeof out), 0);
-
-  w.table(3, "three");
-  for (const char *address : {"10.0.0.10", "10.0.0.2", "9.255.255.255"}) w.report(3, address);
-  w.report(7, "10.0.0.10");
-  const struct {
-    const char *what;
-    uint32_t table;
-    const char *after, *found;
-  } kWalks[] = {
-      {"numeric order, not text order", 0, nullptr, "9.255.255.255"},
-      {"from an address not present", 0, "10.0.0.3", "10.0.0.10"},
-      {"skips hops outside the table", 7, "9.255.255.255", "10.0.0.10"},
-      {"first of a table", 7, nullptr, "10.0.0.10"},
-      {"end of the walk", 0, "10.0.0.10", nullptr},
-  };
-  for (const auto &walk : kWalks) {
-    const uint32_t result = walk.after == nullptr
-                                ? tarvo_nd_first_nhop_by_tableid(walk.table, &out)
-                                : tarvo_nd_next_nhop_by_tableid(walk.table, addr(walk.after), &out);
-    ASSERT_EQ(result, walk.found == nullptr ? TARVO_ND_ERR_NOT_FOUND : TARVO_ND_OK) << walk.what;
-    EXPECT_TRUE(walk.found == nullptr || dotted(out.info.nhop_addr) == walk.found) << walk.what;
-  }
-  EXPECT_EQ(tarvo_nd_first_nhop_by_tableid(0, &out), TARVO_ND_OK);
-  EXPECT_EQ(out.flags, 0u);
-  EXPECT_EQ(out.info.prefix, 0u);
-  EXPECT_EQ(tarvo_nd_lookup_nhop_by_tableid(7, addr("10.0.0.2"), &out), TARVO_ND_ERR_NOT_FOUND);
-  EXPECT_EQ(tarvo_nd_lookup_nhop_by_tableid(3, addr("10.0.0.2"), &out), TARVO_ND_OK);
-  EXPECT_EQ(out.flags, TARVO_ND_NHOP_REACHABLE);
-  EXPECT_EQ(dotted(out.info.prefix), "10.0.0.0");
-  EXPECT_EQ(memcmp(&out.tables, &untouched.tables, sizeof out.tables), 0);
-  EXPECT_EQ(memcmp(&out.node, &untouched.node, sizeof out.node), 0);
-
-  tarvo_nd_vrf_name_copy_t name = {};
-  EXPECT_EQ(tarvo_nd_first_tableid(addr("10.0.0.10"), &ref), TARVO_ND_OK) << "no name wanted";
-  EXPECT_EQ(tarvo_nd_first_tableid(addr("10.0.0.10"), &ref, &name), TARVO_ND_OK);
-  EXPECT_EQ(ref.table_id, 3u);
-  EXPECT_STREQ(name.name, "three");
-  for (const uint32_t after : {3, 5}) {
-    EXPECT_EQ(tarvo_nd_next_tableid(addr("10.0.0.10"), after, &ref, &name), TARVO_ND_OK);
-    EXPECT_EQ(ref.table_id, 7u);
-    EXPECT_EQ(ref.ref_count, 1u);
-    EXPECT_FALSE(name.known);
-  }
-  EXPECT_EQ(tarvo_nd_next_tableid(addr("10.0.0.10"), 7, &ref), TARVO_ND_ERR_NOT_FOUND);
-=======
+  w.report(7, "10.0.0.1");
+  tarvo_nd_nhop_table_t ref = {};
+  EXPECT_EQ(tarvo_nd_first_tableid(addr("10.0.0.1"), &ref), TARVO_ND_OK) << "no name wanted";
 }
 
 TEST(Queries, TakeTheLockOnceUnderTheirName) {
