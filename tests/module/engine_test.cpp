@@ -30,43 +30,6 @@ TEST(StartUp, RegistersTheTablesLastAndStartsNoTimer) {
     EXPECT_EQ(sigismember(&blocked, signal), signal == SIGRTMIN + 6 || signal == SIGRTMIN + 10);
 }
 
-TEST(StartUp, EachFailureHasItsCodeAndTraceAndRegistersNothing) {
-  const struct {
-    const char *operation;
-    int nth;
-    uint32_t code;
-    const char *told;
-  } kSteps[] = {
-      {"chunk_create", 1, 0xc4a30200, "log 4 ERR_MEM During mallocing workQ Chunk"},
-      {"attach", 1, 0xc4a3140b, "lstrace 1 attach timer handler 11"},
-      {"sigevent", 1, 0xc4a3140b, "lstrace 1 define timer event 11"},
-      {"timer_tree", 1, 0xc4a31600, "lstrace 1 create timer tree 11"},
-      {"timer_leaf", 1, 0xc4a31600, "lstrace 1 create refresh timer leaf 11"},
-      {"timer_leaf", 2, 0xc4a31600, "lstrace 1 create clear timer leaf 11"},
-      {"pthread_create", 1, 0xc4a31a0b, "lstrace 1 create PE discovery thread 11"},
-  };
-  for (const auto &step : kSteps) {
-    w.fail_next(step.operation, step.nth);
-    EXPECT_EQ(w.start(), step.code) << step.told;
-    EXPECT_EQ(w.take(), texts{step.told});
-  }
-}
-
-TEST(StartUpDeath, SignalCallsAreAsserted) {
-  const struct {
-    const char *operation;
-    int nth;
-    const char *told;
-  } kCalls[] = {{"sigemptyset", 1, "os/pthread: 488 rc == 0 -- assertion failed\n"},
-                {"sigaddset", 1, "os/pthread: 490 rc == 0 -- assertion failed\n"},
-                {"sigaddset", 2, "os/pthread: 494 rc ==0 -- assertion failed\n"},
-                {"pthread_sigmask", 1, "os/pthread: 496 rc == 0 -- assertion failed\n"}};
-  for (const auto &call : kCalls) {
-    w.fail_next(call.operation, call.nth);
-    EXPECT_EXIT(w.start(), testing::KilledBySignal(SIGABRT), call.told);
-  }
-}
-
 // ------------------------------------ guarded discipline ------------------------------------
 
 static void lock(guarded_mutex_t *m) TARVO_NO_THREAD_SAFETY_ANALYSIS {
@@ -238,44 +201,6 @@ TEST(Queue, RefusalsAndFailures) {
   EXPECT_EQ(tarvo_pe_discovery_resend(1, "A"), TARVO_ND_ERR_NOMEM);
   EXPECT_EQ(tarvo_nd_enqueue_rib_restart(), 0);
   EXPECT_EQ(w.take(), texts(4, "log 4 ERR_MEM During mallocing route update information"));
-
-  w.fail = {{"pthread_cond_signal", 1}};
-  w.error = 22;
-  EXPECT_EQ(tarvo_pe_discovery_register(1, nullptr, tell), TARVO_ND_OK);
-  EXPECT_EQ(w.take(), texts{"log 5 INTERNAL Failed to awake a thread waiting for workQ:22:"
-                            "Invalid argument"});
-  w.fail = {{"pthread_cond_wait", 1}};
-  w.run();  // the one request that was queued, and then the failing wait
-  EXPECT_EQ(w.take(), (texts{"start refresh 271", "tell 1 END",
-                             "log 5 INTERNAL Cannot wait for nd req, error:22:Invalid argument"}));
-}
-
-TEST(Queue, PurgeRemovesOneTablesReportsAndKeepsTheOrderOfTheRest) {
-  w.start();
-  unsigned seed = 1;
-  for (int round = 0; round < 300; ++round) {
-    std::vector<std::pair<uint32_t, uint32_t>> kept;  // type, table
-    const int length = round < 20 ? round % 5 : rand_r(&seed) % 12;
-    for (int i = 0; i < length; ++i) {
-      tarvo_nd_work_req_t request = {};
-      request.type = 1 + rand_r(&seed) % 10;
-      request.nhop.table_id = rand_r(&seed) % 3;
-      request.nhop.nhop_addr = i;
-      tarvo_nd_work_enqueue(&request);
-      if (request.type > 2 || request.nhop.table_id != 1) kept.emplace_back(request.type, i);
-    }
-    guarded_mutex_lock(&tarvo_nd_mutex, "", 1);
-    tarvo_nd_del_nhop_update_from_work_req(1);
-    guarded_mutex_unlock(&tarvo_nd_mutex);
-    for (const auto &[type, serial] : kept) {
-      tarvo_nd_work_req_t request;
-      ASSERT_TRUE(tarvo_nd_work_dequeue(&request, "test"));
-      EXPECT_EQ(request.type, type);
-      EXPECT_EQ(request.nhop.nhop_addr, serial);
-    }
-    tarvo_nd_work_req_t request;
-    ASSERT_FALSE(tarvo_nd_work_dequeue(&request, "test"));
-  }
 }
 
 // A request is zero but for its type and what the type uses, so a reader of any body is safe.
@@ -391,29 +316,6 @@ TEST(Messages, CatalogueIsAsTabled) {
 
 // ------------------------------------------- timers -------------------------------------------
 
-TEST(Timers, IntervalDividesIntoPhases) {
-  const struct {
-    uint32_t interval, refresh, clear;
-  } kRows[] = {{0, 1, 0},    {1, 1, 0},      {2, 1, 1},
-               {28, 14, 14}, {29, 0, 29},    {57, 28, 29},
-               {58, 29, 29}, {300, 271, 29}, {0xffffffff, 0xffffffff - 29, 29}};
-  w.start();
-  w.client(1);
-  for (const auto &row : kRows) {
-    w.take();
-    tarvo_nd_set_rib_refresh_interval(row.interval);
-    const std::string refresh = "start refresh " + std::to_string(row.refresh);
-    EXPECT_EQ(w.take().back(), refresh) << row.interval;
-    EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(),
-              static_cast<int32_t>(row.refresh + row.clear));
-    if (row.interval > 1000) continue;
-    w.pass(row.refresh);
-    texts expected = {"stop refresh", "start clear " + std::to_string(row.clear)};
-    if (row.clear == 0) expected.insert(expected.end(), {"stop clear", refresh});
-    EXPECT_EQ(w.take(), expected) << row.interval;
-  }
-}
-
 TEST(Timers, CycleKeepsItsLengthAndLeavesSurviveAFailedEnqueue) {
   w.start();
   w.table(7, "A");
@@ -434,31 +336,6 @@ TEST(Timers, CycleKeepsItsLengthAndLeavesSurviveAFailedEnqueue) {
                    "13/1 DISC: Clear interval expired"}));
   w.pass(280.5);
   EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(), 19);  // 19.5 s of the clear phase
-}
-
-TEST(Timers, RestartAndSetterMoveThePhases) {
-  w.start();
-  w.table(7, "A");
-  w.refused = {7};
-  tarvo_nd_set_rib_refresh_interval(60);  // inactive: kept
-  w.client(1);
-  EXPECT_EQ(w.take().back(), "tell 1 END");
-  w.refused.clear();
-  tarvo_nd_enqueue_rib_restart();
-  w.run();
-  EXPECT_EQ(w.take(), (texts{"stop refresh", "rib on 7", "start clear 29"}));
-  tarvo_nd_set_rib_refresh_interval(20);
-  EXPECT_EQ(w.take(), (texts{"stop clear", "start refresh 10"}));
-  w.pass(10);
-  EXPECT_EQ(w.take(), (texts{"stop refresh", "start clear 10", "rib reset 7"}));
-  w.refused = {7};
-  tarvo_nd_enqueue_rib_restart();  // clears the flag even when the RIB then refuses
-  w.run();
-  w.pass(10);  // clear phase
-  w.take();
-  w.refused.clear();
-  w.pass(10);
-  EXPECT_EQ(w.take(), (texts{"stop refresh", "start clear 10", "rib on 7"}));
 }
 
 // Between a test of the flag without the lock and the work under it, anything may happen.

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "db/nhop_table.h"
+#include "db/vrf_table.h"
 #include "engine/shared_words.h"
 #include "engine/state.h"
 #include "engine/timers.h"
@@ -43,27 +44,39 @@ std::string dotted(uint32_t address) {
   return inet_ntop(AF_INET, &address, buffer, sizeof buffer);
 }
 
-void world::note(const std::string &text) {
+void world::note(std::string text) {
   std::lock_guard hold(guard);
-  did.push_back(text);
+  did.push_back(std::move(text));
 }
 
-bool world::failing(const std::string &operation) {
+bool world::failing(const char *operation, const char *object) {
+  if (fail.empty() && !counting) return false;
+  const std::string call = operation + std::string(*object == '\0' ? "" : " ") + object;
+  if (counting) ++calls[call];
   const auto found = fail.find(operation);
   if (found == fail.end()) return false;
-  const int call = ++calls_[operation];
-  return for_good ? call >= found->second : call == found->second;
+  const int nth = ++nth_[operation];
+  if (for_good ? nth < found->second : nth != found->second) return false;
+  failed.push_back(call);
+  return true;
 }
 
 void world::fail_next(const std::string &operation, int nth, int with) {
-  calls_.clear();
+  nth_.clear();
+  failed.clear();
   fail = {{operation, nth}};
   error = with;
 }
 
 // What the module must not do is noted, so that it spoils every expectation.
-static void require(bool holds, const std::string &what) {
-  if (!holds) w.note("wrong: " + what);
+static void require(bool holds, const char *what) {
+  if (!holds) w.note(std::string("wrong: ") + what);
+}
+
+// Once locking or unlocking itself failed, nobody can hold a lock as he should.
+static bool locks_failed() {
+  return !w.failed.empty() && (w.failed.back().starts_with("pthread_mutex_lock") ||
+                               w.failed.back().starts_with("pthread_mutex_unlock"));
 }
 
 std::vector<std::string> world::take() {
@@ -80,13 +93,16 @@ void tell(uint32_t client_id, uint32_t event, const void *data) {
     text += " " + dotted(info->nhop_addr) + " " + dotted(info->prefix) + "/" +
             std::to_string(info->prefix_len);
   }
-  w.note(text);
+  w.note(std::move(text));
 }
 
 uint32_t world::start() { return tarvo_nd_init(this); }
 
-std::map<std::string, uint64_t> pools() {
+static std::map<void *, std::string> &named_memory = *new std::map<void *, std::string>;
+
+std::map<std::string, uint64_t> in_use() {
   std::map<std::string, uint64_t> found;
+  for (const auto &[memory, name] : named_memory) ++found[name];
   chunk_walk_pools(
       [](const chunk_info_t *info, void *arg) {
         (*static_cast<std::map<std::string, uint64_t> *>(arg))[info->name] += info->in_use;
@@ -100,8 +116,14 @@ int32_t nhop_count() TARVO_NO_THREAD_SAFETY_ANALYSIS { return tarvo_nd_nhop_coun
 
 static bool idle;
 
+bool world::step() {
+  idle = false;
+  tarvo_nd_work_round();
+  return !idle;
+}
+
 void world::run() {
-  for (idle = false; !idle;) tarvo_nd_work_round();
+  while (step()) continue;
 }
 
 void world::client(uint32_t id, const char *vrf) {
@@ -140,11 +162,14 @@ int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
 int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
   w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
          (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
-  return w.refused.count(table_id) != 0 ? -1 : 0;
+  if (w.refused.count(table_id) != 0) return -1;
+  if (on != 0 && w.asked) w.asked(table_id);
+  return 0;
 }
 
 int tarvo_rib_ipv4_redist_reset(uint32_t table_id) {
   w.note("rib reset " + std::to_string(table_id));
+  if (w.asked) w.asked(table_id);
   return -1;  // not looked at
 }
 
@@ -157,6 +182,7 @@ void tarvo_sa_lstrace(uint64_t mask, uint64_t id, const char *text, uint32_t cod
 }
 
 void tarvo_sa_debug(uint32_t category, uint32_t level, const char *text, ...) {
+  if (!w.tracing) return;
   va_list arguments;
   va_start(arguments, text);
   std::lock_guard hold(w.guard);
@@ -220,14 +246,15 @@ void *mgd_timer_tree_new(sigevent *event, int) {
 
 void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
   errno = w.error;
-  if (w.failing("timer_leaf")) return nullptr;
+  if (w.failing("timer_leaf", type == 7 ? "refresh" : "clear")) return nullptr;
   leaves.push_back({type, false, 0});
   return &leaves.back();
 }
 
 void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
   std::lock_guard hold(timers);
-  require(tarvo_nd_mutex.mutex.__data.__owner != 0, "a timer is started without the lock");
+  require(tarvo_nd_mutex.mutex.__data.__owner != 0 || locks_failed(),
+          "a timer is started without the lock");
   for (const mgd_timer_leaf &other : leaves)
     require(!other.running || &other == leaf, "two timers run");
   leaf->running = true;
@@ -320,10 +347,10 @@ void ptd_set_syscall_unblock() {
 
 // ------------ real services: the linker leads through here, so that they can fail ------------
 
-#define WRAPPED(result, name, parameters, arguments, failed)    \
-  extern "C" result __real_##name parameters;                   \
-  extern "C" result __wrap_##name parameters {                  \
-    return w.failing(#name) ? failed : __real_##name arguments; \
+#define WRAPPED(result, name, object, parameters, arguments, failed)    \
+  extern "C" result __real_##name parameters;                           \
+  extern "C" result __wrap_##name parameters {                          \
+    return w.failing(#name, object) ? failed : __real_##name arguments; \
   }
 
 // Named memory with the sizes it may be asked for.
@@ -334,29 +361,59 @@ static const char *known(const char *name, std::initializer_list<unsigned long> 
       "PE Discovery workQ Chunk 280 100 513",   "PE Discovery NHop Chunk 136 100 769",
       "PE Discovery Table ID Chunk 32 250 769", "TARVO DISC Client Entry 24 1",
       "TARVO DISC Client Info 296 1",           "TARVO DISC VRF Info 280 1"};
-  require(kRequests.count(request) != 0, request);
+  require(kRequests.count(request) != 0, request.c_str());
   return name;
 }
 
-WRAPPED(void *, chunk_create,
+static const char *pool_name(const void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  if (pool == tarvo_nd_nhop_chunk) return "PE Discovery NHop Chunk";
+  return pool == tarvo_nd_table_chunk ? "PE Discovery Table ID Chunk" : "PE Discovery workQ Chunk";
+}
+
+static const char *tree_name(const void *tree) {
+  return tree == &tarvo_nd_nhop_tree ? "next hops" : "references";
+}
+
+static const char *root_name(const void *root) TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  return root == &tarvo_nd_vrf_tree ? "VRFs" : "client groups";
+}
+
+WRAPPED(void *, chunk_create, n,
         (const char *n, unsigned long s, unsigned long c, unsigned long f, unsigned long x,
          unsigned long y),
         (known(n, {s, c, f + x + y}), s, c, f, x, y), nullptr)
-WRAPPED(void *, chunk_malloc, (void *pool), (pool), nullptr)
-WRAPPED(void *, calloc_named, (size_t n, size_t s, const char *name), (n, s, known(name, {s, n})),
+WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), (pool), nullptr)
+WRAPPED(void *, avl_insert, root_name(root), (void *root, void *node, tree_cmp c), (root, node, c),
         nullptr)
-WRAPPED(void *, avl_insert, (void *root, void *node, tree_cmp c), (root, node, c), nullptr)
-WRAPPED(void *, wavl_insert_thread, (wavl_tree_t * t, unsigned long n, void *node), (t, n, node),
-        nullptr)
-WRAPPED(int, sigemptyset, (sigset_t * s), (s), 1)
-WRAPPED(int, sigaddset, (sigset_t * s, int n), (s, n), 1)
-WRAPPED(int, pthread_sigmask, (int how, const sigset_t *s, sigset_t *o), (how, s, o), 1)
+WRAPPED(void *, wavl_insert_thread, tree_name(t), (wavl_tree_t * t, unsigned long n, void *node),
+        (t, n, node), nullptr)
+WRAPPED(int, sigemptyset, "", (sigset_t * s), (s), 1)
+WRAPPED(int, sigaddset, n == SIGRTMIN + 6 ? "6" : "10", (sigset_t * s, int n), (s, n), 1)
+WRAPPED(int, pthread_sigmask, "", (int how, const sigset_t *s, sigset_t *o), (how, s, o), 1)
+
+extern "C" void *__real_calloc_named(size_t, size_t, const char *);
+extern "C" void *__wrap_calloc_named(size_t n, size_t size, const char *name) {
+  if (w.failing("calloc_named", name)) return nullptr;
+  void *memory = __real_calloc_named(n, size, known(name, {size, n}));
+  std::lock_guard hold(w.guard);
+  named_memory[memory] = name;
+  return memory;
+}
+
+extern "C" void __real_free(void *);
+extern "C" void __wrap_free(void *memory) {
+  {
+    std::lock_guard hold(w.guard);
+    named_memory.erase(memory);
+  }
+  __real_free(memory);
+}
 
 extern "C" int __real_pthread_cond_signal(pthread_cond_t *);
 extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
   const bool revival = cond == &tarvo_nd_mutex.revival_cond;
   require(!revival || tarvo_nd_mutex.revival_pending != 0, "a revival is over before its signal");
-  require(w.threaded || revival || tarvo_nd_workq_mutex.mutex.__data.__owner == 0,
+  require(w.threaded || revival || tarvo_nd_workq_mutex.mutex.__data.__owner == 0 || locks_failed(),
           "the worker is woken under the lock");
   return w.failing("pthread_cond_signal") ? w.error : __real_pthread_cond_signal(cond);
 }
@@ -371,7 +428,7 @@ extern "C" int __wrap_rmx_wait_on_revival_condvar(void *lock) {
 static bool fails(const char *operation, const pthread_mutex_t *mutex) {
   const bool ours = mutex == &tarvo_nd_mutex.mutex || mutex == &tarvo_nd_mutex.revival_mutex ||
                     mutex == &tarvo_nd_workq_mutex.mutex;
-  return ours && w.failing(operation);
+  return ours && w.failing(operation, mutex == &tarvo_nd_workq_mutex.mutex ? "workQ" : "nd");
 }
 
 // The next-hop tree lives from its initialisation to its finish; nobody looks at it in between.
@@ -384,7 +441,7 @@ static void check_lives(wavl_tree_t *tree) {
 extern "C" int __real_wavl_init(wavl_tree_t *, unsigned long, unsigned long, tree_cmp);
 extern "C" int __wrap_wavl_init(wavl_tree_t *tree, unsigned long threads, unsigned long zero,
                                 tree_cmp cmp) {
-  if (w.failing("wavl_init")) return 12;
+  if (w.failing("wavl_init", tree_name(tree))) return 12;
   require(tree != &tarvo_nd_nhop_tree || !tree_lives.exchange(true), "a live tree is initialised");
   return __real_wavl_init(tree, threads, zero, cmp);
 }
@@ -407,7 +464,8 @@ WRAPPED_TREE(wavl_get_next, (wavl_tree_t * tree, const void *key, unsigned long 
 
 // The store and the encoder: never under the nd mutex, all that they do is noted.
 static void outside(const std::string &text) {
-  require(tarvo_nd_mutex.mutex.__data.__owner != gettid(), "the store is called under the lock");
+  require(tarvo_nd_mutex.mutex.__data.__owner != gettid() || locks_failed(),
+          "the store is called under the lock");
   w.note(text);
 }
 

@@ -23,17 +23,25 @@ struct world {
   /// "rib on 7", "start refresh 271", "log 4 ERR_MEM During mallocing ...".
   std::vector<std::string> did;
   std::vector<std::string> traces;  ///< debug traces
-  std::vector<std::string> waits;   ///< announcements of the worker's wait, and its name
+  bool tracing = true;
+  std::vector<std::string> waits;  ///< announcements of the worker's wait, and its name
 
-  /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch on.
+  /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch.
   std::set<std::string> routes;
   std::set<uint32_t> refused;
+  /// What the RIB does when asked for the routes of a table; it may queue reports.
+  std::function<void(uint32_t table_id)> asked;
 
   /// The n-th call of an operation fails (for thread calls: with `error`), and so do later ones
   /// when `for_good`. Operations: "chunk_malloc", "pthread_cond_signal", "timer_leaf", ...
-  std::map<std::string, int> fail;
+  std::map<std::string, int, std::less<>> fail;
   bool for_good = false;
   int error = 11;
+  std::vector<std::string>
+      failed;  ///< the calls that failed: "chunk_malloc PE Discovery NHop Chunk"
+  /// While `counting`, how often each call was made that can fail.
+  std::map<std::string, int> calls;
+  bool counting = false;
   bool pass_revival_wait = false;  ///< a wait for a revival returns 0 at once
 
   /// Runs once, just before the nd mutex is tried next.
@@ -46,6 +54,8 @@ struct world {
 
   uint32_t start();  ///< tarvo_nd_init
   void run();
+  /// One request. False when there was none, and the worker would wait.
+  bool step();
   /// Lets fake time pass, handling expiries when they are due, and runs the worker after each.
   void pass(double seconds);
   void advance(int64_t seconds) { now += seconds * 1000000000; }
@@ -57,20 +67,21 @@ struct world {
   void report(uint32_t table, const char *address, bool add = true);
   void table(uint32_t id, const char *name, bool add = true);
 
-  bool failing(const std::string &operation);
+  /// Whether this call of an operation, on an object of that name, is to fail.
+  bool failing(const char *operation, const char *object = "");
   /// Makes the n-th call from now fail; none for an empty name.
   void fail_next(const std::string &operation, int nth = 1, int with = 11);
-  void note(const std::string &text);
+  void note(std::string text);
 
  private:
-  std::map<std::string, int> calls_;
+  std::map<std::string, int> nth_;
 };
 
 /// Each test runs in a process of its own, and this is its world.
 extern world &w;
 
-/// Elements in use by pool; a pool that is gone is missing.
-std::map<std::string, uint64_t> pools();
+/// Elements in use by pool, and pieces of named memory by name; a pool that is gone is missing.
+std::map<std::string, uint64_t> in_use();
 
 /// Next hops in the database's own count.
 int32_t nhop_count();
