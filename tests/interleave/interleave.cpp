@@ -190,7 +190,8 @@ static std::vector<scenario> all_scenarios() {
     for (const auto &reader : kReaders) add(reader.name, {reader.read});
     add("setter", {set_short});
     add("setter and expiry", {set_short, expire_twice}, true);
-    add("shortest, expiry and remaining", {set_shortest, expire, kReaders[8].read}, true);
+    add("shortest and expiry", {set_shortest, expire}, true);
+    add("remaining and expiry", {kReaders[8].read, expire}, true);
   }
   const auto nd_dies = dies_with(&tarvo_nd_mutex), workq_dies = dies_with(&tarvo_nd_workq_mutex);
   const auto look = [] { look_up(); };
@@ -215,8 +216,7 @@ static std::vector<scenario> all_scenarios() {
        ended(true, -1, 1)},
       {"reports as their table leaves",
        {},
-       {worker,
-        [] { table(7, 0); },
+       {worker, [] { table(7, 0); },
         [] {
           report(7, kHop1, 0);
           report(7, kHop2, 0);

@@ -88,8 +88,8 @@ static int choose(const int *candidates, int count, int gratis) {
   int taken = 0;
   if (mode == kAgain) {
     const char next = schedule.size() < wanted.size() ? wanted[schedule.size()] : '?';
-    taken = std::max<int>(0, static_cast<int>(std::find(candidates, candidates + count, next - '0') -
-                                              candidates));
+    taken = std::max<int>(
+        0, static_cast<int>(std::find(candidates, candidates + count, next - '0') - candidates));
     if (taken == count) taken = 0;
   } else if (mode == kRandom) {
     const bool stay = gratis != 0 && random_numbers() % reluctance != 0;
@@ -299,7 +299,7 @@ static int take(modelled &m) {
 
 static void release(modelled &m) {
   require(!m.inconsistent, "a lock is released before it is sound");
-  if (m.mutex != &tarvo_nd_workq_mutex.mutex) check_timers();
+  if (m.mutex == &tarvo_nd_mutex.mutex) check_timers();
   m.owner = kNobody;
 }
 
@@ -348,6 +348,7 @@ extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *m
 
 extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
   point("signal");
+  if (cond == &tarvo_nd_mutex.revival_cond) check_timers();
   for (fiber &f : fibers) {
     if (f.waits != cond) continue;
     f.waits = nullptr;

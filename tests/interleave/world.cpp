@@ -57,7 +57,8 @@ static void give_back(void *at, const void *pool) {
 static void release_freed() {
   for (const block &b : freed) {
     unpoison(b.at, b.size);
-    for (size_t i = 0; i < b.size; ++i) require(b.at[i] == '\xdd', "freed memory is written");
+    require(b.at[0] == '\xdd' && memcmp(b.at, b.at + 1, b.size - 1) == 0,
+            "freed memory is written");
     free(b.at);
   }
   freed.clear();
@@ -156,9 +157,8 @@ extern "C" int32_t __real__Z18tarvo_nd_is_activev();
 
 void check_timers() {
   const bool active = __real__Z18tarvo_nd_is_activev() != 0;
-  require(leaves[0].runs + leaves[1].runs == active, active
-                                                         ? "no timer runs while discovery is active"
-                                                         : "a timer runs while it is inactive");
+  require(leaves[0].runs + leaves[1].runs == active,
+          active ? "no timer runs while discovery is active" : "a timer runs while it is inactive");
 }
 
 // ------------------------------------------- Words -------------------------------------------
