@@ -1,5 +1,3 @@
-#include "tests/interleave/scheduler.h"
-
 #include <pthread.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -10,9 +8,8 @@
 #include <cstdio>
 #include <random>
 
-#include "engine/state.h"
 #include "engine/worker.h"
-#include "tests/interleave/sanitizer.h"
+#include "tests/interleave/interleave.h"
 
 constexpr int kMain = 4;
 constexpr int kNobody = -1;
@@ -21,7 +18,6 @@ namespace {
 
 struct modelled {
   pthread_mutex_t *mutex;
-  const char *name;
   int owner = kNobody;
   bool orphaned = false;      ///< its owner died
   bool inconsistent = false;  ///< taken after that, and not made consistent yet
@@ -29,35 +25,30 @@ struct modelled {
 
 struct fiber {
   ucontext_t context;
-  fiber_stack stack;
-  modelled *wants = nullptr;              ///< blocked until it is free
+  const modelled *wants = nullptr;        ///< blocked until it is free
   const pthread_cond_t *waits = nullptr;  ///< blocked until it is signalled, too
   bool done = true;
 };
 
-/// A choice on the way of run_all: the candidates and which was taken.
 struct decision {
-  int candidates[kMain + 1];
-  int count;
-  int taken;
+  int count, taken;
 };
 
 }  // namespace
 
-static modelled locks[] = {{&tarvo_nd_mutex.mutex, "nd"},
-                           {&tarvo_nd_mutex.revival_mutex, "nd companion"},
-                           {&tarvo_nd_workq_mutex.mutex, "workQ"},
-                           {&tarvo_nd_workq_mutex.revival_mutex, "workQ companion"}};
+static modelled locks[] = {{&tarvo_nd_mutex.mutex},
+                           {&tarvo_nd_mutex.revival_mutex},
+                           {&tarvo_nd_workq_mutex.mutex},
+                           {&tarvo_nd_workq_mutex.revival_mutex}};
 static fiber fibers[kMain + 1];
 static int self = kMain;
 static const scenario *running;
 static bool quitting;
-static int steps;
+static int points;
 
 static enum { kAll, kRandom, kAgain } mode;
-static std::string schedule;  // the thread chosen at each choice so far
-static std::string wanted;    // of kAgain
-static std::vector<decision> path;
+static std::string schedule, wanted;  // the thread at each choice: so far, and of kAgain
+static std::vector<decision> path;    // of kAll
 static size_t depth;
 static int preemptions_left;
 static std::minstd_rand random_numbers;
@@ -65,97 +56,80 @@ static unsigned reluctance;
 
 // ------------------------------------------ Choice ------------------------------------------
 
-void fail(const std::string &what) {
-  fprintf(stderr, "interleave: %s\n  thread %d, again with: TARVO_SCHEDULE='%s:%s'\n", what.c_str(),
-          self, running == nullptr ? "" : running->name.c_str(), schedule.c_str());
+void fail(const char *what) {
+  fprintf(stderr, "interleave: %s\n  thread %d, again with: TARVO_SCHEDULE='%s:%s'\n", what, self,
+          running == nullptr ? "" : running->name.c_str(), schedule.c_str());
   _exit(1);
 }
 
-static int choose_systematically(const int *candidates, int count) {
-  if (depth == path.size()) {
-    path.push_back({{}, count, 0});
-    std::copy_n(candidates, count, path.back().candidates);
-  }
-  const decision &d = path[depth++];
-  require(d.count == count && std::equal(candidates, candidates + count, d.candidates),
-          "a schedule ran differently the second time");
-  return d.taken;
+static int next_on_path(int count) {
+  if (depth == path.size()) path.push_back({count, 0});
+  require(path[depth].count == count, "a schedule ran differently the second time");
+  return path[depth++].taken;
 }
 
-// The first `gratis` candidates cost nothing; a further one is a preemption or a wake-up for
-// nothing.
+// The first `gratis` candidates cost nothing; the others are a preemption or a wake-up for nothing.
 static int choose(const int *candidates, int count, int gratis) {
   int taken = 0;
   if (mode == kAgain) {
-    const char next = schedule.size() < wanted.size() ? wanted[schedule.size()] : '?';
-    taken = std::max<int>(
-        0, static_cast<int>(std::find(candidates, candidates + count, next - '0') - candidates));
-    if (taken == count) taken = 0;
+    const int next = schedule.size() < wanted.size() ? wanted[schedule.size()] - '0' : kNobody;
+    const int *found = std::find(candidates, candidates + count, next);
+    if (found != candidates + count) taken = static_cast<int>(found - candidates);
   } else if (mode == kRandom) {
-    const bool stay = gratis != 0 && random_numbers() % reluctance != 0;
-    taken = static_cast<int>(random_numbers() % static_cast<unsigned>(stay ? gratis : count));
+    const bool stays = gratis != 0 && random_numbers() % reluctance != 0;
+    taken = static_cast<int>(random_numbers() % static_cast<unsigned>(stays ? gratis : count));
   } else if (const int affordable = preemptions_left > 0 ? count : gratis; affordable > 1) {
-    taken = choose_systematically(candidates, affordable);
+    taken = next_on_path(affordable);
   }
   if (taken >= gratis) --preemptions_left;
   schedule += static_cast<char>('0' + candidates[taken]);
   return candidates[taken];
 }
 
-static bool wanted_is_free(const fiber &f) {
-  return f.wants == nullptr || f.wants->owner == kNobody;
+// The run is over, or only the worker is left, or something went wrong.
+static int nobody_can_run() {
+  int next = kMain;
+  for (int i = 0; i < kMain; ++i) {
+    if (fibers[i].done) continue;
+    const pthread_cond_t *waits = fibers[i].waits;
+    require(next == kMain && waits != nullptr && waits != &tarvo_nd_mutex.revival_cond, "deadlock");
+    next = i;
+  }
+  require(next == kMain || !work_queued(), "lost wake-up: work is queued, and the worker waits");
+  quitting = true;
+  return next;
+}
+
+static bool is_free(const modelled *m) { return m == nullptr || m->owner == kNobody; }
+
+static int next_to_run() {
+  int candidates[kMain + 1];
+  int count = 0;
+  const auto add = [&](bool others, bool waiting) {
+    for (int i = 0; i < kMain; ++i) {
+      const fiber &f = fibers[i];
+      if ((i != self) == others && (f.waits != nullptr) == waiting && !f.done && is_free(f.wants))
+        candidates[count++] = i;
+    }
+  };
+  add(false, false);
+  const bool able = count != 0;
+  add(true, false);
+  if (count == 0) return nobody_can_run();
+  const int gratis = able ? 1 : count;
+  add(true, true);
+  return count == 1 ? candidates[0] : choose(candidates, count, gratis);
 }
 
 static void switch_to(int next) {
   fiber &from = fibers[self];
   self = next;
-  switch_begins(from.stack, fibers[next].stack);
   swapcontext(&from.context, &fibers[next].context);
-  switch_ended(from.stack);
-}
-
-static bool waits_for_work(const fiber &f) {
-  return f.waits != nullptr && f.waits != &tarvo_nd_mutex.revival_cond &&
-         f.waits != &tarvo_nd_workq_mutex.revival_cond;
-}
-
-// Nobody can run: the run is over, or only the worker is left, or something went wrong.
-static int nobody_can_run() {
-  int next = kMain;
-  for (int i = 0; i < kMain; ++i) {
-    if (fibers[i].done) continue;
-    require(waits_for_work(fibers[i]) && next == kMain, "deadlock");
-    next = i;
-  }
-  if (next == kMain) return next;
-  require(!work_queued(), "lost wake-up: work is queued, and the worker waits");
-  quitting = true;
-  return next;
 }
 
 // The running fiber has come to a point, or cannot go on.
 static void go_on() {
-  int candidates[kMain + 1];
-  int count = 0;
-  const auto add = [&](bool waiting) {
-    for (int i = 0; i < kMain; ++i) {
-      const fiber &f = fibers[i];
-      if (i != self && !f.done && (f.waits != nullptr) == waiting && wanted_is_free(f))
-        candidates[count++] = i;
-    }
-  };
-  const fiber &me = fibers[self];
-  const bool able = self != kMain && !me.done && me.waits == nullptr && wanted_is_free(me);
-  if (able) candidates[count++] = self;
-  add(false);
-  const int gratis = able ? 1 : count;
-  int next = 0;
-  if (count == 0) {
-    next = nobody_can_run();
-  } else {
-    add(true);
-    next = count == 1 ? candidates[0] : choose(candidates, count, gratis);
-  }
+  const int next = next_to_run();
   fibers[next].waits = nullptr;
   if (next != self) switch_to(next);
 }
@@ -163,7 +137,7 @@ static void go_on() {
 void point(const char *what) {
   if (self == kMain) return;
   if (mode == kAgain) fprintf(stderr, "%*s%d %s\n", self * 20, "", self, what);
-  require(++steps < 10000, "a schedule does not end");
+  require(++points < 10000, "a schedule does not end");
   go_on();
 }
 
@@ -174,8 +148,6 @@ void worker() {
 }
 
 static void fiber_life() {
-  first_switch_ended(fibers[kMain].stack);
-  switch_to(kMain);
   for (;;) {
     running->threads[static_cast<size_t>(self)]();
     for (modelled &m : locks) {
@@ -189,43 +161,36 @@ static void fiber_life() {
   }
 }
 
-static void died(int) { fail("the process was ended"); }
+static void create_fiber(ucontext_t *context, char *stack, size_t size) {
+  getcontext(context);
+  context->uc_stack = {stack, 0, size};
+  makecontext(context, fiber_life, 0);
+}
 
 static void create_fibers() {
-  constexpr size_t kStack = 256 * 1024;
-  on_sanitizer_report([] { fail("a sanitizer's report, above"); });
-  signal(SIGSEGV, died);
-  signal(SIGABRT, died);
-  for (int i = 0; i < kMain; ++i) {
-    fiber &f = fibers[i];
-    f.stack = {new char[kStack], kStack, nullptr};
-    getcontext(&f.context);
-    f.context.uc_stack.ss_sp = f.stack.bottom;
-    f.context.uc_stack.ss_size = kStack;
-    makecontext(&f.context, fiber_life, 0);
-    switch_to(i);
-  }
+  static char stacks[kMain][256 * 1024];
+  for (int i = 0; i < kMain; ++i) create_fiber(&fibers[i].context, stacks[i], sizeof stacks[i]);
+  for (int number : {SIGSEGV, SIGABRT}) signal(number, [](int) { fail("the process ends"); });
 }
 
 static void run(const scenario &s) {
-  if (fibers[0].stack.bottom == nullptr) create_fibers();
+  if (running == nullptr) create_fibers();
   running = &s;
   quitting = false;
-  steps = 0;
+  points = 0;
   depth = 0;
   schedule.clear();
   begin_run();
-  if (s.prepare) s.prepare();
+  s.prepare();
   for (size_t i = 0; i < s.threads.size(); ++i) fibers[i].done = false;
   go_on();
-  if (s.check) s.check();
+  s.check();
   end_run();
   for (const modelled &m : locks)
     require(m.owner == kNobody && !m.orphaned, "a lock is held or broken after the run");
-  running = nullptr;
 }
 
-// The next way: the last choice that has another candidate takes it.
+// The last choice that has another candidate takes it.
 static bool next_path() {
   while (!path.empty() && path.back().taken + 1 == path.back().count) path.pop_back();
   if (path.empty()) return false;
@@ -235,7 +200,6 @@ static bool next_path() {
 
 uint64_t run_all(const scenario &s, int preemptions) {
   mode = kAll;
-  path.clear();
   uint64_t count = 0;
   do {
     preemptions_left = preemptions;
@@ -260,30 +224,21 @@ void run_again(const scenario &s, const std::string &again) {
 
 // ------------------------------------------- Locks -------------------------------------------
 
-static bool held(const modelled &mutex, const modelled &companion, const guarded_mutex_t &lock) {
-  return (lock.revival_pending != 0 ? companion : mutex).owner == self;
-}
-
-bool nd_held() { return held(locks[0], locks[1], tarvo_nd_mutex); }
-bool workq_held() { return held(locks[2], locks[3], tarvo_nd_workq_mutex); }
-
 static modelled &model_of(const pthread_mutex_t *mutex) {
   for (modelled &m : locks)
     if (m.mutex == mutex) return m;
   fail("an unknown mutex");
 }
 
-static modelled &reach(const pthread_mutex_t *mutex, const char *operation) {
-  modelled &m = model_of(mutex);
-  if (mode == kAgain && self != kMain) fprintf(stderr, "%d  of the %s mutex:\n", self, m.name);
-  point(operation);
-  return m;
+bool holds(const guarded_mutex_t &lock) {
+  return model_of(lock.revival_pending != 0 ? &lock.revival_mutex : &lock.mutex).owner == self;
 }
 
 static modelled &reach_lock(const pthread_mutex_t *mutex, const char *operation) {
-  require(mutex != &tarvo_nd_mutex.mutex || !workq_held(),
+  require(mutex != &tarvo_nd_mutex.mutex || !holds(tarvo_nd_workq_mutex),
           "lock order: the nd mutex inside the workQ mutex");
-  return reach(mutex, operation);
+  point(operation);
+  return model_of(mutex);
 }
 
 static int take(modelled &m) {
@@ -324,7 +279,8 @@ extern "C" int __wrap_pthread_mutex_timedlock(pthread_mutex_t *mutex, const time
 }
 
 extern "C" int __wrap_pthread_mutex_unlock(pthread_mutex_t *mutex) {
-  modelled &m = reach(mutex, "unlock");
+  point("unlock");
+  modelled &m = model_of(mutex);
   if (m.owner != self) return EPERM;
   release(m);
   point("unlocked");
@@ -337,7 +293,8 @@ extern "C" int __wrap_pthread_mutex_consistent(pthread_mutex_t *mutex) {
 }
 
 extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex) {
-  modelled &m = reach(mutex, "wait");
+  point("wait");
+  modelled &m = model_of(mutex);
   if (m.owner != self) return EPERM;
   release(m);
   fibers[self].wants = &m;
@@ -348,6 +305,7 @@ extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *m
 
 extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
   point("signal");
+  // The end of a revival, after which the mutex, free all along, decides who holds the lock.
   if (cond == &tarvo_nd_mutex.revival_cond) check_timers();
   for (fiber &f : fibers) {
     if (f.waits != cond) continue;
