@@ -338,10 +338,16 @@ static const char *known(const char *name, std::initializer_list<unsigned long> 
   return name;
 }
 
-WRAPPED(void *, chunk_create,
-        (const char *n, unsigned long s, unsigned long c, unsigned long f, unsigned long x,
-         unsigned long y),
-        (known(n, {s, c, f + x + y}), s, c, f, x, y), nullptr)
+extern "C" void *__real_chunk_create(const char *, unsigned long, unsigned long, unsigned long,
+                                     unsigned long, unsigned long);
+extern "C" void *__wrap_chunk_create(const char *name, unsigned long size, unsigned long count,
+                                     unsigned long flags, unsigned long x, unsigned long y) {
+  known(name, {size, count, flags + x + y});
+  if (w.failing("chunk_create")) return nullptr;
+  void *pool = __real_chunk_create(name, size, count, flags, x, y);
+  if (w.workq_pool == nullptr) w.workq_pool = pool;
+  return pool;
+}
 WRAPPED(void *, chunk_malloc, (void *pool), (pool), nullptr)
 WRAPPED(void *, calloc_named, (size_t n, size_t s, const char *name), (n, s, known(name, {s, n})),
         nullptr)
@@ -461,14 +467,9 @@ WRAPPED_VOID(ods_datalist_free, (void *list), (list), "free data")
   }
 WRAPPED_MUTEX(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 WRAPPED_MUTEX(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
+WRAPPED_MUTEX(pthread_mutex_trylock, (pthread_mutex_t * mutex), (mutex))
 WRAPPED_MUTEX(pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec *until),
               (mutex, until))
-
-extern "C" int __real_pthread_mutex_trylock(pthread_mutex_t *);
-extern "C" int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex) {
-  if (w.before_lock && mutex == &tarvo_nd_mutex.mutex) std::exchange(w.before_lock, nullptr)();
-  return fails("pthread_mutex_trylock", mutex) ? w.error : __real_pthread_mutex_trylock(mutex);
-}
 
 extern "C" int __real_pthread_cond_wait(pthread_cond_t *, pthread_mutex_t *);
 extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex) {
