@@ -183,11 +183,11 @@ static void expire_timers(unsigned &) {
 }
 
 TEST(Threads, EveryoneAtOnce) {
-  constexpr int kFlips = 300;
+  constexpr int kFlips = 200;
   w.threaded = true;
   w.routes = {"10.0.0.0/8"};
   w.start();
-  chunk_set_limit(w.workq_pool, 300);  // so that requests are refused, too
+  chunk_set_limit(w.workq_pool, 150);  // so that requests are refused, too
   offer(tarvo_nd_enqueue_table_update("Z", 9, 1));
 
   std::atomic<bool> over = false;
