@@ -15,7 +15,6 @@
 #include "engine/worker.h"
 #include "tarvo/agent_services.h"
 #include "tarvo/messages.h"
-#include "tarvo/oper_data.h"
 #include "tests/module/world.h"
 
 using texts = std::vector<std::string>;
@@ -338,50 +337,10 @@ TEST(Timers, CycleKeepsItsLengthAndLeavesSurviveAFailedEnqueue) {
   EXPECT_EQ(tarvo_nd_get_refresh_interval_remaining(), 19);  // 19.5 s of the clear phase
 }
 
-// Between a test of the flag without the lock and the work under it, anything may happen.
-TEST(Timers, WhatHappensBeforeTheLockIsTakenIsSeen) {
-  auto deactivate = [] {
-    tarvo_pe_discovery_unregister(1);
-    w.run();
-    w.note("----");
-  };
+TEST(Timers, AStrayOneIsStoppedAndNotFoundAgain) {
   w.start();
-  tarvo_nd_nhop_t out = {};
-  ods_path_t path = {};
-  path.key[0] = &out.info.nhop_addr;
-  path.key[1] = "";
-  const uint32_t gone = TARVO_ODS_ERR_NOT_FOUND;
-  const struct {
-    const char *what;
-    std::function<void()> call;
-  } kCalls[] = {
-      {"setter", [] { tarvo_nd_set_rib_refresh_interval(100); }},
-      {"remaining", [] { EXPECT_LT(tarvo_nd_get_refresh_interval_remaining(), 0); }},
-      {"query",
-       [&] { EXPECT_EQ(tarvo_nd_first_nhop_by_tableid(7, &out), TARVO_ND_ERR_NOT_FOUND); }},
-      {"state", [&] { EXPECT_EQ(tarvo_mpls_discovery_ods_vpn_state_get(nullptr, &path), gone); }},
-      {"vrf", [&] { EXPECT_EQ(tarvo_mpls_discovery_ods_vpn_vrf_get(nullptr, &path), gone); }},
-      {"handler", [] { w.advance(500), w.pass(0); }},
-  };
-  for (const auto &row : kCalls) {
-    w.client(1);
-    w.take();
-    w.before_lock = deactivate;
-    row.call();
-    EXPECT_FALSE(w.before_lock) << row.what;
-    EXPECT_EQ(w.take(), (texts{"stop refresh", "stop clear", "----"})) << row.what;
-  }
-
-  // Of no use to anybody, it is stopped and not found again.
+  w.take();
   add_stray_timer();
   w.expire();
   EXPECT_EQ(w.take(), texts{"stop other"});
-
-  // The handler found an expired leaf, and the setter restarts it before the handler has the lock.
-  w.client(1);
-  w.take();
-  w.before_lock = [] { tarvo_nd_set_rib_refresh_interval(300); };
-  w.advance(500);
-  w.pass(0);
-  EXPECT_EQ(w.take(), (texts{"stop refresh", "start refresh 271"}));
 }

@@ -378,10 +378,16 @@ static const char *root_name(const void *root) TARVO_NO_THREAD_SAFETY_ANALYSIS {
   return root == &tarvo_nd_vrf_tree ? "VRFs" : "client groups";
 }
 
-WRAPPED(void *, chunk_create, n,
-        (const char *n, unsigned long s, unsigned long c, unsigned long f, unsigned long x,
-         unsigned long y),
-        (known(n, {s, c, f + x + y}), s, c, f, x, y), nullptr)
+extern "C" void *__real_chunk_create(const char *, unsigned long, unsigned long, unsigned long,
+                                     unsigned long, unsigned long);
+extern "C" void *__wrap_chunk_create(const char *name, unsigned long size, unsigned long count,
+                                     unsigned long flags, unsigned long x, unsigned long y) {
+  known(name, {size, count, flags + x + y});
+  if (w.failing("chunk_create", name)) return nullptr;
+  void *pool = __real_chunk_create(name, size, count, flags, x, y);
+  if (w.workq_pool == nullptr) w.workq_pool = pool;
+  return pool;
+}
 WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), (pool), nullptr)
 WRAPPED(void *, avl_insert, root_name(root), (void *root, void *node, tree_cmp c), (root, node, c),
         nullptr)
@@ -519,14 +525,9 @@ WRAPPED_VOID(ods_datalist_free, (void *list), (list), "free data")
   }
 WRAPPED_MUTEX(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
 WRAPPED_MUTEX(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
+WRAPPED_MUTEX(pthread_mutex_trylock, (pthread_mutex_t * mutex), (mutex))
 WRAPPED_MUTEX(pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec *until),
               (mutex, until))
-
-extern "C" int __real_pthread_mutex_trylock(pthread_mutex_t *);
-extern "C" int __wrap_pthread_mutex_trylock(pthread_mutex_t *mutex) {
-  if (w.before_lock && mutex == &tarvo_nd_mutex.mutex) std::exchange(w.before_lock, nullptr)();
-  return fails("pthread_mutex_trylock", mutex) ? w.error : __real_pthread_mutex_trylock(mutex);
-}
 
 extern "C" int __real_pthread_cond_wait(pthread_cond_t *, pthread_mutex_t *);
 extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex) {

@@ -44,13 +44,11 @@ struct world {
   bool counting = false;
   bool pass_revival_wait = false;  ///< a wait for a revival returns 0 at once
 
-  /// Runs once, just before the nd mutex is tried next.
-  std::function<void()> before_lock;
-
   std::atomic<int64_t> now = 0;  ///< fake time, nanoseconds
   bool threaded = false;
   pthread_t worker = {};
-  std::mutex guard;  ///< for `did` and `traces` when threads run
+  void *workq_pool = nullptr;  ///< the first pool of all
+  std::mutex guard;            ///< for `did` and `traces` when threads run
 
   uint32_t start();  ///< tarvo_nd_init
   void run();
