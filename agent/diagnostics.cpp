@@ -18,7 +18,9 @@ static std::atomic<unsigned> dropped{0};
 // A pipe that polls as writable takes up to PIPE_BUF bytes at once, so the write does not wait.
 static bool write_now(std::string_view text) {
   pollfd ready{STDERR_FILENO, POLLOUT, 0};
-  if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) return false;
+  const int polled = poll(&ready, 1, 0);
+  // If poll() itself fails, a line that may wait is better than none.
+  if (polled == 0 || (polled > 0 && (ready.revents & POLLOUT) == 0)) return false;
   return write(STDERR_FILENO, text.data(), text.size()) >= 0;
 }
 
