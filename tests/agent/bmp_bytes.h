@@ -32,7 +32,8 @@ inline bytes attr(int flags, int type, const bytes &value) {
 inline bytes bgp(int type, const bytes &body) {
   return bytes(16, '\xff') + be(19 + body.size(), 2) + be(type, 1) + body;
 }
-inline bytes update(const bytes &attributes, const bytes &routes = "", const bytes &withdrawn = "") {
+inline bytes update(const bytes &attributes, const bytes &routes = "",
+                    const bytes &withdrawn = "") {
   const bytes lists = be(withdrawn.size(), 2) + withdrawn + be(attributes.size(), 2) + attributes;
   return bgp(2, lists + routes);
 }
@@ -61,8 +62,9 @@ inline bytes unreach(const bytes &routes, int safi = 128) {
 }
 inline bytes hop(uint32_t address) { return zeros(8) + be(address, 4); }
 inline const bytes kBase = kOrigin + kPath, kReach1 = reach(hop(kHop1), kPlain),
-            kReach2 = reach(hop(kHop2), kPlain), kA = targets({kTargetA}), kRest = kReach2 + kA,
-            kNextHop = attr(0x40, 3, be(kHop1, 4)), kNoHost = attr(0x40, 3, be(0xffffffff, 4));
+                   kReach2 = reach(hop(kHop2), kPlain), kA = targets({kTargetA}),
+                   kRest = kReach2 + kA, kNextHop = attr(0x40, 3, be(kHop1, 4)),
+                   kNoHost = attr(0x40, 3, be(0xffffffff, 4));
 inline bytes announce(const bytes &routes, uint32_t nexthop = kHop1, uint64_t target = kTargetA) {
   return update(kBase + reach(hop(nexthop), routes) + targets({target}));
 }
@@ -73,7 +75,8 @@ inline bytes bmp(int type, const bytes &body) {
   return be(3, 1) + be(6 + body.size(), 4) + be(type, 1) + body;
 }
 // What a peer's header says of it but for the time.
-inline bytes peer(int type, int flags, uint64_t distinguisher, uint32_t address, uint32_t as = 65000) {
+inline bytes peer(int type, int flags, uint64_t distinguisher, uint32_t address,
+                  uint32_t as = 65000) {
   return be(type, 1) + be(flags, 1) + be(distinguisher, 8) + zeros(12) + be(address, 4) +
          be(as, 4) + be(as, 4);
 }
@@ -81,13 +84,13 @@ inline bytes from(const bytes &peer, int type, const bytes &body) {
   return bmp(type, peer + zeros(8) + body);
 }
 inline const bytes kLoc = peer(3, 0, 0, 0), kLocFiltered = peer(3, 0x80, 0, 0, 0),
-            kVrf = peer(3, 0, 0x0000fde800000064, 0), kPre = peer(0, 0, 0, 0x0a000001),
-            kPost = peer(0, 0x40, 0, 0x0a000001), kOut = peer(0, 0x10, 0, 0x0a000001),
-            kOther = peer(0, 0, 0, 0x0a000002);
+                   kVrf = peer(3, 0, 0x0000fde800000064, 0), kPre = peer(0, 0, 0, 0x0a000001),
+                   kPost = peer(0, 0x40, 0, 0x0a000001), kOut = peer(0, 0x10, 0, 0x0a000001),
+                   kOther = peer(0, 0, 0, 0x0a000002);
 
 inline bytes monitor(const bytes &message, const bytes &p = kLoc) { return from(p, 0, message); }
 inline bytes tell(const bytes &routes, const bytes &p = kLoc, uint32_t nexthop = kHop1,
-           uint64_t target = kTargetA) {
+                  uint64_t target = kTargetA) {
   return monitor(announce(routes, nexthop, target), p);
 }
 inline bytes learn(const bytes &attributes, const bytes &routes = "", const bytes &p = kLoc) {
@@ -109,7 +112,7 @@ inline bytes up(int sent, int received, const bytes &p = kLoc, bool extended = f
 }
 inline const bytes kInitiation = bmp(4, be(2, 2) + be(3, 2) + "pe1"), kTermination = bmp(5, "");
 inline const bytes kGood = tell(kPlain), kToB = tell(kPlain, kLoc, kHop2, kTargetB),
-            kToC = tell(kPlain, kLoc, kHop3, kTargetC);
+                   kToC = tell(kPlain, kLoc, kHop3, kTargetC);
 
 inline const bytes kNine1 = ip(24, 0x0a090100), kNine = ip(16, 0x0a090000);
 

@@ -114,9 +114,7 @@ class router {
     EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
   }
   ~router() { close(fd_); }
-  void send(const bytes &stream) {
-    EXPECT_TRUE(try_send(stream));
-  }
+  void send(const bytes &stream) { EXPECT_TRUE(try_send(stream)); }
   bool try_send(const bytes &stream) {
     return ::send(fd_, stream.data(), stream.size(), MSG_NOSIGNAL) == ssize_t(stream.size());
   }

@@ -17,9 +17,7 @@ struct injector {
   std::atomic<bool> forever{false};
   std::atomic<int> hits{0};
 
-  void arm(long nth, bool for_good) {
-    hits = 0, forever = for_good, countdown = nth;
-  }
+  void arm(long nth, bool for_good) { hits = 0, forever = for_good, countdown = nth; }
   void disarm() { countdown = 0; }
   bool fails() {
     if (countdown == 0) return false;
