@@ -45,10 +45,10 @@ struct world {
     std::string text = said + told.system_name + '|' + told.last_error + '|' +
                        session.stream_error() + (told.up ? "|up" : "|down");
     for (const auto &[kind, count] : told.malformed) text += kind + std::to_string(count);
-    for (const uint64_t n : {uint64_t{told.peers}, told.messages, told.routes_read,
-                             told.skipped.other_views, told.skipped.ipv6_nexthop,
-                             told.skipped.vrf_unicast, told.skipped.rib_full,
-                             uint64_t{routes.paths()}})
+    for (const uint64_t n :
+         {uint64_t{told.peers}, told.messages, told.routes_read, told.skipped.other_views,
+          told.skipped.ipv6_nexthop, told.skipped.vrf_unicast, told.skipped.rib_full,
+          uint64_t{routes.paths()}})
       text += ' ' + std::to_string(n);
     for (const route_count &c : routes.count_routes())
       text += '\n' + std::to_string(c.table_id) + ' ' + std::to_string(c.nexthop) + ' ' +

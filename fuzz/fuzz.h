@@ -7,12 +7,12 @@
 #include <string>
 
 /// Ends the run with the input that breaks a promise.
-#define REQUIRE(holds)                                                      \
-  do {                                                                      \
-    if (!(holds)) {                                                         \
-      fprintf(stderr, "%s:%d: broken: %s\n", __FILE__, __LINE__, #holds);   \
-      abort();                                                              \
-    }                                                                       \
+#define REQUIRE(holds)                                                    \
+  do {                                                                    \
+    if (!(holds)) {                                                       \
+      fprintf(stderr, "%s:%d: broken: %s\n", __FILE__, __LINE__, #holds); \
+      abort();                                                            \
+    }                                                                     \
   } while (false)
 
 namespace fuzz {

@@ -49,8 +49,9 @@ class tables {
   entry lay_out(std::string_view body) {
     std::vector<uint64_t> &offsets = offsets_.emplace_back();
     bag::storage storage;
-    bag::lay_out(body, [this](uint32_t number, bag::storage &out) { return find(number, out); },
-                 [&offsets](uint64_t at) { offsets.push_back(at); }, storage);
+    bag::lay_out(
+        body, [this](uint32_t number, bag::storage &out) { return find(number, out); },
+        [&offsets](uint64_t at) { offsets.push_back(at); }, storage);
     offsets.resize(offsets.size() + 2 * 64);  // as far as a reader of another body may look
     return {storage.size, bag::opaque_alone(body) ? 0 : reinterpret_cast<uint64_t>(offsets.data())};
   }
@@ -61,8 +62,8 @@ class tables {
     if (body == all_.end() || depth_ > BAG_MAX_DEPTH) return false;
     ++depth_;
     const bool found = bag::lay_out(
-        body->second, [this](uint32_t n, bag::storage &s) { return find(n, s); },
-        [](uint64_t) {}, out);
+        body->second, [this](uint32_t n, bag::storage &s) { return find(n, s); }, [](uint64_t) {},
+        out);
     --depth_;
     if (found) sizes_[number] = out;
     return found;
@@ -77,15 +78,26 @@ class tables {
   int depth_ = 0;
 };
 
+// Without what stands in {}, [] and <>; a "." after each type number but a definition's own.
 std::string short_form(std::string_view schema) {
   std::string text;
-  uint32_t number = 0;
-  for (std::string_view body; !schema.empty();) {
-    const std::string_view definition = schema;
-    if (!bag::read_definition(schema, number, body)) break;
-    text.append(definition.data(), body.data());
-    bag::put_short(body, [&text](char c) { text += c; });
-    text += ';';
+  char closing = 0;
+  bool number = false, own = true;
+  for (const char c : schema) {
+    if (number && (c < '0' || c > '9')) {
+      if (!own) text += '.';
+      number = false;
+    }
+    if (closing != 0) {
+      if (c == closing) closing = 0;
+      continue;
+    }
+    closing = c == '{' ? '}' : c == '[' ? ']' : c == '<' ? '>' : 0;
+    if (closing != 0) continue;
+    if (c == '=') own = false;
+    if (c == ';') own = true;
+    if (c == '$') number = true;
+    text += c;
   }
   return text;
 }
@@ -102,8 +114,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (spoil == 2) short_schema.resize(input.byte() % (short_schema.size() + 1));
   if (spoil == 3) types.spoil(input.byte(), 1 + input.byte());
 
-  const bag_descriptor_t descriptor = {BAG_FORMAT,  "fuzzed",           BAG_LAYOUT_FORMAT,
-                                       "library",   types.get(),        long_schema.c_str(),
+  const bag_descriptor_t descriptor = {BAG_FORMAT,          "fuzzed",    BAG_LAYOUT_FORMAT,
+                                       "library",           types.get(), long_schema.c_str(),
                                        short_schema.c_str()};
   REQUIRE(bag_register_start(nullptr) == 0);
   const uint32_t code = bag_register(&descriptor);

@@ -38,7 +38,8 @@ bytes contents(const std::filesystem::path &path) {
 
 // In all three views, and as a recording.
 void write_stream(const bytes &stream) {
-  for (const int how : {0, 1, 2, 4}) write("bmp_stream", be(how, 1) + be(stream.size(), 1) + stream);
+  for (const int how : {0, 1, 2, 4})
+    write("bmp_stream", be(how, 1) + be(stream.size(), 1) + stream);
 }
 
 bytes repeated(const bytes &part, size_t times) {
@@ -81,9 +82,9 @@ std::vector<bytes> hostile_updates() {
       with(attr(0x00, 2, "")), update(attr(0x40, 1, "") + kPath + kRest),
       update(kOrigin + attr(0x40, 2, be(0x02ff0000fde8, 6)) + kRest),
       with(attr(0xc0, 23, be(0x000100ff, 4) + zeros(3))), with(attr(0xc0, 23, zeros(4))),
-      update(kReach1), update("", kNine), update(kNextHop, kNine),
-      update(unreach(kPlain), kNine), update(unreach("")), update(unreach("", 1)),
-      with(kOrigin + kPath), with(reach(hop(kHop3), kTwo)), with(unreach(kPlain) + unreach(kTwo)),
+      update(kReach1), update("", kNine), update(kNextHop, kNine), update(unreach(kPlain), kNine),
+      update(unreach("")), update(unreach("", 1)), with(kOrigin + kPath),
+      with(reach(hop(kHop3), kTwo)), with(unreach(kPlain) + unreach(kTwo)),
       // What is almost an End-of-RIB.
       bgp(2, zeros(3)), bgp(2, zeros(5)), update(attr(0x80, 15, be(0x0001, 2))), bgp(2, ""),
       sections(0, "", 6, be(0x800f03000180, 6) + "x"),
@@ -91,8 +92,8 @@ std::vector<bytes> hostile_updates() {
       with(attr(0xc0, 16, zeros(7))), update(kBase + kReach1 + attr(0xc0, 16, zeros(8 * 5000))),
       update(kOrigin + attr(0x40, 2, many) + kRest), announce(repeated(vpn(32, 0x0a020000), 500)),
       // Path identifiers that nobody agreed on.
-      announce(kId7 + kId8), update(kBase + kNextHop, be(7, 4) + kNine),
-      update(unreach(kId7)), update("", "", be(7, 4) + kNine)};
+      announce(kId7 + kId8), update(kBase + kNextHop, be(7, 4) + kNine), update(unreach(kId7)),
+      update("", "", be(7, 4) + kNine)};
   return all;
 }
 
@@ -100,20 +101,40 @@ std::vector<bytes> hostile_streams() {
   const bytes open = bgp(1, zeros(9) + be(4, 1) + be(0x02020200, 4));
   const bytes looping = bgp(1, zeros(9) + be(0xffff0008, 4) + be(0xff0005, 3) + zeros(5));
   const bytes endless = bgp(1, zeros(9) + be(255, 1) + repeated(be(0x0200, 2), 100));
-  return {
-      up(1, 2) + tell(kId7), up(3, 3, kLoc, true) + tell(kId7 + kId8),
-      from(kLoc, 3, zeros(20) + looping + open), from(kLoc, 3, zeros(20) + endless + endless),
-      from(kLoc, 3, zeros(20) + open + cut(open, 2)), from(kLoc, 3, zeros(19)), from(kLoc, 3, ""),
-      bmp(3, zeros(41)), from(kLoc, 2, ""), from(kLoc, 2, "\1" + bgp(3, "\6")),
-      from(kLoc, 2, "\1" + bytes(10, '\xff')), from(kLoc, 1, zeros(3)), from(kLoc, 1, ""),
-      from(kLoc, 1, be(0xffffffff, 4)), bmp(4, zeros(4)), bmp(4, be(0x00020000, 4)),
-      bmp(4, be(2, 2) + be(9, 2) + "pe"), bmp(5, zeros(4)), bmp(5, "x"), bmp(0, ""), bmp(255, ""),
-      monitor(announce(kPlain) + announce(kTwo)), monitor(announce(kPlain) + "x"),
-      monitor(bytes(19, '\xff')), from(kLoc, 6, be(0x00000010, 4) + zeros(2)),
-      bmp(6, zeros(70000)) + kGood, kGood + bmp(6, zeros(1 << 17)).substr(0, 1000),
-      be(3, 1) + be(0, 4) + be(0, 1), be(3, 1) + be(0xffffffff, 4) + be(0, 1), "GET / HTTP/1.1\r\n",
-      kInitiation + kGood + kTermination + kGood + kInitiation + kGood, kStream, kStream + kStream,
-      tell(kPlain) + tell(kPlain, kLoc, kHop2) + take(kPlain) + down()};
+  return {up(1, 2) + tell(kId7),
+          up(3, 3, kLoc, true) + tell(kId7 + kId8),
+          from(kLoc, 3, zeros(20) + looping + open),
+          from(kLoc, 3, zeros(20) + endless + endless),
+          from(kLoc, 3, zeros(20) + open + cut(open, 2)),
+          from(kLoc, 3, zeros(19)),
+          from(kLoc, 3, ""),
+          bmp(3, zeros(41)),
+          from(kLoc, 2, ""),
+          from(kLoc, 2, "\1" + bgp(3, "\6")),
+          from(kLoc, 2, "\1" + bytes(10, '\xff')),
+          from(kLoc, 1, zeros(3)),
+          from(kLoc, 1, ""),
+          from(kLoc, 1, be(0xffffffff, 4)),
+          bmp(4, zeros(4)),
+          bmp(4, be(0x00020000, 4)),
+          bmp(4, be(2, 2) + be(9, 2) + "pe"),
+          bmp(5, zeros(4)),
+          bmp(5, "x"),
+          bmp(0, ""),
+          bmp(255, ""),
+          monitor(announce(kPlain) + announce(kTwo)),
+          monitor(announce(kPlain) + "x"),
+          monitor(bytes(19, '\xff')),
+          from(kLoc, 6, be(0x00000010, 4) + zeros(2)),
+          bmp(6, zeros(70000)) + kGood,
+          kGood + bmp(6, zeros(1 << 17)).substr(0, 1000),
+          be(3, 1) + be(0, 4) + be(0, 1),
+          be(3, 1) + be(0xffffffff, 4) + be(0, 1),
+          "GET / HTTP/1.1\r\n",
+          kInitiation + kGood + kTermination + kGood + kInitiation + kGood,
+          kStream,
+          kStream + kStream,
+          tell(kPlain) + tell(kPlain, kLoc, kHop2) + take(kPlain) + down()};
 }
 
 }  // namespace
