@@ -171,7 +171,6 @@ int main(int argc, char **argv) {
         "show prefix 10.1.2.3", "show state", "show sessions", "show pools", "trace on",
         "trace off", "help", "quit", "vrf add A table 4294967296 import 1:1 65536:65536 1.2.3.4:x"})
     write("command", line);
-  write("command", bytes(70000, 'x'));
 
   for (size_t i = 0; i < std::size(kRecords); ++i) {
     for (const int what : {0, 1}) write("record_encoder", be(i, 1) + be(what, 1) + bytes(300, 'a'));

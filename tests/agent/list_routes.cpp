@@ -1,5 +1,6 @@
 // list_routes FILE: what the agent reads out of a recorded stream's UPDATEs, a line for each route;
-// script/check-decoder compares it with another decoder. Path identifiers are read where they stand.
+// script/check-decoder compares it with another decoder. Path identifiers are read where they
+// stand.
 #include <arpa/inet.h>
 
 #include <fstream>
