@@ -1,6 +1,9 @@
 #include "agent/attr_store.h"
 
 #include <algorithm>
+#include <new>
+
+#include "agent/free_list.h"
 
 namespace agent {
 
@@ -31,22 +34,36 @@ attr_id attr_store::acquire(uint32_t nexthop, std::span<const route_target> targ
   std::ranges::sort(scratch_);
   scratch_.erase(std::unique(scratch_.begin(), scratch_.end()), scratch_.end());
 
-  uint32_t set = acquire_set(scratch_);
-  auto [entry, fresh] = attr_index_.try_emplace(attr_key(nexthop, set), kNone);
-  if (!fresh) {
-    release_set(set);  // the attribute holds it already
-    retain(entry->second);
-    return entry->second;
+  const uint32_t set = acquire_set(scratch_);
+  if (set == kNoSet) return kNone;
+  attr_id id = kNone;
+  try {
+    id = acquire_attr(nexthop, set);
+  } catch (const std::bad_alloc &) {
+    release_set(set);
+    throw;
   }
-  attr_id id = attr_id(attrs_.size());
-  if (free_attrs_.empty()) {
-    attrs_.emplace_back();
-  } else {
-    id = free_attrs_.back();
+  // A new attribute keeps the reference; another holds one already.
+  if (id == kNone || attrs_[id].references > 1) release_set(set);
+  return id;
+}
+
+attr_id attr_store::acquire_attr(uint32_t nexthop, uint32_t set) {
+  const auto known = attr_index_.find(attr_key(nexthop, set));
+  if (known != attr_index_.end()) {
+    retain(known->second);
+    return known->second;
+  }
+  if (attr_index_.size() >= kMaxAttributes) return kNone;
+  make_room(attrs_, free_attrs_);
+  const bool used_before = !free_attrs_.empty();
+  const attr_id id = used_before ? free_attrs_.back() : attr_id(attrs_.size());
+  attr_index_.emplace(attr_key(nexthop, set), id);
+  if (used_before)
     free_attrs_.pop_back();
-  }
+  else
+    attrs_.emplace_back();
   attrs_[id] = {nexthop, set, 1};
-  entry->second = id;
   return id;
 }
 
@@ -75,25 +92,28 @@ uint32_t attr_store::acquire_set(std::span<const route_target> sorted) {
     ++set.references;
     return it->second;
   }
-  uint32_t id = new_set(sorted);
+  if (targets_ + sorted.size() > kMaxTargets) return kNoSet;
+  target_set set = make_set(sorted);
+  make_room(sets_, free_sets_);
+  const bool used_before = !free_sets_.empty();
+  const uint32_t id = used_before ? free_sets_.back() : uint32_t(sets_.size());
   set_index_.emplace(hash, id);
+  if (used_before)
+    free_sets_.pop_back();
+  else
+    sets_.emplace_back();
+  sets_[id] = std::move(set);
+  targets_ += sorted.size();
   return id;
 }
 
-uint32_t attr_store::new_set(std::span<const route_target> sorted) {
-  uint32_t id = uint32_t(sets_.size());
-  if (free_sets_.empty()) {
-    sets_.emplace_back();
-  } else {
-    id = free_sets_.back();
-    free_sets_.pop_back();
-  }
-  target_set &set = sets_[id];
+attr_store::target_set attr_store::make_set(std::span<const route_target> sorted) const {
+  target_set set;
   set.references = 1;
   set.targets.assign(sorted.begin(), sorted.end());
   for (const importer &vrf : importers_)
     if (intersects(sorted, vrf.imports)) set.importers.push_back(vrf.slot);
-  return id;
+  return set;
 }
 
 void attr_store::release_set(uint32_t id) {
@@ -101,6 +121,7 @@ void attr_store::release_set(uint32_t id) {
   if (--set.references > 0) return;
   auto [first, last] = set_index_.equal_range(hash_targets(set.targets));
   set_index_.erase(std::find_if(first, last, [id](auto &entry) { return entry.second == id; }));
+  targets_ -= set.targets.size();
   set = {};
   free_sets_.push_back(id);
 }

@@ -2,7 +2,9 @@
 //
 // Both are interned, attributes and target sets, and counted: the last release frees. Target sets
 // know the slots of the VRFs that import any of their targets, so that a route's membership is one
-// look. The RIB thread's own. It holds no more than what paths refer to.
+// look. The RIB thread's own. It holds no more than what paths refer to, in all kMaxAttributes and
+// kMaxTargets: less than half a GiB. Where memory fails, acquire() throws and changes nothing;
+// releasing never allocates.
 #pragma once
 
 #include <cstddef>
@@ -19,10 +21,13 @@ class attr_store {
  public:
   /// Attributes of no route: no next hop, no VRF. Never released.
   static constexpr attr_id kNone = 0;
+  static constexpr size_t kMaxAttributes = size_t{1} << 20;
+  static constexpr size_t kMaxTargets = size_t{1} << 24;  ///< of all sets together
 
   attr_store();
 
-  /// One reference more; next hop in network byte order, targets in any order.
+  /// One reference more; next hop in network byte order, targets in any order. kNone: the store is
+  /// full.
   attr_id acquire(uint32_t nexthop, std::span<const route_target> targets);
   void retain(attr_id id) { ++attrs_[id].references; }
   void release(attr_id id);
@@ -59,9 +64,12 @@ class attr_store {
     std::vector<route_target> imports;
   };
 
+  static constexpr uint32_t kNoSet = ~uint32_t{0};
+
   uint32_t acquire_set(std::span<const route_target> sorted);
+  attr_id acquire_attr(uint32_t nexthop, uint32_t set);
   void release_set(uint32_t id);
-  uint32_t new_set(std::span<const route_target> sorted);
+  target_set make_set(std::span<const route_target> sorted) const;
 
   std::vector<attr> attrs_;
   std::vector<uint32_t> free_attrs_;
@@ -71,6 +79,7 @@ class attr_store {
   std::unordered_multimap<uint64_t, uint32_t> set_index_;  ///< by hash of the targets
   std::vector<importer> importers_;                        ///< by slot, ascending
   std::vector<route_target> scratch_;
+  size_t targets_ = 0;  ///< of all sets
 };
 
 }  // namespace agent

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <new>
 
 #include "agent/bgp_open.h"
 #include "agent/rib.h"
@@ -47,6 +48,20 @@ std::string peer_address_text(const uint8_t *bytes, bool ipv6) {
   return inet_ntop(ipv6 ? AF_INET6 : AF_INET, ipv6 ? bytes : bytes + 12, text, sizeof text);
 }
 
+// A reference to attributes, given back also when the RIB throws.
+struct held_attributes {
+  held_attributes(rib &of, uint32_t nexthop, std::span<const route_target> targets)
+      : routes(of), id(of.acquire(nexthop, targets)) {}
+  ~held_attributes() {
+    if (id != attr_store::kNone) routes.release(id);
+  }
+  held_attributes(const held_attributes &) = delete;
+  held_attributes &operator=(const held_attributes &) = delete;
+
+  rib &routes;
+  const attr_id id;
+};
+
 // A route distinguisher has the three forms of a route target, under other type bytes.
 std::string distinguisher_text(uint64_t rd) {
   const uint64_t form = rd >> 48 & 0xff, value = rd & 0xffffffffffff;
@@ -72,6 +87,20 @@ size_t bmp_session::peer_hash::operator()(const peer_key &key) const {
 // Framing.
 
 bool bmp_session::feed(std::span<const uint8_t> bytes) {
+  try {
+    read(bytes);
+  } catch (const std::bad_alloc &) {
+    end();
+    stream_error_ = "out of memory";
+    tell_if_memory_serves([this] {
+      fail_stream("memory",
+                  "out of memory at byte " + std::to_string(message_at_) + " of the stream");
+    });
+  }
+  return running_;
+}
+
+void bmp_session::read(std::span<const uint8_t> bytes) {
   if (!partial_.empty()) bytes = complete_partial(bytes);
   while (running_) {
     const size_t size = message_size(bytes);
@@ -80,7 +109,6 @@ bool bmp_session::feed(std::span<const uint8_t> bytes) {
     bytes = bytes.subspan(size);
   }
   if (running_) partial_.insert(partial_.end(), bytes.begin(), bytes.end());
-  return running_;
 }
 
 // Reads the message that began in an earlier chunk, if it ends in this one; gives what follows.
@@ -126,13 +154,23 @@ size_t bmp_session::message_size(std::span<const uint8_t> bytes) {
 
 void bmp_session::finish(const std::string &error) {
   if (!running_) return;
-  if (!error.empty())
-    fail_stream("read", error);
-  else if (!partial_.empty())
-    fail_stream("bmp-truncated", "the stream ends within the message at byte " +
-                                     std::to_string(message_at_) + ", after " +
-                                     std::to_string(partial_.size()) + " bytes of it");
+  tell_if_memory_serves([&] {
+    if (!error.empty())
+      fail_stream("read", error);
+    else if (!partial_.empty())
+      fail_stream("bmp-truncated", "the stream ends within the message at byte " +
+                                       std::to_string(message_at_) + ", after " +
+                                       std::to_string(partial_.size()) + " bytes of it");
+  });
   end();
+}
+
+template <typename Tell>
+void bmp_session::tell_if_memory_serves(Tell tell) {
+  try {
+    tell();
+  } catch (const std::bad_alloc &) {
+  }
 }
 
 // Whoever replays a recording is told of it as the replay's result.
@@ -145,9 +183,9 @@ void bmp_session::fail_stream(const char *kind, const std::string &text) {
 
 void bmp_session::end() {
   running_ = false;
-  report_empty_view();
   if (kind_ == source_kind::connection) withdraw_all();
   partial_ = {};
+  tell_if_memory_serves([this] { report_empty_view(); });
 }
 
 void bmp_session::terminate() {
@@ -335,12 +373,16 @@ void bmp_session::learn(const peer_header &header, peer &from) {
 
 void bmp_session::announce(peer &from, const bgp_reach &reach,
                            std::span<const route_target> targets) {
-  if (!from.source) from.source = routes_.open_source();
-  const attr_id attributes = routes_.acquire(reach.nexthop, targets);
+  if (!from.source) from.source = routes_.open_source(paths_);
   uint64_t refused = 0;
-  for (const nlri &route : reach.routes)
-    refused += !routes_.announce(*from.source, route, attributes);
-  routes_.release(attributes);
+  if (const held_attributes held(routes_, reach.nexthop, targets); held.id != attr_store::kNone) {
+    for (const nlri &route : reach.routes)
+      refused += !routes_.announce(*from.source, route, held.id);
+  } else {
+    refused = reach.routes.size();
+    // What the peer announced before no longer holds.
+    for (const nlri &route : reach.routes) routes_.withdraw(*from.source, route);
+  }
   if (refused > 0 && skipped_.rib_full == 0) say("the RIB is full: further routes are left out");
   skipped_.rib_full += refused;
 }

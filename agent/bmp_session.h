@@ -2,13 +2,15 @@
 //
 // It keeps the session's peers, each with the RIB source of the one view that is learned, what
 // `show sessions` tells, and the beginning of a message that hasn't arrived whole. Everything is
-// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers, 1,000 lines of diagnostics.
+// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers, 1,000 lines of diagnostics, and
+// the RIB's own on routes. A session that finds no memory ends.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -49,6 +51,11 @@ class bmp_session {
   /// Tells so, once, if it is still the case.
   void report_empty_view();
 
+  /// Nothing is due from the router: it introduced a peer, and no message has begun.
+  bool may_be_silent() const { return partial_.empty() && !peers_.empty(); }
+  bool between_messages() const { return partial_.empty(); }
+  uint64_t messages() const { return messages_; }
+
   session_info info() const;
   /// Why the stream couldn't be read to its end; empty when it could.
   const std::string &stream_error() const { return stream_error_; }
@@ -76,6 +83,7 @@ class bmp_session {
   // The learnable views in the order of bmp_view, and one that never is.
   enum view_index : size_t { kLocRib, kPostPolicy, kPrePolicy, kAdjRibOut, kViews };
 
+  void read(std::span<const uint8_t> bytes);
   std::span<const uint8_t> complete_partial(std::span<const uint8_t> bytes);
   void top_up(std::span<const uint8_t> &bytes, size_t size);
   size_t message_size(std::span<const uint8_t> bytes);
@@ -95,6 +103,8 @@ class bmp_session {
   void terminate();
   void end();
   void fail_stream(const char *kind, const std::string &text);
+  template <typename Tell>
+  static void tell_if_memory_serves(Tell tell);
   void report_fault(const peer_header &header, const bgp_fault &fault, const char *message);
   void report(const char *kind, const std::string &text);
   void say(const std::string &text);
@@ -106,6 +116,7 @@ class bmp_session {
   const std::string router_;
   const diagnostic say_;
 
+  const std::shared_ptr<size_t> paths_ = std::make_shared<size_t>(0);  // in the RIB
   std::unordered_map<peer_key, peer, peer_hash> peers_;
   std::vector<uint8_t> partial_;  // a message whose rest hasn't come yet
   bgp_update update_;             // scratch, reused from message to message

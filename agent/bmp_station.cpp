@@ -15,7 +15,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstring>
+#include <new>
+#include <optional>
+#include <utility>
 
 #include "agent/bmp_session.h"
 #include "agent/diagnostics.h"
@@ -29,7 +33,12 @@ constexpr size_t kEndedKept = 64;
 
 // How long a connection's other views may bring routes before the chosen one is called empty: a
 // router sends its views one after the other.
-constexpr time_t kViewPatience = 10;
+constexpr std::chrono::seconds kViewPatience{10};
+
+// How often the connections are looked after, at the least.
+constexpr std::chrono::milliseconds kTick{1000};
+
+using steady = std::chrono::steady_clock;
 
 std::string error_text(const char *call) { return std::string(call) + ": " + strerror(errno); }
 
@@ -86,38 +95,40 @@ void keep_alive(int fd) {
   setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 }
 
-int open_spare() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
+descriptor open_spare() { return descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
 }  // namespace
 
-struct bmp_station::connection {
-  connection(int socket, rib &routes, bmp_view view, const std::string &router)
-      : fd(socket), session(routes, view, bmp_session::source_kind::connection, router, tell) {}
-  ~connection() {
-    ::close(fd);
-    if (view_timer >= 0) ::close(view_timer);
-  }
-  connection(const connection &) = delete;
-  connection &operator=(const connection &) = delete;
+descriptor::~descriptor() {
+  if (number >= 0) ::close(number);
+}
 
-  const int fd;
-  int view_timer = -1;
+struct bmp_station::connection {
+  connection(descriptor socket, rib &routes, bmp_view view, const std::string &router)
+      : fd(std::move(socket)),
+        session(routes, view, bmp_session::source_kind::connection, router, tell) {}
+
+  const descriptor fd;
   bmp_session session;
+  uint64_t messages = 0;                         // of the session, when it was last read
+  steady::time_point progress = steady::now();   // when a message last began or was complete
+  std::optional<steady::time_point> view_doubt;  // since when the chosen view seems empty
 };
 
-bmp_station::bmp_station(rib &routes, rib_thread &loop, bmp_view view)
-    : routes_(routes), loop_(loop), view_(view), chunk_(kChunk), spare_fd_(open_spare()) {}
+bmp_station::bmp_station(rib &routes, rib_thread &loop, bmp_view view, milliseconds idle)
+    : routes_(routes), loop_(loop), view_(view), idle_(idle), chunk_(kChunk), spare_(open_spare()) {
+  connections_.reserve(kMaxConnections);
+}
 
 bmp_station::~bmp_station() {
   loop_.call([this] {
-    for (const int fd : listeners_) {
-      loop_.remove_fd(fd);
-      ::close(fd);
-    }
-    for (const auto &open : connections_) forget(*open);
+    for (const descriptor &fd : listeners_) loop_.remove_fd(fd.number);
+    for (const auto &open : connections_) loop_.remove_fd(open->fd.number);
+    loop_.remove_fd(ticks_.number);
+    listeners_.clear();
     connections_.clear();
+    ticks_ = {};
   });
-  if (spare_fd_ >= 0) ::close(spare_fd_);
 }
 
 std::string bmp_station::listen(const std::string &address_port) {
@@ -130,87 +141,124 @@ std::string bmp_station::listen(const std::string &address_port) {
   socklen_t size = sizeof endpoint;
   getsockname(fd, reinterpret_cast<sockaddr *>(&endpoint), &size);
   tell("listening on " + endpoint_text(endpoint));
-  loop_.call([this, fd] {
-    listeners_.push_back(fd);
-    loop_.add_fd(fd, POLLIN, [this, fd](short) { accept_ready(fd); });
+  std::string error;
+  loop_.call([&] {
+    listeners_.emplace_back(fd);
+    watch_listener(fd);
+    error = start_ticking();
   });
+  return error;
+}
+
+void bmp_station::watch_listener(int fd) {
+  loop_.add_fd(fd, POLLIN, [this, fd](short) { accept_ready(fd); });
+}
+
+// ---- Once in a while ----
+
+std::string bmp_station::start_ticking() {
+  if (ticks_.number >= 0) return "";
+  ticks_ = descriptor(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
+  if (ticks_.number < 0) return error_text("timerfd_create");
+  const milliseconds every =
+      idle_.count() == 0 ? kTick : std::clamp(idle_ / 4, milliseconds(1), kTick);
+  const timespec period{every.count() / 1000, every.count() % 1000 * 1000000};
+  const itimerspec timer{.it_interval = period, .it_value = period};
+  timerfd_settime(ticks_.number, 0, &timer, nullptr);
+  loop_.add_fd(ticks_.number, POLLIN, [this](short) { tick(); });
   return "";
 }
+
+void bmp_station::tick() {
+  uint64_t expirations;
+  [[maybe_unused]] const ssize_t size = read(ticks_.number, &expirations, sizeof expirations);
+  for (const int fd : std::exchange(resting_, {})) watch_listener(fd);
+  // From the end, since ending one takes it out.
+  for (size_t i = connections_.size(); i-- > 0;) check(*connections_[i]);
+}
+
+void bmp_station::check(connection &open) {
+  const auto now = steady::now();
+  if (idle_.count() != 0 && !open.session.may_be_silent() && now - open.progress >= idle_) {
+    const auto seconds = std::chrono::duration<double>(idle_).count();
+    return end(open,
+               "no complete message for " + std::to_string(std::lround(seconds)) + " seconds");
+  }
+  if (!open.session.view_in_doubt())
+    open.view_doubt.reset();
+  else if (!open.view_doubt)
+    open.view_doubt = now;
+  else if (now - *open.view_doubt >= kViewPatience)
+    open.session.report_empty_view();
+}
+
+// ---- Connections ----
 
 void bmp_station::accept_ready(int listening_fd) {
   sockaddr_in peer{};
   socklen_t size = sizeof peer;
-  const int fd = accept4(listening_fd, reinterpret_cast<sockaddr *>(&peer), &size,
-                         SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (fd < 0) {
-    if (errno == EMFILE || errno == ENFILE) shed_connection(listening_fd);
-    return;  // all else is the connection's own end, before it was accepted
-  }
-  const std::string router = endpoint_text(peer);
-  if (connections_.size() >= kMaxConnections) {
-    ::close(fd);
-    return tell_full(router + ": " + std::to_string(kMaxConnections) + " sessions are open");
-  }
+  descriptor fd(accept4(listening_fd, reinterpret_cast<sockaddr *>(&peer), &size,
+                        SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (fd.number >= 0) return accepted(std::move(fd), endpoint_text(peer));
+  if (errno == EMFILE || errno == ENFILE) return shed_connection(listening_fd);
+  // The connection's own end, before it was accepted.
+  if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
+  rest_listener(listening_fd, error_text("accept"));
+}
 
-  keep_alive(fd);
-  connections_.push_back(std::make_unique<connection>(fd, routes_, view_, router));
-  connection &from = *connections_.back();
-  loop_.add_fd(fd, POLLIN, [this, &from](short) { connection_ready(from); });
+void bmp_station::accepted(descriptor fd, const std::string &router) {
+  if (connections_.size() >= kMaxConnections)
+    return tell_full(router + ": " + std::to_string(kMaxConnections) + " sessions are open");
+
+  keep_alive(fd.number);
+  auto fresh = std::make_unique<connection>(std::move(fd), routes_, view_, router);
+  connection &from = *fresh;
+  loop_.add_fd(from.fd.number, POLLIN, [this, &from](short) { connection_ready(from); });
+  connections_.push_back(std::move(fresh));  // there is room
 }
 
 // Without a descriptor to accept it on, a waiting connection would wake the loop for ever.
 void bmp_station::shed_connection(int listening_fd) {
   const std::string why = error_text("accept");
-  ::close(spare_fd_);
-  const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC);
-  if (fd >= 0) ::close(fd);
-  spare_fd_ = open_spare();
+  spare_ = {};
+  const bool shed = descriptor(accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC)).number >= 0;
+  spare_ = open_spare();
+  if (!shed) return rest_listener(listening_fd, why);
   tell_full(why);
+}
+
+// So would a failure that stays.
+void bmp_station::rest_listener(int listening_fd, const std::string &why) {
+  resting_.push_back(listening_fd);
+  loop_.remove_fd(listening_fd);
+  if (!std::exchange(told_resting_, true)) tell(why + "; trying again every second");
 }
 
 // Once until a session ends.
 void bmp_station::tell_full(const std::string &why) {
-  if (!told_full_) tell(why + "; further connections are closed");
-  told_full_ = true;
+  if (!std::exchange(told_full_, true)) tell(why + "; further connections are closed");
 }
 
 void bmp_station::connection_ready(connection &from) {
-  const ssize_t size = read(from.fd, chunk_.data(), chunk_.size());
+  const ssize_t size = read(from.fd.number, chunk_.data(), chunk_.size());
   if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (size < 0) return end(from, error_text("read"));
   if (size == 0) return end(from, "");
+
+  const bool begins = from.session.between_messages();
   if (!from.session.feed({chunk_.data(), static_cast<size_t>(size)})) return end(from, "");
-  if (from.session.view_in_doubt() && from.view_timer < 0) start_view_timer(from);
-}
-
-void bmp_station::start_view_timer(connection &from) {
-  from.view_timer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-  if (from.view_timer < 0) return;  // tried again at the next message
-  const itimerspec once{.it_interval = {}, .it_value = {kViewPatience, 0}};
-  timerfd_settime(from.view_timer, 0, &once, nullptr);
-  loop_.add_fd(from.view_timer, POLLIN, [this, &from](short) {
-    stop_view_timer(from);
-    from.session.report_empty_view();
-  });
-}
-
-void bmp_station::stop_view_timer(connection &from) {
-  if (from.view_timer < 0) return;
-  loop_.remove_fd(from.view_timer);
-  ::close(from.view_timer);
-  from.view_timer = -1;
-}
-
-void bmp_station::forget(connection &from) {
-  stop_view_timer(from);
-  loop_.remove_fd(from.fd);
+  if (begins || from.session.messages() != from.messages) from.progress = steady::now();
+  from.messages = from.session.messages();
 }
 
 void bmp_station::end(connection &from, const std::string &error) {
   from.session.finish(error);
-  forget(from);
-  ended_.push_back(from.session.info());
-  if (ended_.size() > kEndedKept) ended_.pop_front();
+  loop_.remove_fd(from.fd.number);
+  try {
+    ended_.push_back(from.session.info());
+    if (ended_.size() > kEndedKept) ended_.pop_front();
+  } catch (const std::bad_alloc &) {  // the account of it is all that is lost
+  }
   told_full_ = false;
   std::erase_if(connections_, [&](const auto &open) { return open.get() == &from; });
 }

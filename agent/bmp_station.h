@@ -3,14 +3,18 @@
 // It keeps the listening sockets, the connections with their sessions, the recordings replayed,
 // and what is to tell of the connections that ended last. All of it is the RIB thread's own; the
 // public calls hand their work over to that thread. Bounds: 64 connections at a time, further ones
-// are closed; the accounts of 64 ended ones.
+// are closed; the accounts of 64 ended ones. A router owes a message once it has begun one, and its
+// first ones until it has introduced a peer: one that brings none for the idle time is closed. Else
+// it may be silent; whether it still is there, TCP's own probes find out.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace agent {
@@ -45,11 +49,28 @@ struct session_info {
   std::string last_error;
 };
 
+/// Owns a file descriptor; a negative number is none.
+struct descriptor {
+  descriptor() = default;
+  explicit descriptor(int fd) : number(fd) {}
+  descriptor(descriptor &&other) noexcept : number(std::exchange(other.number, -1)) {}
+  descriptor &operator=(descriptor other) noexcept {
+    std::swap(number, other.number);
+    return *this;
+  }
+  ~descriptor();
+
+  int number = -1;
+};
+
 class bmp_station {
  public:
+  using milliseconds = std::chrono::milliseconds;
   static constexpr size_t kMaxConnections = 64;
+  static constexpr std::chrono::seconds kIdle{300};
 
-  bmp_station(rib &routes, rib_thread &loop, bmp_view view);
+  /// `idle` of 0: for ever.
+  bmp_station(rib &routes, rib_thread &loop, bmp_view view, milliseconds idle = kIdle);
   /// Closes the sockets; the routes stay. From any thread but the RIB thread.
   ~bmp_station();
   bmp_station(const bmp_station &) = delete;
@@ -69,25 +90,32 @@ class bmp_station {
  private:
   struct connection;
 
+  std::string start_ticking();
+  void tick();
+  void check(connection &open);
+  void watch_listener(int fd);
   void accept_ready(int listening_fd);
+  void accepted(descriptor fd, const std::string &router);
   void shed_connection(int listening_fd);
+  void rest_listener(int listening_fd, const std::string &why);
   void tell_full(const std::string &why);
   void connection_ready(connection &from);
-  void start_view_timer(connection &from);
-  void stop_view_timer(connection &from);
-  void forget(connection &from);
   void end(connection &from, const std::string &error);
 
   rib &routes_;
   rib_thread &loop_;
   const bmp_view view_;
-  std::vector<int> listeners_;
+  const milliseconds idle_;
+  descriptor ticks_;  // a timer, from the first listen() on
+  std::vector<descriptor> listeners_;
+  std::vector<int> resting_;  // listeners that failed, until the next tick
   std::vector<std::unique_ptr<connection>> connections_;
   std::vector<std::unique_ptr<bmp_session>> recordings_;
   std::deque<session_info> ended_;
   std::vector<uint8_t> chunk_;  // what is read from a connection in one turn
   bool told_full_ = false;
-  int spare_fd_;  // given up to accept and close a connection when descriptors run out
+  bool told_resting_ = false;
+  descriptor spare_;  // given up to accept and close a connection when descriptors run out
 };
 
 }  // namespace agent

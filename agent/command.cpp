@@ -262,8 +262,10 @@ std::variant<command, command_error> parse_command(std::string_view line) {
 std::vector<std::string> complete_command(std::string_view line,
                                           std::span<const std::string> vrfs) {
   std::vector<word> words = split(line);
+  const size_t end = words.empty() ? 0 : words.back().begin + words.back().text.size();
+  if (line.find('#', end) != std::string_view::npos) return {};  // a comment
   std::string_view last;
-  if (!words.empty() && words.back().begin + words.back().text.size() == line.size()) {
+  if (!words.empty() && end == line.size()) {
     last = words.back().text;
     words.pop_back();
   }

@@ -1,10 +1,15 @@
 #include "agent/diagnostics.h"
 
-#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
 #include <string>
+#include <thread>
+#include <utility>
 
 namespace agent {
 
@@ -13,18 +18,35 @@ static std::atomic<unsigned> dropped{0};
 // A pipe that polls as writable takes up to PIPE_BUF bytes at once, so the write does not wait.
 static bool write_now(std::string_view text) {
   pollfd ready{STDERR_FILENO, POLLOUT, 0};
-  if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) return false;
+  const int polled = poll(&ready, 1, 0);
+  // If poll() itself fails, a line that may wait is better than none.
+  if (polled == 0 || (polled > 0 && (ready.revents & POLLOUT) == 0)) return false;
   return write(STDERR_FILENO, text.data(), text.size()) >= 0;
 }
 
-void diagnose(std::string_view line) {
+void diagnose(std::string_view line) noexcept {
   constexpr size_t kLongest = 4000;
-  std::string text;
   const unsigned lost = dropped.exchange(0);
-  if (lost != 0) text = "tarvo-agent: " + std::to_string(lost) + " lines lost\n";
-  text += line.substr(0, kLongest);
-  text += '\n';
-  if (!write_now(text)) dropped += lost + 1;
+  try {
+    std::string text;
+    if (lost != 0) text = "tarvo-agent: " + std::to_string(lost) + " lines lost\n";
+    text += line.substr(0, kLongest);
+    text += '\n';
+    if (write_now(text)) return;
+  } catch (const std::bad_alloc &) {
+  }
+  dropped += lost + 1;
+}
+
+int poll_or_tell(std::span<pollfd> fds, int timeout_ms, bool &told) {
+  constexpr std::chrono::milliseconds kPause{100};
+  const int ready = poll(fds.data(), fds.size(), timeout_ms);
+  if (ready >= 0) told = false;
+  if (ready >= 0 || errno == EINTR) return ready > 0 ? ready : 0;
+  if (!std::exchange(told, true))
+    diagnose(std::string("tarvo-agent: poll: ") + strerror(errno) + "; trying again");
+  std::this_thread::sleep_for(kPause);
+  return 0;
 }
 
 }  // namespace agent

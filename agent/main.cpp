@@ -16,6 +16,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <new>
 #include <optional>
 #include <string>
 #include <thread>
@@ -25,6 +26,7 @@
 #include "agent/bmp_station.h"
 #include "agent/clients.h"
 #include "agent/command.h"
+#include "agent/diagnostics.h"
 #include "agent/fence.h"
 #include "agent/global_table.h"
 #include "agent/interpreter.h"
@@ -51,6 +53,7 @@ struct options {
   std::vector<std::string> commands;
   bmp_view view = bmp_view::loc_rib;
   bool json = false;
+  uint32_t idle = bmp_station::kIdle.count();
 };
 
 void complain(const std::string &text) { fprintf(stderr, "tarvo-agent: %s\n", text.c_str()); }
@@ -155,7 +158,7 @@ class agent_program {
         reports_(pace_),
         routes_(global_, reports_),
         loop_(routes_, reports_, pace_),
-        station_(routes_, loop_, from.view),
+        station_(routes_, loop_, from.view, std::chrono::seconds(from.idle)),
         watchers_(loop_, pace_, out_),
         commands_({routes_, loop_, global_, station_, watchers_, out_}) {}
 
@@ -236,12 +239,16 @@ class agent_program {
 
   /// An empty string, or what is wrong and where.
   std::string execute(const std::string &where, const std::string &line) {
-    const auto parsed = parse_command(line);
-    if (const auto *error = std::get_if<command_error>(&parsed)) {
-      return where + ':' + std::to_string(error->column) + ": " + error->text;
+    try {
+      const auto parsed = parse_command(line);
+      if (const auto *error = std::get_if<command_error>(&parsed)) {
+        return where + ':' + std::to_string(error->column) + ": " + error->text;
+      }
+      const std::string refused = commands_.run(std::get<command>(parsed));
+      return refused.empty() ? refused : where + ": " + refused;
+    } catch (const std::bad_alloc &) {
+      return where + ": out of memory";
     }
-    const std::string refused = commands_.run(std::get<command>(parsed));
-    return refused.empty() ? refused : where + ": " + refused;
   }
 
   /// The line is shown before what it prints, so that the output reads like a dialogue.
@@ -254,7 +261,7 @@ class agent_program {
   bool await_input(bool input_open) {
     std::array<pollfd, 2> fds{{{wake_fd, POLLIN, 0}, {input_open ? STDIN_FILENO : -1, POLLIN, 0}}};
     while (!ended()) {
-      if (poll(fds.data(), fds.size(), -1) < 0) continue;
+      if (poll_or_tell(fds, -1, told_poll_) == 0) continue;
       if (fds[0].revents != 0) return false;
       if (fds[1].revents != 0) return true;
     }
@@ -302,6 +309,7 @@ class agent_program {
 
   const options &options_;
   bool failed_ = false;
+  bool told_poll_ = false;
 
   // In the order they need each other.
   prompt terminal_;
@@ -332,6 +340,9 @@ void describe(CLI::App &app, options &into) {
          "--view", [&into](const std::string &name) { into.view = kViews.at(name); },
          "The view of its routes to learn from a router (loc-rib if not given)")
       ->check(CLI::IsMember(&kViews).description("loc-rib|post-policy|pre-policy"));
+  app.add_option("--idle", into.idle,
+                 "Close a router that owes a message for so long (300; 0: never)")
+      ->type_name("SECONDS");
   app.add_option("--command", into.commands, "Run a command, before standard input (repeatable)")
       ->type_name("LINE")
       ->allow_extra_args(false);

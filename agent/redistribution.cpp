@@ -53,6 +53,7 @@ uint32_t redistribution::add_table(uint32_t table_id) {
   if (free_slots_.empty()) {
     tables_.emplace_back();
     wishes_.emplace_back();
+    requested_.reserve(wishes_.size());  // the worker's requests never allocate
   } else {
     slot = free_slots_.back();
     free_slots_.pop_back();

@@ -3,10 +3,12 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <new>
 #include <random>
 #include <tuple>
 #include <unordered_map>
 
+#include "agent/free_list.h"
 #include "agent/global_table.h"
 #include "agent/redistribution.h"
 
@@ -48,18 +50,23 @@ void rib::remove_vrf(uint32_t table_id) {
 
 // ---- Sources ----
 
-source_id rib::open_source() {
+source_id rib::open_source(account paths) {
+  make_room(sources_, free_sources_);
+  closing_.reserve(sources_.capacity());
+  source_id id = source_id(sources_.size());
   if (free_sources_.empty()) {
     sources_.emplace_back();
-    return source_id(sources_.size() - 1);
+  } else {
+    id = free_sources_.back();
+    free_sources_.pop_back();
   }
-  source_id id = free_sources_.back();
-  free_sources_.pop_back();
+  sources_[id].together = std::move(paths);
   return id;
 }
 
 void rib::close_source(source_id id) {
   if (sources_[id].paths == 0) {
+    sources_[id] = {};
     free_sources_.push_back(id);
     return;
   }
@@ -128,8 +135,19 @@ bool rib::announce(source_id source, const nlri &key, attr_id attributes) {
     replace(where, attributes);
     return true;
   }
-  if (paths_ >= kMaxPaths || where.siblings >= kMaxPathsPerNlri) return false;
+  if (!has_room(where, source)) return false;
   insert(where, source, key, attributes);
+  return true;
+}
+
+// Whether one path more may be, and a place for it, which is made.
+bool rib::has_room(const place &where, source_id source) {
+  if (*sources_[source].together >= kMaxPaths - paths_ || where.siblings >= kMaxPathsPerNlri)
+    return false;
+  if (free_ != kNone || unused_ < segments_.size() * kSegmentPaths) return true;
+  std::unique_ptr<path[]> segment(new (std::nothrow) path[kSegmentPaths]);
+  if (segment == nullptr) return false;
+  segments_.push_back(std::move(segment));
   return true;
 }
 
@@ -140,8 +158,8 @@ void rib::withdraw(source_id source, const nlri &key) {
 }
 
 void rib::insert(const place &where, source_id source, const nlri &key, attr_id attributes) {
-  report_change(where, key, attr_store::kNone, attributes);
   if (!key.vpn && where.siblings == 0) global_.add(key.prefix, key.length);
+  report_change(where, key, attr_store::kNone, attributes);
 
   path_index index = take_path();
   at(index) = {key.rd,     key.prefix,  heads_[where.bucket], source,
@@ -149,6 +167,7 @@ void rib::insert(const place &where, source_id source, const nlri &key, attr_id 
   heads_[where.bucket] = index;
   attrs_.retain(attributes);
   ++sources_[source].paths;
+  ++*sources_[source].together;
   if (++paths_ > heads_.size()) double_buckets();
 }
 
@@ -171,6 +190,7 @@ void rib::remove(const place &where) {
   link = p.next;
   attrs_.release(p.attributes);
   --sources_[p.source].paths;
+  --*sources_[p.source].together;
   free_path(where.at);
 }
 
@@ -180,8 +200,6 @@ rib::path_index rib::take_path() {
     free_ = at(index).next;
     return index;
   }
-  if (unused_ == segments_.size() * kSegmentPaths)
-    segments_.push_back(std::make_unique_for_overwrite<path[]>(kSegmentPaths));
   return unused_++;
 }
 
@@ -196,7 +214,11 @@ void rib::free_path(path_index index) {
 
 void rib::double_buckets() {
   size_t buckets = heads_.size();
-  heads_.resize(2 * buckets);
+  try {
+    heads_.resize(2 * buckets);
+  } catch (const std::bad_alloc &) {
+    return;  // longer buckets until the next path tries again
+  }
   ++bucket_bits_;
   // From the end, so that no bucket is overwritten before its turn.
   for (size_t bucket = buckets; bucket-- > 0;) {

@@ -9,7 +9,10 @@
 //
 // Everything here is the RIB thread's own; only the redistribution and the global table, which it
 // feeds, are shared. A path takes 32 bytes and its share of the buckets 4 to 8; no allocation is
-// made per route. kMaxPaths bounds the whole, kMaxPathsPerNlri the work that one change costs.
+// made per route. kMaxPaths bounds the whole, kMaxPathsPerNlri the work that one change costs, and
+// no account (a BMP session's) may hold more paths than are left for all. Where memory fails,
+// acquire() and announce() throw std::bad_alloc or refuse, and nothing has changed; withdrawing,
+// closing and the passes don't allocate.
 #pragma once
 
 #include <cstddef>
@@ -50,7 +53,10 @@ class rib {
   rib(const rib &) = delete;
   rib &operator=(const rib &) = delete;
 
-  source_id open_source();
+  /// Counts the paths of sources that are bounded together.
+  using account = std::shared_ptr<size_t>;
+
+  source_id open_source(account paths = std::make_shared<size_t>(0));
   /// Withdraws everything that the source brought. Several in a row cost one pass: the work is
   /// done by the next call of settle(), work(), announce() or withdraw().
   void close_source(source_id source);
@@ -58,11 +64,13 @@ class rib {
 
   /// Interns a next hop (network byte order) and a set of targets (any order, duplicates allowed).
   /// The caller holds one reference until release(); every path that uses it holds one more.
+  /// attr_store::kNone: there are too many.
   attr_id acquire(uint32_t nexthop, std::span<const route_target> targets);
   void release(attr_id attributes);
 
   /// A path's key is its source and the whole NLRI; announced again, it takes other attributes.
-  /// False: refused, since there are too many paths, in all or of this NLRI.
+  /// False: refused, since there are too many paths, in all, of the source's account or of this
+  /// NLRI, or no memory for more.
   bool announce(source_id source, const nlri &key, attr_id attributes);
   void withdraw(source_id source, const nlri &key);
 
@@ -111,6 +119,7 @@ class rib {
   struct origin {
     size_t paths = 0;
     bool closing = false;
+    account together;
   };
 
   /// Where a path stands, or would stand.
@@ -130,6 +139,7 @@ class rib {
   uint32_t hash(const nlri &key) const;
   size_t bucket_of(const nlri &key) const { return hash(key) >> (32 - bucket_bits_); }
   place locate(source_id source, const nlri &key) const;
+  bool has_room(const place &where, source_id source);
   void insert(const place &where, source_id source, const nlri &key, attr_id attributes);
   void replace(const place &where, attr_id attributes);
   void remove(const place &where);

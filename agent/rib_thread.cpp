@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <system_error>
 
+#include "agent/diagnostics.h"
 #include "agent/fence.h"
 #include "agent/redistribution.h"
 #include "agent/rib.h"
@@ -51,6 +53,7 @@ void rib_thread::call(const std::function<void()> &run) {
   jobs_.push_back(&mine);
   wake();
   while (!mine.done) changed_.wait(lock_);
+  if (mine.failure) std::rethrow_exception(mine.failure);
 }
 
 void rib_thread::await_idle() {
@@ -84,12 +87,11 @@ void rib_thread::loop() {
         changed_.notify_all();
       }
     }
-    int ready = poll(polled_.data(), polled_.size(), busy ? 0 : -1);
-    if (ready <= 0) continue;
+    const bool ready = poll_or_tell(polled_, busy ? 0 : -1, told_poll_) > 0;
     eventfd_t wakeups;
-    if (polled_[0].revents != 0) eventfd_read(wakeup_fd_, &wakeups);
+    if (ready && polled_[0].revents != 0) eventfd_read(wakeup_fd_, &wakeups);
     run_jobs();
-    serve_fds();
+    if (ready) serve_fds();
   }
 }
 
@@ -100,7 +102,13 @@ void rib_thread::run_jobs() {
     jobs.swap(jobs_);
   }
   if (jobs.empty()) return;
-  for (job *j : jobs) j->run();
+  for (job *j : jobs) {
+    try {
+      j->run();
+    } catch (...) {
+      j->failure = std::current_exception();
+    }
+  }
   // A caller that goes on finds the effect of its job, sources closed included.
   routes_.settle();
   scoped_lock held(lock_);
@@ -113,8 +121,12 @@ void rib_thread::serve_fds() {
   for (size_t i = 1, count = polled_.size(); i < count; ++i) {
     short revents = polled_[i].revents;
     if (revents == 0 || watched_[i].removed) continue;
-    auto ready = watched_[i].ready;
-    ready(revents);
+    try {
+      auto ready = watched_[i].ready;
+      ready(revents);
+    } catch (const std::bad_alloc &) {
+      diagnose("tarvo-agent: out of memory");
+    }
   }
   size_t kept = 1;
   for (size_t i = 1; i < polled_.size(); ++i) {
@@ -128,8 +140,13 @@ void rib_thread::serve_fds() {
 }
 
 void rib_thread::add_fd(int fd, short events, std::function<void(short)> ready) {
-  polled_.push_back({fd, events, 0});
   watched_.push_back({std::move(ready)});
+  try {
+    polled_.push_back({fd, events, 0});
+  } catch (const std::bad_alloc &) {
+    watched_.pop_back();
+    throw;
+  }
 }
 
 void rib_thread::remove_fd(int fd) {

@@ -9,6 +9,7 @@
 
 #include <condition_variable>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -30,7 +31,8 @@ class rib_thread {
   rib_thread(const rib_thread &) = delete;
   rib_thread &operator=(const rib_thread &) = delete;
 
-  /// Runs `job` on the RIB thread and returns when it is done; on that thread itself, at once.
+  /// Runs `job` on the RIB thread and returns when it is done; on that thread itself, at once. What
+  /// the job throws is thrown here.
   void call(const std::function<void()> &job);
 
   /// Returns once every request queued before has been handled, with the dumps that it asked for
@@ -46,6 +48,7 @@ class rib_thread {
   struct job {
     const std::function<void()> &run;
     bool done = false;
+    std::exception_ptr failure = nullptr;
   };
   struct watched {
     std::function<void(short)> ready;
@@ -74,6 +77,7 @@ class rib_thread {
   // is the wake-up's.
   std::vector<pollfd> polled_;
   std::vector<watched> watched_;
+  bool told_poll_ = false;
 
   std::thread thread_;
 };

@@ -1,25 +1,12 @@
 // The BMP station: what routers send and what hostile ones might, as bytes in and routes out.
-// The RIB behind the station is the real one; its fence stays closed: the module is never called.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <fstream>
 #include <list>
 #include <set>
 
-#include "agent/bmp_session.h"
-#include "agent/bmp_station.h"
-#include "agent/fence.h"
-#include "agent/global_table.h"
-#include "agent/redistribution.h"
-#include "agent/rib.h"
-#include "agent/rib_thread.h"
-#include "agent/text.h"
 #include "tarvo/discovery.h"
+#include "tests/agent/bmp_world.h"
 
 uint32_t tarvo_pe_discovery_register(uint32_t, const char *, tarvo_nd_notify_fn) { return 1; }
 uint32_t tarvo_pe_discovery_unregister(uint32_t) { return 1; }
@@ -28,168 +15,11 @@ uint32_t tarvo_pe_discovery_resend(uint32_t, const char *) { return 1; }
 namespace agent {
 namespace {
 
-using bytes = std::string;
-using kind = bmp_session::source_kind;
-
-bytes be(uint64_t value, int size) {
-  bytes text;
-  while (size-- > 0) text += static_cast<char>(value >> 8 * size);
-  return text;
-}
-bytes zeros(size_t size) { return bytes(size, '\0'); }
-
-// ---- BGP ----
-
-constexpr uint64_t kTargetA = 0x2fde800000001, kTargetB = 0x1020aff01010007,
-                   kTargetC = 0x202fa56ea020009;
-// Communities that only look like targets: of another sub-type, not transitive, of another form.
-constexpr uint64_t kNo[] = {0x3fde800000001, 0x4002fde800000001, 0x302fde800000001};
-constexpr uint32_t kHop1 = 0x0aff0101, kHop2 = 0x0aff0202, kHop3 = 0x0aff0303;
-
-bytes attr(int flags, int type, const bytes &value) {
-  const bool wide = value.size() > 255;
-  return be(flags | (wide ? 0x10 : 0), 1) + be(type, 1) + be(value.size(), wide ? 2 : 1) + value;
-}
-bytes bgp(int type, const bytes &body) {
-  return bytes(16, '\xff') + be(19 + body.size(), 2) + be(type, 1) + body;
-}
-bytes update(const bytes &attributes, const bytes &routes = "", const bytes &withdrawn = "") {
-  const bytes lists = be(withdrawn.size(), 2) + withdrawn + be(attributes.size(), 2) + attributes;
-  return bgp(2, lists + routes);
-}
-bytes ip(int length, uint32_t prefix) {
-  return be(length, 1) + be(prefix, 4).substr(0, static_cast<size_t>(length + 7) / 8);
-}
-const bytes kOpenLabel = be(0x3e8000, 3), kLabel8 = be(0x800000, 3);
-bytes vpn(int length, uint32_t prefix, const bytes &labels = be(0x3e8001, 3)) {
-  return be(8 * labels.size() + 64 + static_cast<size_t>(length), 1) + labels +
-         be(0x0000fde800000064, 8) + ip(length, prefix).substr(1);
-}
-const bytes kPlain = vpn(24, 0x0a010100), kTwo = kPlain + vpn(32, 0x0a010201);
-const bytes kId7 = be(7, 4) + kPlain, kId8 = be(8, 4) + kPlain;
-const bytes kOrigin = attr(0x40, 1, be(0, 1)), kPath = attr(0x40, 2, be(0x02010000fde8, 6));
-bytes targets(std::initializer_list<uint64_t> values) {
-  bytes list;
-  for (const uint64_t value : values) list += be(value, 8);
-  return attr(0xc0, 16, list);
-}
-bytes reach(const bytes &nexthop, const bytes &routes, int safi = 128, int afi = 1) {
-  return attr(0x80, 14,
-              be(afi, 2) + be(safi, 1) + be(nexthop.size(), 1) + nexthop + zeros(1) + routes);
-}
-bytes unreach(const bytes &routes, int safi = 128) {
-  return attr(0x80, 15, be(1, 2) + be(safi, 1) + routes);
-}
-bytes hop(uint32_t address) { return zeros(8) + be(address, 4); }
-const bytes kBase = kOrigin + kPath, kReach1 = reach(hop(kHop1), kPlain),
-            kReach2 = reach(hop(kHop2), kPlain), kA = targets({kTargetA}), kRest = kReach2 + kA,
-            kNextHop = attr(0x40, 3, be(kHop1, 4)), kNoHost = attr(0x40, 3, be(0xffffffff, 4));
-bytes announce(const bytes &routes, uint32_t nexthop = kHop1, uint64_t target = kTargetA) {
-  return update(kBase + reach(hop(nexthop), routes) + targets({target}));
-}
-
-// ---- BMP ----
-
-bytes bmp(int type, const bytes &body) {
-  return be(3, 1) + be(6 + body.size(), 4) + be(type, 1) + body;
-}
-// What a peer's header says of it but for the time.
-bytes peer(int type, int flags, uint64_t distinguisher, uint32_t address, uint32_t as = 65000) {
-  return be(type, 1) + be(flags, 1) + be(distinguisher, 8) + zeros(12) + be(address, 4) +
-         be(as, 4) + be(as, 4);
-}
-bytes from(const bytes &peer, int type, const bytes &body) {
-  return bmp(type, peer + zeros(8) + body);
-}
-const bytes kLoc = peer(3, 0, 0, 0), kLocFiltered = peer(3, 0x80, 0, 0, 0),
-            kVrf = peer(3, 0, 0x0000fde800000064, 0), kPre = peer(0, 0, 0, 0x0a000001),
-            kPost = peer(0, 0x40, 0, 0x0a000001), kOut = peer(0, 0x10, 0, 0x0a000001),
-            kOther = peer(0, 0, 0, 0x0a000002);
-
-bytes monitor(const bytes &message, const bytes &p = kLoc) { return from(p, 0, message); }
-bytes tell(const bytes &routes, const bytes &p = kLoc, uint32_t nexthop = kHop1,
-           uint64_t target = kTargetA) {
-  return monitor(announce(routes, nexthop, target), p);
-}
-bytes learn(const bytes &attributes, const bytes &routes = "", const bytes &p = kLoc) {
-  return monitor(update(kBase + attributes, routes), p);
-}
-bytes take(const bytes &routes, const bytes &p = kLoc, int safi = 128) {
-  return monitor(update(unreach(routes, safi)), p);
-}
-bytes down(const bytes &p = kLoc) { return from(p, 2, be(1, 1)); }
-// ADD-PATH of VPNv4 in the OPENs sent and received, in the list's short or extended form.
-bytes up(int sent, int received, const bytes &p = kLoc, bool extended = false) {
-  const int size = extended ? 2 : 1;
-  const auto open = [&](int direction) {
-    const bytes capability = be(0x4504000180, 5) + be(direction, 1);
-    const bytes list = be(2, 1) + be(capability.size(), size) + capability;
-    return bgp(1, zeros(9) + (extended ? be(0xffff, 2) : "") + be(list.size(), size) + list);
-  };
-  return from(p, 3, zeros(20) + open(sent) + open(received));
-}
-const bytes kInitiation = bmp(4, be(2, 2) + be(3, 2) + "pe1"), kTermination = bmp(5, "");
-const bytes kGood = tell(kPlain), kToB = tell(kPlain, kLoc, kHop2, kTargetB),
-            kToC = tell(kPlain, kLoc, kHop3, kTargetC);
-
-std::span<const uint8_t> span_of(const bytes &text) {
-  return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
-}
-
-struct rib_world {
-  global_table global;
-  fence pace;
-  redistribution reports{pace};
-  rib routes{global, reports};
-
-  rib_world() {
-    routes.add_vrf({"A", 'A', {kTargetA}});
-    routes.add_vrf({"B", 'B', {kTargetB}});
-    routes.add_vrf({"C", 'C', {kTargetC}});
-    routes.add_vrf({"X", 'X', {kNo, kNo + 3}});
-  }
-  /// " A1*2": table A has two routes to 10.255.1.1. Then the global route to 10.9.1.1, if any.
-  std::string learned() {
-    routes.settle();
-    std::string text;
-    for (const route_count &c : routes.count_routes()) {
-      const uint32_t address = ntohl(c.nexthop), n = address & 0xff;
-      text += std::string(" ") + static_cast<char>(c.table_id) +
-              (address == 0x0aff0000 + 0x101 * n ? std::to_string(n) : address_text(c.nexthop)) +
-              "*" + std::to_string(c.routes);
-    }
-    if (const auto route = global.lookup(0x0a090101))
-      text += ' ' + prefix_text(htonl(route->prefix), route->length);
-    return text;
-  }
-};
-
-enum setup { kLocRib, kPreView, kRecording };
-
-struct world : rib_world {
-  std::vector<std::string> said;
-  bmp_session session;
-
-  explicit world(setup how = kLocRib)
-      : session(routes, how == kPreView ? bmp_view::pre_policy : bmp_view::loc_rib,
-                how == kRecording ? kind::recording : kind::connection, "r",
-                [this](const std::string &line) { said.push_back(line); }) {}
-  bool feed(const bytes &stream) { return session.feed(span_of(stream)); }
-  /// What was learned, " fault*1" and " said*1" for one diagnostic.
-  std::string state() {
-    std::string text = learned();
-    for (const auto &[fault, count] : session.info().malformed)
-      text += ' ' + fault + '*' + std::to_string(count);
-    return text + (said.empty() ? "" : " said*" + std::to_string(said.size()));
-  }
-};
-
 bytes thousand_routes() {
   bytes many;
   for (uint32_t i = 0; i < 1000; ++i) many += vpn(32, 0x0a020000 + i);
   return many;
 }
-const bytes kNine1 = ip(24, 0x0a090100), kNine = ip(16, 0x0a090000);
 bytes unicast(const bytes &routes) { return reach(be(kHop1, 4), routes, 1); }
 
 const struct {
@@ -390,21 +220,13 @@ TEST(BmpSession, IsBounded) {
 
 // ---- Every way to split, cut and corrupt one stream ----
 
-const bytes kStream =
-    kInitiation + up(1, 2, kPre) + tell(kId7 + be(8, 4) + vpn(32, 0x0a010201), kPre) +
-    learn(kNextHop + attr(0x80, 4, zeros(4)) + reach(hop(kHop2), kTwo) +
-              targets({kTargetB, kTargetC}),
-          "", kPre) +
-    take(kPlain, kPre) + learn(kNextHop, kNine, kPre) + tell(kPlain, kOther, kHop3, kTargetC) +
-    down(kOther) + down(kLoc) + tell(kPlain, kPre, kHop3, kTargetB);
-
 TEST(BmpSession, AnySplitGivesTheSame) {
   for (size_t size = kStream.size(); size > 0; --size) {
     world w(kPreView);
     for (size_t at = 0; at < kStream.size(); at += size) w.feed(kStream.substr(at, size));
     const session_info info = w.session.info();
     ASSERT_EQ(w.state() + "; " + std::to_string(info.messages) + info.system_name,
-              " A1*2 B2*1 B3*1 C2*1 10.9.0.0/16 said*1; 10pe1")
+              kStreamState + std::string(" said*1; 10pe1"))
         << "in chunks of " << size;
   }
 }
@@ -456,57 +278,6 @@ TEST(BmpSession, NoTruncationShowsAWrongPe) {
 }
 
 // ---- The station ----
-
-struct station_world : rib_world {
-  rib_thread loop{routes, reports, pace};
-  bmp_station station{routes, loop, bmp_view::loc_rib};
-
-  std::string shown() {
-    std::string text;
-    loop.call([&] { text = learned(); });
-    return text;
-  }
-  /// Each question is a turn of the RIB thread, so the answer comes without a pause.
-  bool comes_to(const std::string &expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (shown() != expected)
-      if (std::chrono::steady_clock::now() > deadline) return false;
-    return true;
-  }
-  uint16_t listening_port() {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(station.listen("0"), "");
-    const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(said.starts_with("tarvo-agent: listening on 127.0.0.1:")) << said;
-    return static_cast<uint16_t>(std::stoi(said.substr(said.rfind(':') + 1)));
-  }
-};
-
-// A router's end of a connection.
-class router {
- public:
-  explicit router(uint16_t port) {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval patience{30, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
-  }
-  ~router() { close(fd_); }
-  void send(const bytes &stream) {
-    EXPECT_EQ(::send(fd_, stream.data(), stream.size(), MSG_NOSIGNAL), ssize_t(stream.size()));
-  }
-  /// Waits until the station closes.
-  bool closed() {
-    char byte;
-    return read(fd_, &byte, 1) <= 0 && errno != EAGAIN;
-  }
-
- private:
-  const int fd_ = socket(AF_INET, SOCK_STREAM, 0);
-};
 
 TEST(BmpStation, KeepsConnectionsApart) {
   station_world w;

@@ -122,6 +122,8 @@ TEST(Command, Completes) {
       {"vrf add ", {}},
       {"quit ", {}},
       {"nonsense s", {}},
+      {"# s", {}},
+      {"show #", {}},
   };
   for (const auto &row : rows)
     EXPECT_EQ(complete_command(row.line, vrfs), row.expected) << row.line;

@@ -1,0 +1,131 @@
+// The station's surroundings: the real RIB with four tables, a session or a station on it, and the
+// router's end of a connection. The RIB's fence stays closed: the module is never called.
+#pragma once
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <list>
+#include <vector>
+
+#include "agent/bmp_session.h"
+#include "agent/bmp_station.h"
+#include "agent/fence.h"
+#include "agent/global_table.h"
+#include "agent/redistribution.h"
+#include "agent/rib.h"
+#include "agent/rib_thread.h"
+#include "agent/text.h"
+#include "tests/agent/bmp_bytes.h"
+
+namespace agent {
+
+using kind = bmp_session::source_kind;
+
+struct rib_world {
+  global_table global;
+  fence pace;
+  redistribution reports{pace};
+  rib routes{global, reports};
+
+  rib_world() {
+    routes.add_vrf({"A", 'A', {kTargetA}});
+    routes.add_vrf({"B", 'B', {kTargetB}});
+    routes.add_vrf({"C", 'C', {kTargetC}});
+    routes.add_vrf({"X", 'X', {kNo, kNo + 3}});
+  }
+  /// " A1*2": table A has two routes to 10.255.1.1. Then the global route to 10.9.1.1, if any.
+  std::string learned() {
+    routes.settle();
+    std::string text;
+    for (const route_count &c : routes.count_routes()) {
+      const uint32_t address = ntohl(c.nexthop), n = address & 0xff;
+      text += std::string(" ") + static_cast<char>(c.table_id) +
+              (address == 0x0aff0000 + 0x101 * n ? std::to_string(n) : address_text(c.nexthop)) +
+              "*" + std::to_string(c.routes);
+    }
+    if (const auto route = global.lookup(0x0a090101))
+      text += ' ' + prefix_text(htonl(route->prefix), route->length);
+    return text;
+  }
+};
+
+enum setup { kLocRib, kPreView, kRecording };
+
+struct world : rib_world {
+  std::vector<std::string> said;
+  bmp_session session;
+
+  explicit world(setup how = kLocRib)
+      : session(routes, how == kPreView ? bmp_view::pre_policy : bmp_view::loc_rib,
+                how == kRecording ? kind::recording : kind::connection, "r",
+                [this](const std::string &line) { said.push_back(line); }) {}
+  bool feed(const bytes &stream) { return session.feed(span_of(stream)); }
+  /// What was learned, " fault*1" and " said*1" for one diagnostic.
+  std::string state() {
+    std::string text = learned();
+    for (const auto &[fault, count] : session.info().malformed)
+      text += ' ' + fault + '*' + std::to_string(count);
+    return text + (said.empty() ? "" : " said*" + std::to_string(said.size()));
+  }
+};
+
+struct station_world : rib_world {
+  rib_thread loop{routes, reports, pace};
+  bmp_station station;
+
+  explicit station_world(std::chrono::milliseconds idle = bmp_station::kIdle)
+      : station(routes, loop, bmp_view::loc_rib, idle) {}
+
+  std::string shown() {
+    std::string text;
+    loop.call([&] { text = learned(); });
+    return text;
+  }
+  /// Each question is a turn of the RIB thread, so the answer comes without a pause.
+  bool comes_to(const std::string &expected) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (shown() != expected)
+      if (std::chrono::steady_clock::now() > deadline) return false;
+    return true;
+  }
+  uint16_t listening_port() {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(station.listen("0"), "");
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(said.starts_with("tarvo-agent: listening on 127.0.0.1:")) << said;
+    return static_cast<uint16_t>(std::stoi(said.substr(said.rfind(':') + 1)));
+  }
+};
+
+// A router's end of a connection.
+class router {
+ public:
+  explicit router(uint16_t port) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(port);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const timeval patience{30, 0};
+    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
+  }
+  ~router() { close(fd_); }
+  void send(const bytes &stream) { EXPECT_TRUE(try_send(stream)); }
+  bool try_send(const bytes &stream) {
+    return ::send(fd_, stream.data(), stream.size(), MSG_NOSIGNAL) == ssize_t(stream.size());
+  }
+  /// Waits until the station closes.
+  bool closed() {
+    char byte;
+    return read(fd_, &byte, 1) <= 0 && errno != EAGAIN;
+  }
+
+ private:
+  const int fd_ = socket(AF_INET, SOCK_STREAM, 0);
+};
+
+}  // namespace agent
