@@ -147,9 +147,10 @@ TEST(Faults, OfTheTimerRefuseToListen) {
 // Every allocation of a session and its RIB, in order: the session ends with one line or does
 // without; the RIB stays whole, and the router's next session brings everything.
 TEST(Faults, OfAllocationsLeaveTheRibWhole) {
-  bytes stream = kStream + up(0, 0, kPre);
-  for (uint32_t i = 0; i < 1200; ++i)  // and so a doubling of the buckets
-    stream += tell(vpn(32, 0x0b000000 + i), kPre, kHop2, kTargetB);
+  bytes many;
+  for (uint32_t i = 0; i < 1200; ++i) many += vpn(32, 0x0b000000 + i);
+  // With a doubling of the buckets.
+  const bytes stream = kStream + up(0, 0, kPre) + tell(many, kPre, kHop2, kTargetB);
   const std::string whole = " A1*2 B2*1201 B3*1 C2*1 10.9.0.0/16";
   for (const bool forever : {false, true}) {
     long nth = 0;
