@@ -218,6 +218,26 @@ TEST(BmpSession, IsBounded) {
   EXPECT_EQ(noisy.state(), " withdrawn-length*1010 said*1001");
 }
 
+// Target sets of 64 KiB each: memory doesn't grow without end, and a route whose new attributes
+// find no room doesn't keep the old ones.
+TEST(BmpSession, RefusesAttributesBeyondTheLimit) {
+  world w;
+  w.feed(kGood);
+  const auto many = [](uint64_t set) {
+    bytes list;
+    for (uint64_t i = 0; i < 8000; ++i) list += be(0x2000000000000 | set << 16 | i, 8);
+    return attr(0xc0, 16, list);
+  };
+  for (uint64_t set = 1; w.session.info().skipped.rib_full == 0 && set < 3000; ++set)
+    w.feed(learn(reach(hop(kHop2), vpn(32, static_cast<uint32_t>(set))) + many(set)));
+  EXPECT_EQ(w.routes.paths(), attr_store::kMaxTargets / 8000 + 1);
+  EXPECT_EQ(w.state(), " A1*1 said*1");
+  w.feed(learn(kReach2 + many(5000)));
+  EXPECT_EQ(w.learned(), "");
+  w.feed(take(vpn(32, 1)) + kGood);
+  EXPECT_EQ(w.learned(), " A1*1");
+}
+
 // ---- Every way to split, cut and corrupt one stream ----
 
 TEST(BmpSession, AnySplitGivesTheSame) {

@@ -110,6 +110,7 @@ TEST(Faults, OfSystemCallsAreToldAndSurvived) {
         testing::internal::CaptureStderr();
         row.failing.error = row.error;
         row.failing.faults.arm(nth, forever);
+        const auto start = std::chrono::steady_clock::now();
         {
           // Every router gives a connection to accept, bytes to read, and turns of the loop.
           std::list<router> routers;
@@ -120,6 +121,9 @@ TEST(Faults, OfSystemCallsAreToldAndSurvived) {
           }
           row.failing.faults.disarm();
         }
+        // What is tried again is not tried all the time: a tick or a pause lies between.
+        const bool retried = forever && bytes(row.told).ends_with("trying again");
+        EXPECT_TRUE(!retried || std::chrono::steady_clock::now() - start >= kIdle / 4);
         EXPECT_TRUE(w.comes_to(""));
         router next(port);
         next.send(kGood);
@@ -147,10 +151,21 @@ TEST(Faults, OfTheTimerRefuseToListen) {
 // Every allocation of a session and its RIB, in order: the session ends with one line or does
 // without; the RIB stays whole, and the router's next session brings everything.
 TEST(Faults, OfAllocationsLeaveTheRibWhole) {
-  bytes stream = kStream + up(0, 0, kPre);
-  for (uint32_t i = 0; i < 1200; ++i)  // and so a doubling of the buckets
-    stream += tell(vpn(32, 0x0b000000 + i), kPre, kHop2, kTargetB);
-  const std::string whole = " A1*2 B2*1201 B3*1 C2*1 10.9.0.0/16";
+  bytes many;
+  for (uint32_t i = 0; i < 1200; ++i) many += vpn(32, 0x0b000000 + i);
+  // With a doubling of the buckets.
+  const bytes stream = kStream + up(0, 0, kPre) + tell(many, kPre, kHop2, kTargetB);
+  const auto memory_after = [&stream](rib_world &w) {
+    bmp_session again(w.routes, bmp_view::pre_policy, kind::connection, "r", [](const auto &) {});
+    EXPECT_TRUE(again.feed(span_of(stream)));
+    EXPECT_EQ(w.learned(), " A1*2 B2*1201 B3*1 C2*1 10.9.0.0/16");
+    again.finish("");
+    w.routes.settle();
+    return w.routes.memory();
+  };
+  rib_world untroubled;
+  memory_after(untroubled);
+  const size_t right = memory_after(untroubled);  // as for the second session of a RIB
   for (const bool forever : {false, true}) {
     long nth = 0;
     do {
@@ -167,9 +182,7 @@ TEST(Faults, OfAllocationsLeaveTheRibWhole) {
       EXPECT_TRUE(goes_on || w.session.stream_error().starts_with("out of memory"));
       EXPECT_TRUE(forever || goes_on || w.said.back() == "r: " + w.session.stream_error());
 
-      bmp_session again(w.routes, bmp_view::pre_policy, kind::connection, "r", [](const auto &) {});
-      EXPECT_TRUE(again.feed(span_of(stream)));
-      ASSERT_EQ(w.learned(), whole) << "allocation " << nth;
+      ASSERT_EQ(memory_after(w), right) << "allocation " << nth;
     } while (allocation.hits > 0);
     EXPECT_GT(nth, 50) << "as many are reached";
     if (!forever) RecordProperty("allocations", static_cast<int>(nth - 1));
