@@ -77,14 +77,14 @@ TEST(Records, AreRegisteredAllOrNone) {
                    {"bag_register_end", 1, all}};
   for (const auto &row : kFailures) {
     w.fail_next(row.operation, row.nth, 0x77);
-    EXPECT_EQ(bag_register_all_manageability_tarvo_oper_bags(nullptr), 0x77u);
+    EXPECT_EQ(bag_register_all_manageability_tarvo_oper_bags(&w), 0x77u);
     EXPECT_EQ(w.take(), row.did);
     bag_register_abort();  // what a failed end left open
     w.take();
   }
   EXPECT_EQ(bag_registered_count(), 0u);
   w.fail_next("");
-  EXPECT_EQ(bag_register_all_manageability_tarvo_oper_bags(nullptr), 0u);
+  EXPECT_EQ(bag_register_all_manageability_tarvo_oper_bags(&w), 0u);
   EXPECT_EQ(w.take(), all);
   EXPECT_EQ(bag_registered_count(), 26u);
 }
@@ -106,7 +106,7 @@ static json fill(std::string_view element, Member &member) {
   if constexpr (std::is_same_v<Member, const char *>) {
     return member = next() % 2 == 0 ? "" : "t\u00e4g";
   } else if constexpr (std::is_integral_v<Member>) {
-    member = static_cast<Member>(next() >> 32 >> next() % 32);
+    member = static_cast<Member>(next() >> (next() >> 32) % 64);
     if (element == "N") return address(&member, 4, 52);
     return element == "b" ? json(member != 0) : json(member);
   } else {

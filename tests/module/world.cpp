@@ -509,7 +509,7 @@ WRAPPED_OUTSIDE(ods_datalist_add,
                 type == 7 && flags == 0 ? std::string("add ") + key : "?")
 WRAPPED_OUTSIDE(bag_encode, (void **buffer, uint32_t *length, const void *native, const void *d),
                 (buffer, length, native, d), *buffer == nullptr && *length == 0 ? "encode" : "?")
-WRAPPED_OUTSIDE(bag_register_start, (void *registry), (registry), "open")
+WRAPPED_OUTSIDE(bag_register_start, (void *registry), (registry), registry == &w ? "open" : "?")
 WRAPPED_OUTSIDE(bag_register, (const void *d), (d),
                 std::string("register ") + static_cast<const bag_descriptor_t *>(d)->name)
 WRAPPED_OUTSIDE(bag_register_end, (), (), "close")
