@@ -130,7 +130,9 @@ constexpr void put_short(std::string_view body, Put put) {
   while (!body.empty()) {
     const char c = body[0];
     if (c == '{' || c == '[' || c == '<') {
-      body.remove_prefix(body.find(c == '{' ? '}' : c == '[' ? ']' : '>') + 1);
+      const size_t end = body.find(c == '{' ? '}' : c == '[' ? ']' : '>');
+      if (end == body.npos) return;  // no body that can be read
+      body.remove_prefix(end + 1);
       continue;
     }
     put(c);
