@@ -259,8 +259,9 @@ void play_all(const profile &p, double requests) {
   uint64_t seed = given < 0 ? std::random_device{}() : static_cast<uint64_t>(given);
   double left = from_environment("MODEL_REQUESTS", SANITIZED ? requests / 8 : requests);
   if (given < 0) {
-    left /= 2;
-    play(p, 1, static_cast<uint64_t>(std::min(left, kPiece)), 1e9);
+    const double same = std::min(left / 2, kPiece);
+    play(p, 1, static_cast<uint64_t>(same), 1e9);
+    left -= same;
   }
   for (; left > 0 && !testing::Test::HasFailure(); left -= kPiece)
     play(p, seed++, static_cast<uint64_t>(std::min(left, kPiece)), 1e9);
