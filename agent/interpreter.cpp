@@ -35,12 +35,15 @@ std::string failure(uint32_t code) {
   return "operational data: code " + code_text(code);
 }
 
-/// The next hops and their VRFs; null while discovery is inactive.
-std::string ask_nexthops(std::optional<std::vector<oper_nexthop>> &known) {
+/// The next hops and their VRFs, with their prefixes if wanted; null while discovery is inactive.
+std::string ask_nexthops(bool prefixes, std::optional<std::vector<oper_nexthop>> &known) {
   std::vector<oper_nexthop> nexthops;
   uint32_t code = oper_nexthops(nexthops);
+  if (code == 0 && prefixes) code = oper_prefixes(nexthops);
+  if (code != 0 && code != TARVO_ODS_ERR_NOT_FOUND) return failure(code);
+  // Asked last: where discovery ended in the middle, what was found is not all.
   json state;
-  if (code == TARVO_ODS_ERR_NOT_FOUND) code = oper_state(state);
+  code = oper_state(state);
   if (code == 0) known = std::move(nexthops);
   return failure(code);
 }
@@ -215,7 +218,7 @@ std::string interpreter::rib_restart() {
 
 std::string interpreter::show_vrfs() {
   std::optional<std::vector<oper_nexthop>> known;
-  const std::string refused = ask_nexthops(known);
+  const std::string refused = ask_nexthops(false, known);
   if (!refused.empty()) return refused;
 
   const std::vector<vrf_config> configured = vrfs();
@@ -227,13 +230,12 @@ std::string interpreter::show_vrfs() {
 std::string interpreter::show_nexthops(const std::string &vrf) {
   if (!vrf.empty() && !find_vrf(vrf)) return "no VRF '" + vrf + "'";
   std::optional<std::vector<oper_nexthop>> known;
-  const std::string refused = ask_nexthops(known);
+  const std::string refused = ask_nexthops(true, known);
   if (!refused.empty()) return refused;
 
   if (!known && form() == show_as::table) return print(std::string(kInactive) + '\n');
   std::vector<oper_nexthop> nexthops = std::move(known).value_or(std::vector<oper_nexthop>{});
   if (!vrf.empty()) keep_vrf(nexthops, vrf);
-  if (const std::string failed = failure(oper_prefixes(nexthops)); !failed.empty()) return failed;
   return print(agent::show_nexthops(form(), vrf, nexthops));
 }
 

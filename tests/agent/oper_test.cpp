@@ -47,6 +47,8 @@ const struct row {
     {"show vrfs", R"("routes":110,"nexthops":22)", kVrf, 0, "\xa1\x6bPrefixCount\x05"},
     {"show nexthops", kNone, kNhop, TARVO_ODS_ERR_NOT_FOUND},
     {"show state", "code 0x40829000", kState, TARVO_ODS_ERR_ENCODE},
+    {"show nexthops", "code 0x40820200", kState, ODS_ERR_NOMEM},
+    {"show nexthops", kNone, kState, TARVO_ODS_ERR_NOT_FOUND},  // it ended meanwhile
     {"show nexthops", "code 0x40820200", kNhop, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kPrefix, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kVrf, ODS_ERR_NOMEM},
