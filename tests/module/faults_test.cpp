@@ -446,6 +446,10 @@ TEST(Faults, EachFailureIsToldAndSurvived) {
 
   int points = 0;
   for (const auto &[operation, count] : calls) {
+#ifdef __SANITIZE_THREAD__
+    // It reports the unlocking of a lock that failed before the module can.
+    if (operation.starts_with("pthread_mutex")) continue;
+#endif
     printf("%s: %d calls\n", operation.c_str(), count);
     // A sanitizer takes ten times as long, and has little to see in the many calls of threads.
     const int step = SANITIZED && operation.starts_with("pthread_mutex") ? 10 : 1;

@@ -365,9 +365,10 @@ static const char *known(const char *name, std::initializer_list<unsigned long> 
   return name;
 }
 
+// The work queue's pool is used under its own lock, the others under the nd mutex.
 static const char *pool_name(const void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
-  if (pool == tarvo_nd_nhop_chunk) return "PE Discovery NHop Chunk";
-  return pool == tarvo_nd_table_chunk ? "PE Discovery Table ID Chunk" : "PE Discovery workQ Chunk";
+  if (pool == w.workq_pool) return "PE Discovery workQ Chunk";
+  return pool == tarvo_nd_nhop_chunk ? "PE Discovery NHop Chunk" : "PE Discovery Table ID Chunk";
 }
 
 static const char *tree_name(const void *tree) {
