@@ -199,7 +199,10 @@ void bmp_station::accept_ready(int listening_fd) {
   socklen_t size = sizeof peer;
   descriptor fd(accept4(listening_fd, reinterpret_cast<sockaddr *>(&peer), &size,
                         SOCK_NONBLOCK | SOCK_CLOEXEC));
-  if (fd.number >= 0) return accepted(std::move(fd), endpoint_text(peer));
+  if (fd.number >= 0) {
+    told_resting_ = false;
+    return accepted(std::move(fd), endpoint_text(peer));
+  }
   if (errno == EMFILE || errno == ENFILE) return shed_connection(listening_fd);
   // The connection's own end, before it was accepted.
   if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
@@ -227,7 +230,7 @@ void bmp_station::shed_connection(int listening_fd) {
   tell_full(why);
 }
 
-// So would a failure that stays.
+// So would a failure that stays. Told once until a connection is accepted.
 void bmp_station::rest_listener(int listening_fd, const std::string &why) {
   resting_.push_back(listening_fd);
   loop_.remove_fd(listening_fd);

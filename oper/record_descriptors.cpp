@@ -23,8 +23,6 @@ static consteval bag_descriptor_t describe(const char *name) {
 #define RECORD(number, name, size, body) \
   constinit const bag_descriptor_t name##_bag = describe<number>(#name);
 #include "oper/record_types.def"
-#undef TYPE
-#undef RECORD
 
 // ---- The native structures of tarvo/oper_records.h are what the descriptors say ----
 
@@ -105,13 +103,6 @@ consteval bool same_members(std::initializer_list<native_member> members) {
       "members of " #name);
 #define RECORD TYPE
 #include "oper/record_types.def"
-#undef BARE
-#undef FIELD
-#undef UNION
-#undef ARM
-#undef EMPTY_ARM
-#undef TYPE
-#undef RECORD
 
 }  // namespace
 
@@ -121,8 +112,6 @@ constexpr const bag_descriptor_t *kRecords[] = {
 #define TYPE(number, name, size, body)
 #define RECORD(number, name, size, body) &name##_bag,
 #include "oper/record_types.def"
-#undef TYPE
-#undef RECORD
 };
 
 uint32_t bag_register_all_manageability_tarvo_oper_bags(void *registry) {

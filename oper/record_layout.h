@@ -34,13 +34,6 @@ struct type_body {
 inline constexpr type_body kTypes[] = {
 #include "oper/record_types.def"
 };
-#undef BARE
-#undef FIELD
-#undef UNION
-#undef ARM
-#undef EMPTY_ARM
-#undef TYPE
-#undef RECORD
 
 static_assert(std::ranges::adjacent_find(kTypes, std::ranges::greater_equal{},
                                          &type_body::number) == std::end(kTypes),

@@ -18,8 +18,6 @@ using texts = std::vector<std::string>;
 static const bag_descriptor_t *const kRecords[] = {
 #include "oper/record_types.def"
 };
-#undef TYPE
-#undef RECORD
 
 // "NESTED SIZE: OFFSETS / TYPE SIZE: OFFSETS ...": as many offsets as the table says.
 static std::string table_text(const bag_type_table_t *own, const std::string &expected) {
@@ -141,8 +139,6 @@ static json fill(std::string_view element, Member &member) {
   }
 #define RECORD TYPE
 #include "oper/record_types.def"
-#undef TYPE
-#undef RECORD
 
 template <typename Native>
 static void round_trip(const bag_descriptor_t &record) {
