@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * What the agent provides to the module, and the callback tables that the module hands to it.
  *
  * The library leaves these functions undefined; the program that loads it defines them (and
@@ -16,48 +17,63 @@ extern "C" {
 
 /* ---- Callback tables: constant data of the module, registered by start-up ---- */
 
-/* For the configuration layer. */
+/** For the configuration layer. */
 typedef struct tarvo_nd_cfg_fns {
-  void (*set_rib_refresh_interval)(uint32_t seconds);
+  void (*set_rib_refresh_interval)(uint32_t seconds); /**< tarvo_nd_set_rib_refresh_interval */
 } tarvo_nd_cfg_fns_t;
 
-/* For the RIB layer. */
+/** For the RIB layer. */
 typedef struct tarvo_nd_rib_fns {
+  /** tarvo_nd_enqueue_nhop_update */
   int (*nhop_update)(uint32_t table_id, uint32_t nhop_addr, int add);
-  int (*rib_restart)(void);
+  int (*rib_restart)(void); /**< tarvo_nd_enqueue_rib_restart */
 } tarvo_nd_rib_fns_t;
 
-/* For the table layer. */
+/** For the table layer. */
 typedef struct tarvo_nd_ital_fns {
+  /** tarvo_nd_enqueue_table_update */
   int (*table_update)(const char *vrf_name, uint32_t table_id, int add);
 } tarvo_nd_ital_fns_t;
 
-/* For the operational-data store. The last two slots are empty. */
+/** For the operational-data store (tarvo/oper_data.h). */
 typedef struct tarvo_nd_ods_fns {
+  /** tarvo_mpls_discovery_ods_get */
   uint32_t (*get)(void *context, ods_item_t *item, ods_path_t *path);
+  /** tarvo_mpls_discovery_ods_list */
   uint32_t (*list)(void *context, ods_list_result_t *result, ods_path_t *path, void *more);
+  /** tarvo_mpls_discovery_ods_datalist */
   uint32_t (*datalist)(void *context, ods_list_result_t *result, ods_path_t *path, void *more);
-  void (*unused[2])(void);
+  void (*unused[2])(void); /**< null */
 } tarvo_nd_ods_fns_t;
 
 static_assert(sizeof(tarvo_nd_ods_fns_t) == 5 * sizeof(void *), "five slots");
 
+/** @name The tables
+ * @{ */
+/** What start-up hands to the registration calls below. */
 TARVO_API extern const tarvo_nd_cfg_fns_t tarvoMplsDiscoveryCfgFns;
 TARVO_API extern const tarvo_nd_rib_fns_t tarvoMplsDiscoveryRibFns;
 TARVO_API extern const tarvo_nd_ital_fns_t tarvoMplsDiscoveryItalFns;
 TARVO_API extern const tarvo_nd_ods_fns_t tarvoMplsDiscoveryODSFns;
+/** @} */
 
-/* Registration calls, made by tarvo_nd_init on its caller's thread, in this order. The tables
- * live as long as the module. The results are not looked at. */
+/** @name Registration calls
+ * @{ */
+/**
+ * Made by tarvo_nd_init on its caller's thread, in this order. The tables live as long as the
+ * module. The results are not looked at.
+ */
 TARVO_API int tarvoDiscoverySetODSFns(const tarvo_nd_ods_fns_t *fns);
 TARVO_API int tarvo_ital_cb_fn_set(const tarvo_nd_ital_fns_t *fns);
 TARVO_API int tarvo_rib_cb_fn_set(const tarvo_nd_rib_fns_t *fns);
 TARVO_API int tarvo_cfg_cb_fn_set(const tarvo_nd_cfg_fns_t *fns);
+/** @} */
 
-/* ------------------------------------ RIB ------------------------------------ */
-/*
+/**
+ * @name RIB
  * Called on the worker thread with the nd mutex held. They must not wait for the worker and must
  * not call a query; they may queue reports.
+ * @{
  */
 
 /**
@@ -76,6 +92,8 @@ TARVO_API int tarvo_rib_ipv4_redist(uint32_t table_id, int on);
 
 /** Asks for the next hop of every route of a redistributed table again. The result is not used. */
 TARVO_API int tarvo_rib_ipv4_redist_reset(uint32_t table_id);
+
+/** @} */
 
 /** The router's default IPv4 unicast table, which is no VPN table. Any thread. */
 TARVO_API uint32_t rtab_c_tbl_id_ipv4_ucast_dflt(void);

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * MPLS VPN provider-edge discovery: the module's exported calls. Open this header first.
  *
  * The agent calls tarvo_nd_init once. From then on it feeds the module through the callback tables
@@ -112,6 +113,7 @@ TARVO_API uint32_t tarvo_pe_discovery_unregister(uint32_t client_id);
 /**
  * Replays to a client what it watches: ADD for every reachable next hop, then RESEND_END.
  *
+ * @param client_id  as at its registration
  * @param vrf_name  as at its registration; a client not registered so is told nothing
  * @return TARVO_ND_OK queued; TARVO_ND_ERR_NOMEM
  *
@@ -119,13 +121,14 @@ TARVO_API uint32_t tarvo_pe_discovery_unregister(uint32_t client_id);
  */
 TARVO_API uint32_t tarvo_pe_discovery_resend(uint32_t client_id, const char *vrf_name);
 
-/* --------------------------------- Queries --------------------------------- */
-/*
+/**
+ * @name Queries
  * Each takes the nd mutex for one search and copies out `info` and `flags`; it waits for one
  * request of the worker at most, and the copy may be stale on return. Table 0 stands for all
  * tables. Next hops without a route are found too, with TARVO_ND_NHOP_REACHABLE clear. Results:
  * TARVO_ND_OK; TARVO_ND_ERR_INVALID_ARG when `out` is null; TARVO_ND_ERR_NOT_FOUND when nothing
  * matches or discovery is inactive. `out` is left alone unless the result is TARVO_ND_OK.
+ * @{
  */
 
 /** Copies out the next hop with the lowest address that `table_id` refers to. */
@@ -141,6 +144,8 @@ TARVO_API uint32_t tarvo_nd_next_nhop_by_tableid(uint32_t table_id, uint32_t nho
 /** Copies out the next hop with this address, provided that `table_id` refers to it. */
 TARVO_API uint32_t tarvo_nd_lookup_nhop_by_tableid(uint32_t table_id, uint32_t nhop_addr,
                                                    tarvo_nd_nhop_t *out);
+
+/** @} */
 
 /**
  * The VRF name of a routing table, or null when the table is unknown.

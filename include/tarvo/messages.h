@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Message catalogue of the monitoring feature: twelve message records and four rate limits.
  *
  * A component logs with oxa_errmsg(&record, record.severity, arguments of its format...). The
@@ -15,6 +16,9 @@
 extern "C" {
 #endif
 
+/** @name Message records
+ * @{ */
+/** Constant data, the message's own severity in it. */
 TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_agent;
 TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_disc_limit;
 TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_err_mem;
@@ -27,11 +31,16 @@ TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_lpd_result_chg;
 TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_lsp_group_chg;
 TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_threshold_clear;
 TARVO_API extern const oxa_msg_rec_t oxa_msg_rec_tarvo_threshold_set;
+/** @} */
 
+/** @name Rate limits
+ * @{ */
+/** One line in 300 s of DISC_LIMIT and ISSU_INFO, in 1 s of the others. */
 TARVO_API extern oxa_msg_limit_t oxa_msg_limit_tarvo_disc_limit;
 TARVO_API extern oxa_msg_limit_t oxa_msg_limit_tarvo_err_mplslm;
 TARVO_API extern oxa_msg_limit_t oxa_msg_limit_tarvo_err_oper;
 TARVO_API extern oxa_msg_limit_t oxa_msg_limit_tarvo_issu_info;
+/** @} */
 
 #ifdef __cplusplus
 }

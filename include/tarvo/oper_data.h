@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Operational data: what the platform's store can ask the module, and how.
  *
  * Start-up hands tarvoMplsDiscoveryODSFns to the agent (tarvo/agent_services.h); a store calls its
@@ -32,30 +33,33 @@
 extern "C" {
 #endif
 
-/* Item identifiers. */
-#define TARVO_DISC_ITEM_STATE UINT32_C(0x01010001)  /* tarvo_discovery_state_bag */
-#define TARVO_DISC_ITEM_NHOP UINT32_C(0x01010002)   /* the remote PEs */
-#define TARVO_DISC_ITEM_PREFIX UINT32_C(0x01010003) /* tarvo_discovery_prefix_bag of one */
-#define TARVO_DISC_ITEM_VRF UINT32_C(0x01010004)    /* the VRFs of one: tarvo_discovery_vrf_bag */
+/** Item identifiers. */
+#define TARVO_DISC_ITEM_STATE UINT32_C(0x01010001)  /**< tarvo_discovery_state_bag */
+#define TARVO_DISC_ITEM_NHOP UINT32_C(0x01010002)   /**< the remote PEs */
+#define TARVO_DISC_ITEM_PREFIX UINT32_C(0x01010003) /**< tarvo_discovery_prefix_bag of one */
+#define TARVO_DISC_ITEM_VRF UINT32_C(0x01010004)    /**< the VRFs of one: tarvo_discovery_vrf_bag */
 
-/* Result codes. */
-#define TARVO_ODS_ERR_NO_SUCH_ITEM UINT32_C(0x40828400) /* not an item of this callback */
-#define TARVO_ODS_ERR_NOT_FOUND UINT32_C(0x40828600)    /* inactive, unknown, or nothing to list */
-#define TARVO_ODS_ERR_ENCODE UINT32_C(0x40829000)       /* the encoder failed in a get */
-#define TARVO_ODS_ERR_NO_RESULT UINT32_C(0x40818800)    /* a list without a place for it */
+/** Result codes. */
+#define TARVO_ODS_ERR_NO_SUCH_ITEM UINT32_C(0x40828400) /**< not an item of this callback */
+#define TARVO_ODS_ERR_NOT_FOUND UINT32_C(0x40828600) /**< inactive, unknown, or nothing to list */
+#define TARVO_ODS_ERR_ENCODE UINT32_C(0x40829000)    /**< the encoder failed in a get */
+#define TARVO_ODS_ERR_NO_RESULT UINT32_C(0x40818800) /**< a list without a place for it */
 
-/* ods_item_t's type of an encoded record. */
+/** ods_item_t's type of an encoded record. */
 #define TARVO_ODS_TYPE_BAG 7
 
-/* Most next hops in one reply. A reply of that many has the more flag, also when none is left. */
+/** Most next hops in one reply. A reply of that many has the more flag, also when none is left. */
 #define TARVO_ODS_NHOP_PAGE 10
 
-/* The callbacks of tarvoMplsDiscoveryODSFns: by item, to the calls below. `context` is not used. */
+/** @name Callbacks
+ * @{ */
+/** A callback of tarvoMplsDiscoveryODSFns: by item, to the calls below. `context` is not used. */
 TARVO_API uint32_t tarvo_mpls_discovery_ods_get(void *context, ods_item_t *item, ods_path_t *path);
 TARVO_API uint32_t tarvo_mpls_discovery_ods_list(void *context, ods_list_result_t *result,
                                                  ods_path_t *path, void *more);
 TARVO_API uint32_t tarvo_mpls_discovery_ods_datalist(void *context, ods_list_result_t *result,
                                                      ods_path_t *path, void *more);
+/** @} */
 
 /** Seconds left of the refresh interval. */
 TARVO_API uint32_t tarvo_mpls_discovery_ods_vpn_state_get(ods_item_t *item, ods_path_t *path);
