@@ -21,7 +21,10 @@ PLATFORM_API void *event_mgr_create(void);
 /* Frees a manager that no thread dispatches and no timer or thread can raise any more. */
 PLATFORM_API void event_mgr_destroy(void *mgr);
 
-/* Waits for events and runs their handlers until event_mgr_stop. Returns 0, or -1 with errno. */
+/*
+ * Waits for events and runs their handlers until event_mgr_stop. Returns 0, or -1 with errno set
+ * (EINVAL for a null manager).
+ */
 PLATFORM_API int event_mgr_dispatch(void *mgr);
 
 /*
@@ -42,7 +45,7 @@ PLATFORM_API int event_async_attach(void *mgr, unsigned kind, event_handler hand
 /*
  * Fills a zeroed sigevent so that delivering it raises the event. It uses SIGEV_THREAD, so no
  * signal has to be blocked or handled anywhere. The third and fourth arguments are 0. Returns 0,
- * or -1 with errno set.
+ * or -1 with errno set (EINVAL for a null manager or a code that is not attached).
  */
 PLATFORM_API int event_init_sigevent(void *mgr, int code, long zero1, long zero2,
                                      struct sigevent *event);

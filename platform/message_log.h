@@ -4,8 +4,9 @@
  * A message is a record that never changes, held by whoever logs it: the log reads facility,
  * group, mnemonic and format from it. A line is
  *     2026-11-24T19:30:00.123Z TARVO-KORV-4-ERR_MEM: During mallocing NHop Chunk
- * with the time in UTC. A line has at most 1024 bytes: a longer text is cut and ends in "...". A
- * control character in it is written as "?". Each line is one write, so threads never mix theirs.
+ * with the time in UTC. A line has at most 1024 bytes: a text that is longer, for which at least
+ * 900 are left, is cut and ends in "...". A control character in it is written as "?". Each line is
+ * one write, so threads never mix theirs.
  */
 #ifndef TARVO_PLATFORM_MESSAGE_LOG_H
 #define TARVO_PLATFORM_MESSAGE_LOG_H

@@ -7,8 +7,8 @@
 PLATFORM_BEGIN
 
 /*
- * `n` zeroed elements of `size` bytes, or null. Released with free(). The name is for the
- * platform's accounting; this layer keeps none. Any thread.
+ * `n` zeroed elements of `size` bytes, or null, also when they exceed the address space. Released
+ * with free(). The name is for the platform's accounting; this layer keeps none. Any thread.
  */
 PLATFORM_API void *calloc_named(size_t n, size_t size, const char *name);
 

@@ -30,14 +30,16 @@ static_assert(offsetof(guarded_mutex_t, mutex) == 0, "the lock's address is its 
 
 /*
  * Called by the thread that took `mutex` of `lock` (a guarded_mutex_t) and was told that its owner
- * died. On return the caller holds the lock by way of the companion, and the mark is set.
+ * died. On return the caller holds the lock by way of the companion, and the mark is set; when the
+ * companion is lost (ENOTRECOVERABLE) it holds `mutex` itself, made consistent, without a mark.
  */
 PLATFORM_API void rmx_revive_and_mark_mutex(void *lock);
 
 /*
  * Called with `mutex` of `lock` held and the mark seen. Returns 0 once the caller may go on as the
  * lock's holder, at once for the reviver itself; else the error number of the wait that failed.
- * When the reviver died too, the caller becomes the reviver.
+ * When the reviver died too, between whatever steps, the caller becomes the reviver, or the lock's
+ * plain holder if the mark is gone.
  */
 PLATFORM_API int rmx_wait_on_revival_condvar(void *lock);
 

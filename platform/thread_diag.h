@@ -19,7 +19,8 @@ PLATFORM_BEGIN
  */
 PLATFORM_API void set_thread_name(const char *name, pthread_t thread);
 
-/* Takes the calling thread's name away. The argument, null, makes it a clean-up handler. */
+/* Takes the calling thread's name away; the system's tools see the program's again. The argument,
+ * null, makes it a clean-up handler. */
 PLATFORM_API void remove_thread_name(void *unused);
 
 /* The calling thread is about to block on `lock` in the operation `caller` (static storage). */

@@ -1,11 +1,12 @@
 /*
  * Ordered trees of caller-owned records: plain (`avl_*`) and threaded (`wavl_*`).
  *
- * Both are one balanced tree. A record's first member is its node, so calls take and return the
- * record's own address; the tree allocates nothing and frees nothing. A comparator returns
- * TREE_BEFORE when the first record sorts before the second, TREE_EQUAL, or TREE_AFTER. Keys are
- * unique: inserting an equal record fails. Search, insert and delete cost a logarithm of the
- * number of records; the successor of a record is found in constant time on average.
+ * Both are one balanced tree: the heights of a record's two subtrees differ by one at most. A
+ * record's first member is its node, so calls take and return the record's own address; the tree
+ * allocates nothing and frees nothing. A comparator returns TREE_BEFORE when the first record sorts
+ * before the second, TREE_EQUAL, or TREE_AFTER. Keys are unique: inserting an equal record fails.
+ * Search, insert and delete cost a logarithm of the number of records; the successor of a record is
+ * found in constant time on average.
  *
  * A walk survives the deletion of its current record when the successor was taken first.
  * Nothing here locks.
