@@ -1,10 +1,9 @@
-// Events and timers, alone and together. Every wait has a bound that only a fault reaches.
+// Events and timers. Every wait has a bound that only a fault reaches.
 #include <signal.h>
 
-#include "platform/event.h"
-#include "platform/timer.h"
-#include "platform_test.h"
+#include "contract.h"
 
+namespace contract {
 namespace {
 
 void raise_event(const struct sigevent &event) { event.sigev_notify_function(event.sigev_value); }
@@ -28,7 +27,7 @@ struct counted {
   }
 };
 
-TEST(Event, CoalescesAndLosesNeitherAStopNorARaise) {
+TEST(events, CoalesceAndLoseNeitherAStopNorARaise) {
   void *mgr = event_mgr_create();
   counted once{mgr, 1}, thrice{mgr, 3};
   event_mgr_stop(mgr);
@@ -41,17 +40,37 @@ TEST(Event, CoalescesAndLosesNeitherAStopNorARaise) {
   event_mgr_destroy(mgr);
 }
 
-TEST(Event, AndTimerRefuse) {
+TEST(events, Refuse) {
   void *mgr = event_mgr_create();
-  struct sigevent event = attach(mgr, counted::handler, nullptr), unknown = {};
-  unknown.sigev_notify = 12345;
+  struct sigevent event = attach(mgr, counted::handler, nullptr);
   const auto refused = [](int rc) { return rc == -1 && std::exchange(errno, 0) == EINVAL; };
   EXPECT_TRUE(refused(event_async_attach(nullptr, EVENT_COALESCE, counted::handler, nullptr)));
   EXPECT_TRUE(refused(event_async_attach(mgr, 1, counted::handler, nullptr)));
   EXPECT_TRUE(refused(event_async_attach(mgr, EVENT_COALESCE, nullptr, nullptr)));
   EXPECT_TRUE(refused(event_init_sigevent(mgr, 1 << 30, 0, 0, &event)));
   EXPECT_TRUE(refused(event_mgr_dispatch(nullptr)));
-  EXPECT_EQ(mgd_timer_tree_new(&unknown, 0), nullptr);
+  event_mgr_destroy(mgr);
+}
+
+TEST(events, ReachTheDispatcherFromAnyThread) {
+  struct counts {
+    std::atomic<int> posted{0}, seen{0};
+    static int handler(void *context) {
+      auto *c = static_cast<counts *>(context);
+      return c->seen = c->posted.load();
+    }
+  } c;
+  void *mgr = event_mgr_create();
+  const struct sigevent event = attach(mgr, counts::handler, &c);
+  std::jthread dispatcher([mgr] { event_mgr_dispatch(mgr); });
+  on_threads(2, [&](int) {
+    for (int i = 0; i < 1000; ++i) {
+      const int mine = ++c.posted;
+      for (raise_event(event); c.seen < mine;) std::this_thread::yield();
+    }
+  });
+  event_mgr_stop(mgr);
+  dispatcher.join();
   event_mgr_destroy(mgr);
 }
 
@@ -69,12 +88,14 @@ void start(mgd_timer_leaf_t *l, int64_t seconds, long nanoseconds) {
 
 using std::chrono::steady_clock;
 
-TEST(Timer, AgreesWithAList) {
+TEST(timers, AgreeWithAList) {
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGRTMIN);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   struct sigevent event = {};
+  event.sigev_notify = 12345;
+  EXPECT_EQ(mgd_timer_tree_new(&event, 0), nullptr);
   event.sigev_notify = SIGEV_SIGNAL;
   event.sigev_signo = SIGRTMIN;
   event.sigev_value.sival_int = 42;
@@ -113,30 +134,26 @@ TEST(Timer, AgreesWithAList) {
   mgd_timer_tree_destroy(tree);
 }
 
-// Users await what they raise, then start and stop leaves, while a thread handles all of it.
-TEST(TimerStress, NothingIsLost) {
+// Two threads start and stop leaves while the tree's own thread handles those that expire.
+TEST(timers, LoseNoExpiry) {
   struct world {
-    void *mgr = event_mgr_create(), *tree = nullptr;
-    std::atomic<int> posted{0}, seen{0};
-    static int handler(void *context) {
-      auto *w = static_cast<world *>(context);
-      w->seen = w->posted.load();
+    void *tree;
+    std::atomic<bool> done{false};
+    static void handle(union sigval value) {
+      auto *w = static_cast<world *>(value.sival_ptr);
       while (mgd_timer_leaf_t *l = mgd_timer_tree_first_expired(w->tree)) {
         mgd_timer_leaf_stop(l);
-        if (mgd_timer_leaf_type(l) == 8) event_mgr_stop(w->mgr);
+        if (mgd_timer_leaf_type(l) == 8) w->done = true;
       }
-      return 0;
     }
   } w;
-  struct sigevent event = attach(w.mgr, world::handler, &w);
+  struct sigevent event = {};
+  event.sigev_notify = SIGEV_THREAD;
+  event.sigev_notify_function = world::handle;
+  event.sigev_value.sival_ptr = &w;
   w.tree = mgd_timer_tree_new(&event, 0);
   const auto leaves = new_leaves(w.tree, 9);
-  std::jthread dispatcher([&w] { event_mgr_dispatch(w.mgr); });
   on_threads(2, [&](int seed) {
-    for (int i = 0; i < 1000; ++i) {
-      const int mine = ++w.posted;
-      for (raise_event(event); w.seen < mine;) std::this_thread::yield();
-    }
     std::mt19937 random(static_cast<unsigned>(seed));
     for (int i = 0; i < 3000; ++i) {
       mgd_timer_leaf_t *l = leaves[random() % 8];
@@ -145,11 +162,11 @@ TEST(TimerStress, NothingIsLost) {
   });
   const auto begin = steady_clock::now();
   start(leaves[8], 0, 20'000'000);  // after all others
-  dispatcher.join();
+  while (!w.done) std::this_thread::yield();
   EXPECT_GE(steady_clock::now() - begin, std::chrono::milliseconds(20));
   for (mgd_timer_leaf_t *l : leaves) EXPECT_EQ(mgd_timer_leaf_running(l), 0);
   mgd_timer_tree_destroy(w.tree);
-  event_mgr_destroy(w.mgr);
 }
 
 }  // namespace
+}  // namespace contract

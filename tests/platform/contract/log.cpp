@@ -1,20 +1,19 @@
 // The lines that arrive on standard error, which a test sends to a file of its own.
-#include "platform/message_log.h"
-
 #include <unistd.h>
 
 #include <fstream>
 #include <map>
 
-#include "platform_test.h"
+#include "contract.h"
 
+namespace contract {
 namespace {
 
-struct MessageLog : testing::Test {
+struct log : testing::Test {
   FILE *file = tmpfile();
   int saved = dup(STDERR_FILENO);
-  MessageLog() { dup2(fileno(file), STDERR_FILENO); }
-  ~MessageLog() override {
+  log() { dup2(fileno(file), STDERR_FILENO); }
+  ~log() override {
     dup2(saved, STDERR_FILENO);
     close(saved);
     fclose(file);
@@ -31,7 +30,7 @@ oxa_msg_rec_t message(const char *format, oxa_msg_limit_t *limit = nullptr) {
   return {0, format, limit, "TARVO", "KORV", "INTERNAL", 0, 5, 0, 0, 0, 0};
 }
 
-TEST_F(MessageLog, WritesOneLineInUtcAndCutsALongOne) {
+TEST_F(log, WritesOneLineInUtcAndCutsALongOne) {
   setenv("TZ", "Asia/Kathmandu", 1);
   tzset();
   const oxa_msg_rec_t m = message("%s:%d:%s"), longer = message("%s");
@@ -55,7 +54,7 @@ TEST_F(MessageLog, WritesOneLineInUtcAndCutsALongOne) {
   }
 }
 
-TEST_F(MessageLog, HoldsBackAndCounts) {
+TEST_F(log, HoldsBackAndCounts) {
   oxa_msg_limit_t limit = {.limit = 1, .state = {}}, none = {};
   const oxa_msg_rec_t limited = message("again", &limit), unlimited = message("again", &none);
   for (int i = 0; i < 2; ++i) oxa_errmsg(&unlimited, 5);
@@ -69,7 +68,7 @@ TEST_F(MessageLog, HoldsBackAndCounts) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
 }
 
-TEST_F(MessageLog, KeepsLinesOfThreadsApart) {
+TEST_F(log, KeepsLinesOfThreadsApart) {
   oxa_msg_limit_t limit = {.limit = 3600, .state = {}};
   const oxa_msg_rec_t m = message("%s%d%s"), once = message("once", &limit);
   const std::string padding(300, 'p'), head = " TARVO-KORV-5-INTERNAL: ";
@@ -86,3 +85,4 @@ TEST_F(MessageLog, KeepsLinesOfThreadsApart) {
 }
 
 }  // namespace
+}  // namespace contract

@@ -1,27 +1,17 @@
-// Trees, queues and pools against models over random operations, and the text of addresses.
+// Trees, queues and pools against models over random operations; zeroed memory; text of addresses.
 #include <arpa/inet.h>
 
 #include <deque>
 #include <set>
 
-#include "platform/inet_text.h"
-#include "platform/named_alloc.h"
-#include "platform/pool.h"
-#include "platform/queue.h"
-#include "platform/tree.h"
-#include "platform_test.h"
+#include "contract.h"
 
-// A pool without memory is a case of its own here, also under sanitizers.
-#define SANITIZER_OPTIONS extern "C" __attribute__((visibility("default"))) const char *
-SANITIZER_OPTIONS __asan_default_options() { return "allocator_may_return_null=1"; }
-SANITIZER_OPTIONS __tsan_default_options() { return "allocator_may_return_null=1"; }
-
+namespace contract {
 namespace {
 
 struct record {
   avl_node_t node;
   uint32_t key;
-  bool unlinked() const { return !node.left && !node.right && node.parent == 0; }
 };
 
 int compare(const void *a, const void *b) {
@@ -37,7 +27,7 @@ int height(const avl_node_t *n) {
   return 1 + std::max(left, right);
 }
 
-TEST(Tree, BothKindsAgreeWithASet) {
+TEST(trees, BothKindsAgreeWithASet) {
   constexpr uint32_t kKeys = 400;
   avl_node_t *root = nullptr;
   wavl_tree_t tree;
@@ -55,41 +45,29 @@ TEST(Tree, BothKindsAgreeWithASet) {
   for (int step = 0; step < 40000; ++step) {
     const uint32_t k = random() % kKeys;
     const record key{{}, k};
-    record duplicate = key, *p = &plain[k], *t = &threaded[k];
+    record twin = key, *p = &plain[k], *t = &threaded[k];
     const both found = records(model.find(k)), after = records(model.upper_bound(k));
+    const bool known = model.count(k) != 0;
     ASSERT_EQ(both(avl_search(root, &key, compare), wavl_search(&tree, &key, 0)), found);
     ASSERT_EQ(wavl_get_next(&tree, &key, 0), after.second);
-    const bool grow = (random() % 3 != 0) == (step / 2000 % 2 == 0);
-    if (found != both()) {
-      ASSERT_EQ(avl_insert(&root, &duplicate, compare), nullptr);
-      ASSERT_EQ(wavl_insert_thread(&tree, 0, &duplicate), nullptr);
-      ASSERT_EQ(both(avl_get_next(p), wavl_get_next(&tree, t, 0)), after);
-    } else if (grow) {
-      ASSERT_EQ(both(avl_insert(&root, p, compare), wavl_insert_thread(&tree, 0, t)), both(p, t));
+    ASSERT_TRUE(!known || both(avl_get_next(p), wavl_get_next(&tree, t, 0)) == after);
+    if ((random() % 3 != 0) == (step / 2000 % 2 == 0)) {
+      void *inserted = avl_insert(&root, known ? &twin : p, compare);
+      ASSERT_EQ(inserted, known ? nullptr : p);
+      inserted = wavl_insert_thread(&tree, 0, known ? &twin : t);
+      ASSERT_EQ(inserted, known ? nullptr : t);
       model.insert(k);
-    }
-    if (!grow) {
+    } else {
       ASSERT_EQ(avl_delete(&root, &key, compare), found.first);
-      if (found != both()) wavl_delete_thread(&tree, 0, t);
-      ASSERT_TRUE(p->unlinked() && t->unlinked());
+      if (known) wavl_delete_thread(&tree, 0, t);
+      const avl_node_t none = {};
+      for (const record *r : {p, t}) ASSERT_EQ(memcmp(r, &none, sizeof none), 0);
       model.erase(k);
     }
     ASSERT_EQ(tree.count, model.size());
     ASSERT_EQ(both(avl_get_first(root), wavl_get_first(&tree, 0)), records(model.begin()));
     if (step % 50 == 0) height(root), height(tree.root);
   }
-  std::vector<uint32_t> seen, expected(model.begin(), model.end());
-  expected.insert(expected.end(), expected.begin(), expected.begin() + 3);
-  seen.reserve(expected.size());
-  const auto visit = [](void *node, void *arg) -> int {
-    auto *keys = static_cast<std::vector<uint32_t> *>(arg);
-    keys->push_back(static_cast<record *>(node)->key);
-    if (keys->size() < keys->capacity()) return 1;
-    memset(node, 0xff, sizeof(record));  // the last visit may do anything to the tree
-    return 0;
-  };
-  for (int all : {1, 0}) EXPECT_EQ(avl_walk(root, visit, &seen), all);
-  EXPECT_EQ(seen, expected);
   wavl_finish(&tree);
   record key{{}, *model.begin()};
   EXPECT_EQ(tree.count, 0u);
@@ -98,9 +76,29 @@ TEST(Tree, BothKindsAgreeWithASet) {
   EXPECT_EQ(avl_get_next(nullptr), nullptr);
 }
 
-TEST(Queue, AgreesWithADeque) {
-  auto **elements = static_cast<void **>(calloc_named(20, sizeof(void *), "links"));
-  EXPECT_EQ(std::count(elements, elements + 20, nullptr), 20);
+TEST(trees, WalkInOrderUntilTold) {
+  record records[9] = {};
+  avl_node_t *root = nullptr;
+  for (uint32_t i = 0; i < 9; ++i)
+    records[i].key = i * 4 % 9, avl_insert(&root, &records[i], compare);
+  struct walk {
+    size_t most;
+    std::vector<uint32_t> seen;
+    static int visit(void *node, void *arg) {
+      auto *w = static_cast<walk *>(arg);
+      w->seen.push_back(static_cast<record *>(node)->key);
+      if (w->seen.size() < w->most) return 1;
+      memset(node, 0xff, sizeof(record));  // the last visit may do anything to the tree
+      return 0;
+    }
+  } whole{10, {}}, part{3, {}};
+  for (walk *w : {&whole, &part}) EXPECT_EQ(avl_walk(root, walk::visit, w), w == &whole);
+  EXPECT_EQ(whole.seen, (std::vector<uint32_t>{0, 1, 2, 3, 4, 5, 6, 7, 8}));
+  EXPECT_EQ(part.seen, (std::vector<uint32_t>{0, 1, 2}));
+}
+
+TEST(queues, AgreeWithADeque) {
+  void *elements[20] = {};
   std::deque<void *> model;
   queue_t q;
   queue_init(&q, 0);
@@ -121,16 +119,25 @@ TEST(Queue, AgreesWithADeque) {
       known ? queue_remqueue(&q, e, at == model.begin() ? nullptr : at[-1]) : queue_unqueue(&q, e);
       if (queued) model.erase(at);
     }
-    void *x = q.head;
-    for (void *expected : model) ASSERT_EQ(std::exchange(x, queue_get_next(x)), expected);
-    ASSERT_EQ(x, nullptr);
+    std::deque<void *> links;
+    for (void *x = q.head; x != nullptr; x = queue_get_next(x)) links.push_back(x);
+    ASSERT_EQ(links, model);
     ASSERT_EQ(q.count, model.size());
     ASSERT_EQ(q.tail, model.empty() ? nullptr : model.back());
   }
-  free(elements);
 }
 
-TEST(InetText, AgreesWithTheSystem) {
+TEST(allocation, IsZeroed) {
+  for (size_t size = 1; size < 5000; size += 7) {
+    auto *bytes = static_cast<unsigned char *>(calloc_named(3, size, "test"));
+    ASSERT_EQ(std::count(bytes, bytes + 3 * size, 0), 3 * size);
+    memset(bytes, 0xff, 3 * size);
+    free(bytes);
+  }
+  EXPECT_EQ(calloc_named(SIZE_MAX / 8, 16, "test"), nullptr);
+}
+
+TEST(addresses, AgreeWithTheSystem) {
   std::mt19937 random(1);
   for (int i = 0; i < 5000; ++i) {
     const auto address = static_cast<uint32_t>(random()) & (i % 2 == 0 ? 0x0f0f0f0f : ~0u);
@@ -151,20 +158,19 @@ struct pool {
   ~pool() { chunk_destroy(handle); }
 };
 
-std::vector<chunk_info_t> pools(size_t most = 100) {
-  std::vector<chunk_info_t> found;
-  found.reserve(most);
+std::vector<chunk_info_t> pools(size_t most = SIZE_MAX) {
+  std::pair<std::vector<chunk_info_t>, size_t> found({}, most);
   const auto visit = [](const chunk_info_t *i, void *arg) -> int {
-    auto *list = static_cast<std::vector<chunk_info_t> *>(arg);
-    list->push_back(*i);
-    return list->size() < list->capacity();
+    auto &[list, limit] = *static_cast<decltype(found) *>(arg);
+    if (i->name == std::string("test pool")) list.push_back(*i);
+    return list.size() < limit;
   };
   chunk_walk_pools(visit, &found);
-  return found;
+  return found.first;
 }
 
 // Each element carries a pattern of its own, so elements that overlap spoil each other.
-TEST(Pool, HandsOutEachElementOnce) {
+TEST(pools, HandOutEachElementOnce) {
   // Size, count, flags, limit, and how many can be had at once.
   constexpr uint64_t kPools[][5] = {{280, 100, kQueue, 0, SIZE_MAX},
                                     {9, 1, kZeroed, 0, SIZE_MAX},
@@ -209,7 +215,7 @@ uint64_t burst(pool *p, size_t n, int order) {
   return chunks - pools(1)[0].chunks;
 }
 
-TEST(Pool, GivesABurstBackAndKeepsWhatABreathNeeds) {
+TEST(pools, GiveABurstBackAndKeepWhatABreathNeeds) {
   for (int order : {0, 1, 2}) {
     pool p(16, 100, kQueue);
     for (size_t n : {1'000'000, 100'000}) {
@@ -224,37 +230,33 @@ TEST(Pool, GivesABurstBackAndKeepsWhatABreathNeeds) {
   EXPECT_EQ(burst(&keeps, 10'000, 2), 0u);
 }
 
-TEST(PoolDeathTest, RefusesAndDiesOfMisuse) {
+TEST(pools, RefuseAndDieOfMisuse) {
   constexpr unsigned long kSizes[][2] = {{0, 1}, {1, 0}, {1ul << 40, 1ul << 40}, {~0ul, 1}};
   for (const auto &s : kSizes) EXPECT_EQ(chunk_create("", s[0], s[1], kQueue, 0, 0), nullptr);
   chunk_destroy(nullptr);
   pool huge(1ul << 45, 1ul << 10, kQueue);  // more than there is, but only an element shows it
   EXPECT_EQ(chunk_malloc(huge.handle), nullptr);
   pool p(64, 10, kQueue);
-  auto *bytes = static_cast<char *>(chunk_malloc(p.handle));
-  chunk_free(p.handle, bytes);
-  EXPECT_DEATH(chunk_free(p.handle, bytes), "test pool.*not in use");
-#ifdef __SANITIZE_ADDRESS__
-  EXPECT_DEATH(bytes[10] = 1, "use-after-poison");
-#endif
+  void *element = chunk_malloc(p.handle);
+  chunk_free(p.handle, element);
+  EXPECT_DEATH(chunk_free(p.handle, element), "test pool");
 }
 
-TEST(Pool, ListsPoolsInOrderOfCreation) {
-  const auto sizes = [](size_t most) {
+TEST(pools, AreListedInOrderOfCreation) {
+  const auto shown = [](size_t most) {
     std::string text;
-    for (const chunk_info_t &i : pools(most)) text += std::to_string(i.element_size) + " ";
+    for (const chunk_info_t &i : pools(most))
+      text += std::to_string(i.element_size) + "/" + std::to_string(i.limit) + " ";
     return text;
   };
   const pool a(10, 1, kQueue), c(30, 1, kQueue);
-  {
+  for (unsigned long limit : {7, 0}) {
     const pool last(40, 1, kQueue);
-    EXPECT_EQ(sizes(100) + sizes(2), "10 30 40 10 30 ");
+    chunk_set_limit(c.handle, limit);
+    EXPECT_EQ(shown(9), "10/0 30/" + std::to_string(limit) + " 40/0 ");
+    EXPECT_EQ(shown(1), "10/0 ");
   }
-  const pool last(50, 1, kQueue);
-  EXPECT_EQ(sizes(100), "10 30 50 ");
-  chunk_set_limit(last.handle, 7);
-  EXPECT_EQ(pools()[2].limit, 7u);
-  EXPECT_EQ(pools()[0].limit, 0u);
 }
 
 }  // namespace
+}  // namespace contract

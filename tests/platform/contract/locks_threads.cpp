@@ -1,8 +1,7 @@
 // Revival of robust locks whose owners die, also while they revive; names and announced waits.
-#include "platform/revival.h"
-#include "platform/thread_diag.h"
-#include "platform_test.h"
+#include "contract.h"
 
+namespace contract {
 namespace {
 
 struct robust_lock : guarded_mutex_t {
@@ -31,7 +30,7 @@ struct robust_lock : guarded_mutex_t {
   }
 };
 
-TEST(Revival, OthersWaitUntilTheLastReviverEndsIt) {
+TEST(locks, WaitUntilTheLastReviverEndsIt) {
   for (int deaths : {1, 2, 3}) {  // of the owner, then of revivers
     robust_lock g;
     for (int i = 0; i < deaths; ++i) on_threads(1, [&](int) { g.lock(); });
@@ -48,7 +47,7 @@ TEST(Revival, OthersWaitUntilTheLastReviverEndsIt) {
   }
 }
 
-TEST(Revival, AWaitThatFailsSaysWhy) {
+TEST(locks, AWaitThatFailsSaysWhy) {
   robust_lock g;
   on_threads(1, [&](int) { pthread_mutex_lock(&g.revival_mutex); });
   ASSERT_EQ(pthread_mutex_lock(&g.revival_mutex), EOWNERDEAD);
@@ -62,7 +61,7 @@ TEST(Revival, AWaitThatFailsSaysWhy) {
   g.unlock();
 }
 
-TEST(Revival, ExcludesWhoeverDiesAnywhere) {
+TEST(locks, ExcludeWhoeverDiesAnywhere) {
   robust_lock g;
   // Atomic since a thread sanitizer does not know that a death hands on what its thread wrote.
   std::atomic<int> entered{0};
@@ -95,7 +94,7 @@ std::string system_name() {
   return name;
 }
 
-TEST(ThreadDiag, ShowsWhatOtherThreadsWaitFor) {
+TEST(threads, ShowWhatOtherThreadsWaitFor) {
   std::jthread walker([](std::stop_token ended) {
     while (!ended.stop_requested()) threads_now();
   });
@@ -128,3 +127,4 @@ TEST(ThreadDiag, ShowsWhatOtherThreadsWaitFor) {
 }
 
 }  // namespace
+}  // namespace contract
