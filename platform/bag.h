@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Record encoder: turns a native structure into an encoded record, by a descriptor.
  *
  * A descriptor names a record, describes its fields in a small schema language and tells where
@@ -42,37 +43,39 @@
 
 PLATFORM_BEGIN
 
-/* A type that a record uses. */
+/** A type that a record uses. */
 typedef struct bag_nested_type {
-  uint64_t type;           /* its number */
-  uint64_t size;           /* native bytes */
-  const uint64_t *offsets; /* as in bag_type_table_t; null for a type that is opaque bytes alone */
+  uint64_t type; /**< its number */
+  uint64_t size; /**< native bytes */
+  const uint64_t
+      *offsets; /**< as in bag_type_table_t; null for a type that is opaque bytes alone */
 } bag_nested_type_t;
 
-/*
+/**
  * Native layout of a record. `nested_count` entries of bag_nested_type_t follow it in memory, in
  * ascending type number. An offsets array has an entry for each element of the body, in order; two
  * for a counted array (its 32-bit count, its pointer) and for a union (its discriminator, the
  * storage of its arms).
  */
 typedef struct bag_type_table {
-  uint64_t nested_count;
-  uint64_t size;           /* native bytes of the record's own type */
-  const uint64_t *offsets; /* null, too, for opaque bytes alone */
+  uint64_t nested_count;   /**< types that the record uses */
+  uint64_t size;           /**< native bytes of the record's own type */
+  const uint64_t *offsets; /**< null, too, for opaque bytes alone */
 } bag_type_table_t;
 
+/** All that is known of a record. */
 typedef struct bag_descriptor {
-  uint64_t format; /* BAG_FORMAT */
-  const char *name;
-  uint64_t layout_format; /* BAG_LAYOUT_FORMAT */
-  const char *library;    /* name of the library that the descriptor belongs to */
-  const bag_type_table_t *types;
-  const char *long_schema;
-  const char *short_schema;
+  uint64_t format;               /**< BAG_FORMAT */
+  const char *name;              /**< the record's, unique among those registered */
+  uint64_t layout_format;        /**< BAG_LAYOUT_FORMAT */
+  const char *library;           /**< name of the library that the descriptor belongs to */
+  const bag_type_table_t *types; /**< the native layout */
+  const char *long_schema;       /**< the schema, NUL-terminated */
+  const char *short_schema;      /**< its short form */
 } bag_descriptor_t;
 
-#define BAG_FORMAT UINT64_C(1)
-#define BAG_LAYOUT_FORMAT UINT64_C(4)
+#define BAG_FORMAT UINT64_C(1)        /**< the only format of descriptors */
+#define BAG_LAYOUT_FORMAT UINT64_C(4) /**< the only format of type tables */
 
 static_assert(sizeof(bag_nested_type_t) == 24, "layout of the encoder");
 static_assert(sizeof(bag_type_table_t) == 24, "its entries follow it");
@@ -84,35 +87,35 @@ static_assert(offsetof(bag_descriptor_t, long_schema) == 40, "layout of the enco
 static_assert(offsetof(bag_descriptor_t, short_schema) == 48, "layout of the encoder");
 static_assert(sizeof(bag_descriptor_t) == 56, "layout of the encoder");
 
-/* Most types that a record defines, its own included. */
+/** Most types that a record defines, its own included. */
 #define BAG_MAX_TYPES 64
-/* Most elements of one type, its unions' arms included. */
+/** Most elements of one type, its unions' arms included. */
 #define BAG_MAX_MEMBERS 64
-/* Most types that use one another in a chain. */
+/** Most types that use one another in a chain. */
 #define BAG_MAX_DEPTH 8
 
-/* Result codes; 0 is success. */
+/** Result codes; 0 is success. */
 #define BAG_ERR_NOMEM UINT32_C(0x40830200)
-#define BAG_ERR_DESCRIPTOR UINT32_C(0x40830400)     /* null, incomplete, or of another format */
-#define BAG_ERR_SCHEMA UINT32_C(0x40830600)         /* unlike the above, or the two forms differ */
-#define BAG_ERR_LAYOUT UINT32_C(0x40830800)         /* the type table does not fit the schema */
-#define BAG_ERR_BUSY UINT32_C(0x40830a00)           /* a registration is open already */
-#define BAG_ERR_NOT_OPEN UINT32_C(0x40830c00)       /* no registration is open */
-#define BAG_ERR_DUPLICATE_NAME UINT32_C(0x40830e00) /* a record of that name is registered */
-#define BAG_ERR_DUPLICATE_TYPE UINT32_C(0x40831000) /* a record of that type number is */
-#define BAG_ERR_OTHER_BODY UINT32_C(0x40831200)     /* a type was defined otherwise before */
-#define BAG_ERR_ORDER UINT32_C(0x40831400)          /* a record that uses its type came before */
-#define BAG_ERR_VALUE UINT32_C(0x40831600)          /* null or no UTF-8; a record of 4 GiB */
-#define BAG_ERR_COUNT UINT32_C(0x40831800)          /* more elements than an array may have */
-#define BAG_ERR_DISCRIMINATOR UINT32_C(0x40831a00)  /* no arm, and no default arm either */
+#define BAG_ERR_DESCRIPTOR UINT32_C(0x40830400) /**< null, incomplete, or of another format */
+#define BAG_ERR_SCHEMA UINT32_C(0x40830600)     /**< unlike the above, or the two forms differ */
+#define BAG_ERR_LAYOUT UINT32_C(0x40830800)     /**< the type table does not fit the schema */
+#define BAG_ERR_BUSY UINT32_C(0x40830a00)       /**< a registration is open already */
+#define BAG_ERR_NOT_OPEN UINT32_C(0x40830c00)   /**< no registration is open */
+#define BAG_ERR_DUPLICATE_NAME UINT32_C(0x40830e00) /**< a record of that name is registered */
+#define BAG_ERR_DUPLICATE_TYPE UINT32_C(0x40831000) /**< a record of that type number is */
+#define BAG_ERR_OTHER_BODY UINT32_C(0x40831200)     /**< a type was defined otherwise before */
+#define BAG_ERR_ORDER UINT32_C(0x40831400)          /**< a record that uses its type came before */
+#define BAG_ERR_VALUE UINT32_C(0x40831600)          /**< null or no UTF-8; a record of 4 GiB */
+#define BAG_ERR_COUNT UINT32_C(0x40831800)          /**< more elements than an array may have */
+#define BAG_ERR_DISCRIMINATOR UINT32_C(0x40831a00)  /**< no arm, and no default arm either */
 
-/*
+/**
  * Opens a registration. One can be open at a time in a process; another gets BAG_ERR_BUSY.
  * `registry` is for platforms that have several: here there is one, and the argument is not used.
  */
 PLATFORM_API uint32_t bag_register_start(void *registry);
 
-/*
+/**
  * Registers one bag_descriptor_t in the open registration. Records whose types others use come
  * before those others. A refused one changes nothing; the registration stays open. Of several
  * reasons to refuse it the first is told, in this order: no registration open, the descriptor
@@ -121,16 +124,16 @@ PLATFORM_API uint32_t bag_register_start(void *registry);
  */
 PLATFORM_API uint32_t bag_register(const void *descriptor);
 
-/* Keeps what the open registration brought, and closes it. */
+/** Keeps what the open registration brought, and closes it. */
 PLATFORM_API uint32_t bag_register_end(void);
 
-/* Forgets what the open registration brought, and closes it. No effect when none is open. */
+/** Forgets what the open registration brought, and closes it. No effect when none is open. */
 PLATFORM_API void bag_register_abort(void);
 
-/* Records registered so far, those of an open registration not counted. */
+/** Records registered so far, those of an open registration not counted. */
 PLATFORM_API uint32_t bag_registered_count(void);
 
-/*
+/**
  * Encodes `native` by a bag_descriptor_t, which need not be registered but is checked as if it were
  * to be. On success the record is in `*buffer`, to be released with free(), and its bytes in
  * `*length`; else both are left alone. Any thread, no lock; `native` and what it points at must not

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Message log: one line per message on standard error.
  *
  * A message is a record that never changes, held by whoever logs it: the log reads facility,
@@ -15,29 +16,30 @@
 
 PLATFORM_BEGIN
 
-/*
+/**
  * Rate limit of one message: at least `limit` seconds between two of its lines; 0 is no limit.
  * Lines held back are counted, and the next line that is printed ends in " (N suppressed)".
  * `state`, all zero at first, is the log's own.
  */
 typedef struct oxa_msg_limit {
-  uint32_t limit;
-  uint8_t state[28];
+  uint32_t limit;    /**< seconds */
+  uint8_t state[28]; /**< the log's */
 } oxa_msg_limit_t;
 
+/** One message of a catalogue. */
 typedef struct oxa_msg_rec {
-  uint64_t reserved0;
-  const char *format; /* printf format of the message text */
-  oxa_msg_limit_t *limit;
-  const char *facility;
-  const char *group;
-  const char *mnemonic;
-  uint16_t flags;
-  uint16_t severity; /* as in syslog: 3 error, 4 warning, 5 notice, 6 informational, 7 debug */
-  uint32_t reserved1;
-  uint64_t reserved2;
-  uint32_t message_id;
-  uint32_t reserved3;
+  uint64_t reserved0;     /**< 0 */
+  const char *format;     /**< printf format of the message text */
+  oxa_msg_limit_t *limit; /**< null: none */
+  const char *facility;   /**< of the line's FACILITY-GROUP-SEVERITY-MNEMONIC */
+  const char *group;      /**< likewise */
+  const char *mnemonic;   /**< likewise */
+  uint16_t flags;         /**< not looked at */
+  uint16_t severity;   /**< as in syslog: 3 error, 4 warning, 5 notice, 6 informational, 7 debug */
+  uint32_t reserved1;  /**< 0 */
+  uint64_t reserved2;  /**< 0 */
+  uint32_t message_id; /**< unique in its catalogue; not printed */
+  uint32_t reserved3;  /**< 0 */
 } oxa_msg_rec_t;
 
 static_assert(sizeof(oxa_msg_limit_t) == 32, "layout read by the log");
@@ -51,7 +53,7 @@ static_assert(offsetof(oxa_msg_rec_t, severity) == 50, "layout read by the log")
 static_assert(offsetof(oxa_msg_rec_t, message_id) == 64, "layout read by the log");
 static_assert(sizeof(oxa_msg_rec_t) == 72, "layout read by the log");
 
-/* Logs one message with the arguments of the record's format. Any thread; errno is kept. */
+/** Logs one message with the arguments of the record's format. Any thread; errno is kept. */
 PLATFORM_API void oxa_errmsg(const oxa_msg_rec_t *message, int severity, ...);
 
 PLATFORM_END

@@ -1,4 +1,7 @@
-/* Zero-filled allocation that carries the name of what it is for. */
+/**
+ * @file
+ * Zero-filled allocation that carries the name of what it is for.
+ */
 #ifndef TARVO_PLATFORM_NAMED_ALLOC_H
 #define TARVO_PLATFORM_NAMED_ALLOC_H
 
@@ -6,7 +9,7 @@
 
 PLATFORM_BEGIN
 
-/*
+/**
  * `n` zeroed elements of `size` bytes, or null, also when they exceed the address space. Released
  * with free(). The name is for the platform's accounting; this layer keeps none. Any thread.
  */

@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * Ordered trees of caller-owned records: plain (`avl_*`) and threaded (`wavl_*`).
  *
  * Both are one balanced tree: the heights of a record's two subtrees differ by one at most. A
@@ -20,56 +21,59 @@ PLATFORM_BEGIN
 
 enum { TREE_BEFORE = 0, TREE_EQUAL = 1, TREE_AFTER = 2 };
 
-/* Compares two records; either may be a key record, of which only the key fields are set. */
+/** Compares two records; either may be a key record, of which only the key fields are set. */
 typedef int (*tree_cmp)(const void *a, const void *b);
 
-/* Links of one record. All zero while the record is in no tree, and in every key record. */
+/** Links of one record. All zero while the record is in no tree, and in every key record. */
 typedef struct avl_node {
-  struct avl_node *left;
-  struct avl_node *right;
-  uintptr_t parent; /* parent's address, with the balance in the low two bits; never 0 in a tree */
+  struct avl_node *left;  /**< lower records */
+  struct avl_node *right; /**< higher records */
+  /** The parent's address, with the balance in the low two bits; never 0 in a tree. */
+  uintptr_t parent;
 } avl_node_t;
 
+/** Links of a record in a threaded tree. */
 typedef avl_node_t wavl_node_t;
 
 static_assert(sizeof(avl_node_t) == 24, "records with a node have fixed layouts");
 
 /* --- Plain tree: the root is a pointer that the caller keeps, null when empty. --- */
 
-/* Inserts `node` (its record's address). Returns it, or null when an equal record is present. */
+/** Inserts `node` (its record's address). Returns it, or null when an equal record is present. */
 PLATFORM_API void *avl_insert(void *root_address, void *node, tree_cmp cmp);
 
-/* The record equal to `key`, or null. */
+/** The record equal to `key`, or null. */
 PLATFORM_API void *avl_search(void *root, const void *key, tree_cmp cmp);
 
-/* Unlinks and returns the record equal to `key`, or null when there is none. */
+/** Unlinks and returns the record equal to `key`, or null when there is none. */
 PLATFORM_API void *avl_delete(void *root_address, const void *key, tree_cmp cmp);
 
-/*
+/**
  * Calls `visit` for every record in ascending order while it returns 1; 0 ends the walk at once,
  * and then the tree is not looked at again, so such a last visit may change the tree at will.
  * Returns 1 when every record was visited, else 0.
  */
 PLATFORM_API int avl_walk(void *root, int (*visit)(void *node, void *arg), void *arg);
 
-/* The record that sorts first, or null. */
+/** The record that sorts first, or null. */
 PLATFORM_API void *avl_get_first(void *root);
 
-/* The successor of `node`, which is in a tree; null after the last and for a null argument. */
+/** The successor of `node`, which is in a tree; null after the last and for a null argument. */
 PLATFORM_API void *avl_get_next(void *node);
 
 /* --- Threaded tree: a head that remembers its comparator. --- */
 
+/** Head of a threaded tree. */
 typedef struct wavl_tree {
-  avl_node_t *root;
-  tree_cmp cmp;
-  uint64_t count; /* records in the tree */
-  uint64_t reserved[9];
+  avl_node_t *root;     /**< null when empty */
+  tree_cmp cmp;         /**< null after wavl_finish */
+  uint64_t count;       /**< records in the tree */
+  uint64_t reserved[9]; /**< not looked at */
 } wavl_tree_t;
 
 static_assert(sizeof(wavl_tree_t) == 96, "part of the next-hop entry's layout");
 
-/*
+/**
  * Makes `tree` empty. `threads` is the number of orders in which a record is linked; a 24-byte
  * node has room for one, so any other number is refused, as is a null comparator. The third
  * argument is 0. Returns 0, or an error number.
@@ -77,25 +81,25 @@ static_assert(sizeof(wavl_tree_t) == 96, "part of the next-hop entry's layout");
 PLATFORM_API int wavl_init(wavl_tree_t *tree, unsigned long threads, unsigned long zero,
                            tree_cmp cmp);
 
-/*
+/**
  * Ends the use of `tree`: it holds nothing and refuses insertions until it is initialised again.
  * Records still in it are not touched.
  */
 PLATFORM_API void wavl_finish(wavl_tree_t *tree);
 
-/* As avl_insert; `thread` is 0. */
+/** As avl_insert; `thread` is 0. */
 PLATFORM_API void *wavl_insert_thread(wavl_tree_t *tree, unsigned long thread, void *node);
 
-/* Unlinks `node`, which is in the tree, and zeroes its links. */
+/** Unlinks `node`, which is in the tree, and zeroes its links. */
 PLATFORM_API void wavl_delete_thread(wavl_tree_t *tree, unsigned long thread, void *node);
 
-/* The record equal to `key`, or null. */
+/** The record equal to `key`, or null. */
 PLATFORM_API void *wavl_search(wavl_tree_t *tree, const void *key, unsigned long thread);
 
-/* The record that sorts first, or null. */
+/** The record that sorts first, or null. */
 PLATFORM_API void *wavl_get_first(wavl_tree_t *tree, unsigned long thread);
 
-/*
+/**
  * The first record that sorts after `node_or_key`, or null. The argument is a record of the tree,
  * or a key record that need not be present; a key record's node is all zero, by which the two are
  * told apart.

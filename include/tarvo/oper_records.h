@@ -371,7 +371,9 @@ typedef struct tarvo_discovery_vrf_bag {
   uint32_t PrefixCount; /**< routes of the VRF that use the next hop */
 } tarvo_discovery_vrf_bag;
 
-/** The descriptors, in order of registration. */
+/** @name Descriptors
+ * @{ */
+/** A descriptor. They stand in order of registration. */
 TARVO_API extern const bag_descriptor_t tarvo_ipv4_prefix_t_bag;
 TARVO_API extern const bag_descriptor_t tarvo_tunnel_id_t_bag;
 TARVO_API extern const bag_descriptor_t tarvo_ipv4_pw_t_bag;
@@ -398,6 +400,7 @@ TARVO_API extern const bag_descriptor_t tarvo_mplslm_op_path_state_bag_bag;
 TARVO_API extern const bag_descriptor_t tarvo_discovery_state_bag_bag;
 TARVO_API extern const bag_descriptor_t tarvo_discovery_prefix_bag_bag;
 TARVO_API extern const bag_descriptor_t tarvo_discovery_vrf_bag_bag;
+/** @} */
 
 #ifdef __cplusplus
 }
