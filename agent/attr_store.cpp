@@ -9,12 +9,9 @@ namespace agent {
 
 static uint64_t attr_key(uint32_t nexthop, uint32_t set) { return uint64_t{nexthop} << 32 | set; }
 
-static uint64_t hash_targets(std::span<const route_target> targets) {
-  uint64_t hash = targets.size();
-  for (route_target target : targets) {
-    hash = (hash ^ target) * 0x9e3779b97f4a7c15;
-    hash ^= hash >> 32;
-  }
+static uint32_t hash_targets(std::span<const route_target> targets) {
+  uint32_t hash = 0;
+  for (route_target target : targets) hash = seeded_hash()(target, hash);
   return hash;
 }
 
@@ -84,7 +81,7 @@ bool attr_store::gives(attr_id id, uint32_t slot, uint32_t nexthop) const {
 // ---- Target sets ----
 
 uint32_t attr_store::acquire_set(std::span<const route_target> sorted) {
-  uint64_t hash = hash_targets(sorted);
+  const uint32_t hash = hash_targets(sorted);
   auto [first, last] = set_index_.equal_range(hash);
   for (auto it = first; it != last; ++it) {
     target_set &set = sets_[it->second];

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "agent/route.h"
+#include "agent/seeded_hash.h"
 
 namespace agent {
 
@@ -73,10 +74,10 @@ class attr_store {
 
   std::vector<attr> attrs_;
   std::vector<uint32_t> free_attrs_;
-  std::unordered_map<uint64_t, attr_id> attr_index_;  ///< by next hop and set
+  std::unordered_map<uint64_t, attr_id, seeded_hash> attr_index_;  ///< by next hop and set
   std::vector<target_set> sets_;
   std::vector<uint32_t> free_sets_;
-  std::unordered_multimap<uint64_t, uint32_t> set_index_;  ///< by hash of the targets
+  std::unordered_multimap<uint32_t, uint32_t> set_index_;  ///< by the seeded hash of the targets
   std::vector<importer> importers_;                        ///< by slot, ascending
   std::vector<route_target> scratch_;
   size_t targets_ = 0;  ///< of all sets

@@ -6,10 +6,12 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "agent/bgp_open.h"
 #include "agent/rib.h"
+#include "agent/seeded_hash.h"
 #include "agent/text.h"
 
 namespace agent {
@@ -79,9 +81,10 @@ bmp_session::bmp_session(rib &routes, bmp_view view, source_kind kind, std::stri
       say_(std::move(say)) {}
 
 size_t bmp_session::peer_hash::operator()(const peer_key &key) const {
-  const auto text = std::string_view(reinterpret_cast<const char *>(key.address.data()), 16);
-  const uint64_t mixed = (key.distinguisher << 2 | key.type) * 0x9e3779b97f4a7c15u;
-  return std::hash<std::string_view>()(text) ^ (mixed ^ mixed >> 32);
+  uint64_t address[2];
+  memcpy(address, key.address.data(), sizeof address);
+  constexpr seeded_hash hash;
+  return hash(key.distinguisher, uint64_t{hash(address[0], address[1])} << 8 | key.type);
 }
 
 // Framing.

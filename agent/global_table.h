@@ -11,6 +11,7 @@
 #include <unordered_map>
 
 #include "agent/mutex.h"
+#include "agent/seeded_hash.h"
 
 namespace agent {
 
@@ -31,7 +32,8 @@ class global_table {
  private:
   mutable mutex lock_;
   /// Owners by prefix, one map for each length.
-  std::array<std::unordered_map<uint32_t, uint32_t>, 33> owners_ TARVO_GUARDED_BY(lock_);
+  std::array<std::unordered_map<uint32_t, uint32_t, seeded_hash>, 33> owners_
+      TARVO_GUARDED_BY(lock_);
   /// Bit n: there are prefixes of length n. Spares a lookup the lengths that nobody uses.
   uint64_t lengths_ TARVO_GUARDED_BY(lock_) = 0;
 };

@@ -4,21 +4,18 @@
 
 #include <algorithm>
 #include <new>
-#include <random>
 #include <tuple>
 #include <unordered_map>
 
 #include "agent/free_list.h"
 #include "agent/global_table.h"
 #include "agent/redistribution.h"
+#include "agent/seeded_hash.h"
 
 namespace agent {
 
 rib::rib(global_table &global, redistribution &reports)
-    : global_(global), reports_(reports), heads_(size_t{1} << kMinBucketBits, kNone) {
-  std::random_device random;
-  seed_ = uint64_t{random()} << 32 | random();
-}
+    : global_(global), reports_(reports), heads_(size_t{1} << kMinBucketBits, kNone) {}
 
 rib::~rib() = default;
 
@@ -98,14 +95,9 @@ void rib::sweep_bucket(size_t bucket) {
 
 // ---- Paths ----
 
-uint32_t rib::hash(const nlri &key) const {
-  uint64_t h = (key.rd ^ seed_) * 0x9e3779b97f4a7c15;
-  h ^= h >> 32;
-  h += uint64_t{key.prefix} << 8 | uint64_t{key.length} << 1 | uint64_t{key.vpn};
-  h *= 0xd6e8feb86659fd93;
-  h ^= h >> 32;
-  h *= 0xd6e8feb86659fd93;
-  return uint32_t(h >> 32);
+size_t rib::bucket_of(const nlri &key) const {
+  const uint64_t rest = uint64_t{key.prefix} << 8 | uint64_t{key.length} << 1 | uint64_t{key.vpn};
+  return seeded_hash()(key.rd, rest) >> (32 - bucket_bits_);
 }
 
 rib::place rib::locate(source_id source, const nlri &key) const {
@@ -323,7 +315,7 @@ void rib::dump_bucket(size_t bucket) {
 }
 
 std::vector<route_count> rib::count_routes() const {
-  std::unordered_map<uint64_t, uint64_t> counts;  // by slot and next hop
+  std::unordered_map<uint64_t, uint64_t, seeded_hash> counts;  // by slot and next hop
   for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
     prefetch(bucket + kPrefetchAhead);
     visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {

@@ -136,8 +136,7 @@ class rib {
   const path &at(path_index index) const {
     return segments_[index >> kSegmentBits][index & (kSegmentPaths - 1)];
   }
-  uint32_t hash(const nlri &key) const;
-  size_t bucket_of(const nlri &key) const { return hash(key) >> (32 - bucket_bits_); }
+  size_t bucket_of(const nlri &key) const;
   place locate(source_id source, const nlri &key) const;
   bool has_room(const place &where, source_id source);
   void insert(const place &where, source_id source, const nlri &key, attr_id attributes);
@@ -170,7 +169,6 @@ class rib {
   size_t paths_ = 0;
   std::vector<path_index> heads_;
   unsigned bucket_bits_ = kMinBucketBits;
-  uint64_t seed_;  ///< of the hash, so that no router can aim at one bucket
 
   std::vector<origin> sources_;
   std::vector<source_id> free_sources_;
