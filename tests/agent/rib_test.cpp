@@ -1,11 +1,10 @@
-// RIB, redistribution, fence and RIB thread against a model, with the module played by a worker
-// thread of the test: one queue, requests handled in order with a lock held, as the real one does.
+// RIB, redistribution, fence and RIB thread against a model of what they keep and report.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <deque>
+#include <atomic>
 #include <future>
 #include <map>
 #include <random>
@@ -17,110 +16,73 @@
 #include "agent/redistribution.h"
 #include "agent/rib.h"
 #include "agent/rib_thread.h"
+#include "agent/seeded_hash.h"
 #include "tarvo/discovery.h"
 
-using namespace agent;
-
+namespace agent {
 namespace {
 
 using nexthop_counts = std::map<uint32_t, int64_t>;
-using route_counts = std::map<uint32_t, nexthop_counts>;  // by table
+using table_counts = std::map<uint32_t, nexthop_counts>;
+using targets = std::vector<route_target>;
 
 enum asking { kOff, kOn, kReset };
 
+/// Counts what is reported of the tables that are on, and answers the fence on another thread.
 class fake_module {
  public:
-  fake_module() : worker_([this] { run(); }) {}
-  ~fake_module() {
-    enqueue([this] { stop_ = true; });
-    worker_.join();
+  int ask(uint32_t table, asking what) {
+    if (what != kOff) change([&] { counts_[table].clear(); });
+    const int result = what == kReset ? tarvo_rib_ipv4_redist_reset(table)
+                                      : tarvo_rib_ipv4_redist(table, what == kOn);
+    if (what == kOff || result != 0) change([&] { counts_.erase(table); });
+    return result;
   }
-  void enqueue(std::function<void()> handle, uint32_t table = 0) {
-    std::lock_guard held(queue_lock_);
-    queue_.emplace_back(std::move(handle), table);
-    most_queued = std::max(most_queued, queue_.size());
-    queued_.notify_all();
-  }
-
-  // What the worker asks of the RIB; returns the answer when the worker has it. The worker may
-  // stand still until so much is queued, and a while longer.
-  int ask(uint32_t table, asking what, size_t until_queued = 0) {
-    std::promise<int> answer;
-    enqueue([&] {
-      if (what == kOn) silence(table, false);
-      counts_.erase(table);
-      const int result = what == kReset ? tarvo_rib_ipv4_redist_reset(table)
-                                        : tarvo_rib_ipv4_redist(table, what == kOn);
-      if (what == kOff) silence(table, true);
-      std::unique_lock queue_held(queue_lock_);
-      queued_.wait(queue_held, [&] { return queue_.size() >= until_queued; });
-      queue_held.unlock();
-      for (int i = 0; until_queued != 0 && i < 1000; ++i) std::this_thread::yield();
-      answer.set_value(result);
-    });
-    return answer.get_future().get();
-  }
-
   int report(uint32_t table, uint32_t nexthop, int add) {
-    log.emplace_back(nexthop, add);
-    {
-      std::lock_guard held(queue_lock_);
-      late += silent_.contains(table);
-    }
-    enqueue([=, this] { count(table, nexthop, add); }, table);
+    change([&] {
+      log_.emplace_back(nexthop, add);
+      wrong += !counts_.contains(table);
+      const int64_t now = counts_[table][nexthop] += add != 0 ? 1 : -1;
+      wrong += now < 0;
+      if (now == 0) counts_[table].erase(nexthop);
+    });
     return 1;
   }
   uint32_t answer(tarvo_nd_notify_fn notify, uint32_t id, uint32_t event) {
     if (no_memory) return TARVO_ND_ERR_NOMEM;
     if (notify != nullptr) notify_ = notify;
-    enqueue([=, this] { notify_(id, event, ""); });
+    answers_.push_back(std::async(std::launch::async, [=, this] {
+      std::lock_guard held(standstill);
+      notify_(id, event, "");
+    }));
     return TARVO_ND_OK;
   }
-  route_counts counts() {
-    std::lock_guard held(nd_);
+  table_counts counts() {
+    std::lock_guard held(lock_);
     return counts_;
   }
+  /// The reports since the last call.
+  std::vector<std::pair<uint32_t, int>> log() {
+    std::lock_guard held(lock_);
+    return std::exchange(log_, {});
+  }
 
-  std::vector<std::pair<uint32_t, int>> log;  // reports, by the thread that hands them over
-  size_t most_queued = 0;
-  int late = 0;        // reports of a table that had been switched off
-  int underflows = 0;  // deletes of what had not been added
-  bool no_memory = false;
+  std::atomic<int> wrong = 0;  ///< deletes of what had not been added, and reports of tables off
+  std::atomic<bool> no_memory = false;
+  std::mutex standstill;  ///< held by a test: nothing is answered
 
  private:
-  void run() {
-    while (!stop_) {
-      std::unique_lock queue_held(queue_lock_);
-      queued_.wait(queue_held, [this] { return !queue_.empty(); });
-      const auto handle = std::move(queue_.front().first);
-      queue_.pop_front();
-      queue_held.unlock();
-      std::lock_guard held(nd_);
-      handle();
-    }
+  template <typename How>
+  void change(How how) {
+    std::lock_guard held(lock_);
+    how();
   }
-  void silence(uint32_t table, bool on) {
-    std::lock_guard held(queue_lock_);
-    if (!on) return void(silent_.erase(table));
-    silent_.insert(table);
-    std::erase_if(queue_, [=](const auto &request) { return request.second == table; });
-  }
-  void count(uint32_t table, uint32_t nexthop, int add) {
-    const int64_t now = counts_[table][nexthop] += add ? 1 : -1;
-    underflows += now < 0;
-    if (now == 0) counts_[table].erase(nexthop);
-  }
-
-  std::mutex nd_, queue_lock_;
-  std::condition_variable queued_;
-  std::deque<std::pair<std::function<void()>, uint32_t>> queue_;  // with the table of a report
-  std::set<uint32_t> silent_;
-  route_counts counts_;
+  std::mutex lock_;
+  table_counts counts_;  // of the tables that are on
+  std::vector<std::pair<uint32_t, int>> log_;
   tarvo_nd_notify_fn notify_ = nullptr;
-  bool stop_ = false;
-  std::thread worker_;
+  std::vector<std::future<void>> answers_;
 };
-
 fake_module *the_module;
 
 int report(uint32_t table, uint32_t nexthop, int add) {
@@ -128,8 +90,8 @@ int report(uint32_t table, uint32_t nexthop, int add) {
 }
 const tarvo_nd_rib_fns_t kCallbacks = {report, nullptr};
 
-nlri vpn_route(uint64_t rd, uint32_t prefix, uint32_t path_id = 0) {
-  return {rd, prefix << 8, path_id, 24, true};
+nlri vpn_route(uint64_t rd, uint32_t prefix, uint32_t path_id = 0, uint8_t length = 24) {
+  return {rd, prefix << 8, path_id, length, true};
 }
 
 struct world {
@@ -141,20 +103,17 @@ struct world {
   }
   void quiet() {
     while (routes.work()) continue;
-    pace.wait();
   }
-  bool announce(source_id source, const nlri &key, uint32_t nexthop,
-                const std::vector<route_target> &targets) {
-    const attr_id attributes = routes.acquire(nexthop, targets);
-    const bool taken = routes.announce(source, key, attributes);
+  bool announce(source_id from, const nlri &key, uint32_t nexthop, const targets &set) {
+    const attr_id attributes = routes.acquire(nexthop, set);
+    const bool taken = routes.announce(from, key, attributes);
     routes.release(attributes);
     return taken;
   }
-  /// Grows the table to so many routes, which VRFs that import 10 take.
-  void grow_to(uint32_t count, uint32_t nexthops = 1) {
-    if (next_ == 0) source_ = routes.open_source();
-    for (; next_ < count; ++next_)
-      announce(source_, vpn_route(1, next_), 1 + next_ % nexthops, {10});
+  /// Grows the table to so many routes of one next hop, with target 10.
+  void grow_to(uint32_t count) {
+    while (routes.paths() < count)
+      announce(source, vpn_route(1, static_cast<uint32_t>(routes.paths())), 1, {10});
   }
 
   fake_module module;
@@ -162,11 +121,10 @@ struct world {
   redistribution reports{pace};
   global_table global;
   rib routes{global, reports};
-  uint32_t next_ = 0;
-  source_id source_ = 0;
+  const source_id source = routes.open_source();
 };
 
-// The same, kept without any cleverness, and the random steps that change both.
+/// The same without any cleverness, and the random steps that change both.
 class model {
  public:
   model(world &w, uint32_t seed) : w_(w), random_(seed) {
@@ -174,8 +132,7 @@ class model {
   }
   void step() {
     const unsigned what = below(5000);
-    if (what < 4000) return announce();
-    if (what < 4500) return withdraw();
+    if (what < 4500) return change_path(what < 4000);
     if (what < 4950) return void(w_.routes.work());
     if (what < 4951) return reopen(below(kSources));
     if (what < 4960) return toggle_vrf(1 + below(kTables));
@@ -183,102 +140,91 @@ class model {
   }
   void check() {
     w_.quiet();
-    route_counts expected, shown, reported = w_.module.counts();
-    for (auto &[table, imports] : vrfs_) count(imports, expected[table]), shown[table];
+    table_counts expected, shown, reported = w_.module.counts();
+    for (const auto &[table, imports] : vrfs_) count(imports, expected[table]), shown[table];
     for (const route_count &c : w_.routes.count_routes()) shown[c.table_id][c.nexthop] = c.routes;
     ASSERT_EQ(shown, expected);
-    for (auto &[table, nexthops] : expected)
-      ASSERT_EQ(reported[table], on_.contains(table) ? nexthops : nexthop_counts{});
-    ASSERT_EQ(w_.module.late, 0);
-    ASSERT_EQ(w_.module.underflows, 0);
-    for (int i = 0; i < 50; ++i) check_lookup(random_());
+    for (const auto &[table, nexthops] : reported) ASSERT_EQ(nexthops, expected[table]);
+    ASSERT_EQ(reported.size(), on_.size());
+    ASSERT_EQ(w_.module.wrong, 0);
+    ASSERT_EQ(w_.routes.paths(), paths_.size());
+    for (int i = 0; i < 50; ++i) check_lookup(static_cast<uint32_t>(random_()));
   }
   void empty() {
     for (unsigned i = 0; i < kSources; ++i) reopen(i);
     check();
-    ASSERT_EQ(w_.routes.paths(), 0u);
   }
 
  private:
   static constexpr unsigned kSources = 4, kTables = 4, kTargets = 6;
-  using route_key = std::tuple<bool, uint64_t, uint32_t, uint8_t>;
-  struct attributes {
-    uint32_t nexthop;
-    std::vector<route_target> targets;
-  };
+  /// VPN, RD, prefix, length, then what tells the paths of an NLRI apart: source and path ID.
+  using path_key = std::tuple<bool, uint64_t, uint32_t, uint8_t, unsigned, uint32_t>;
 
-  unsigned below(unsigned limit) { return unsigned(random_() % limit); }
-  std::vector<route_target> some_targets() {
-    std::vector<route_target> targets(below(4));
-    for (route_target &t : targets) t = below(kTargets);
-    return targets;
+  unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
+  targets some_targets() {
+    targets set(below(4));
+    for (route_target &t : set) t = below(kTargets);
+    return set;
   }
   // Half of the steps meet on a few prefixes, the others make the table grow.
   nlri some_nlri() {
-    const nlri key = vpn_route(1 + below(2), below(2) ? below(8) : below(12000), below(3));
-    if (below(5) != 0) return key;
-    const uint8_t length = uint8_t(below(33));
-    const uint32_t prefix = length == 0 ? 0 : uint32_t(random_()) & ~0u << (32 - length);
-    return {0, prefix, below(2), length, false};
+    if (below(5) != 0)
+      return vpn_route(1 + below(2), below(2) ? below(8) : below(12000), below(3),
+                       static_cast<uint8_t>(24 + below(2)));
+    const auto length = static_cast<uint8_t>(below(33));
+    const uint64_t mask = ~uint64_t{0} << (32 - length);
+    return {0, static_cast<uint32_t>(random_() & mask), below(2), length, false};
   }
-  static route_key key_of(const nlri &k) { return {k.vpn, k.rd, k.prefix, k.length}; }
-
-  void announce() {
+  void change_path(bool announced) {
     const unsigned s = below(kSources);
-    const nlri key = some_nlri();
-    const attributes a{below(5), some_targets()};  // next hop 0 is the router itself
-    ASSERT_TRUE(w_.announce(sources_[s], key, a.nexthop, a.targets));
-    paths_[key_of(key)][{s, key.path_id}] = a;
-  }
-  void withdraw() {
-    const unsigned s = below(kSources);
-    const nlri key = some_nlri();
-    w_.routes.withdraw(sources_[s], key);
-    if (paths_.contains(key_of(key))) paths_[key_of(key)].erase({s, key.path_id});
+    const nlri k = some_nlri();
+    const path_key key{k.vpn, k.rd, k.prefix, k.length, s, k.path_id};
+    if (!announced) {
+      paths_.erase(key);
+      return w_.routes.withdraw(sources_[s], k);
+    }
+    paths_[key] = {below(5), some_targets()};  // next hop 0 is the router itself
+    ASSERT_TRUE(w_.announce(sources_[s], k, paths_[key].first, paths_[key].second));
   }
   void reopen(unsigned s) {
     w_.routes.close_source(sources_[s]);
     sources_[s] = w_.routes.open_source();
-    for (auto &[key, paths] : paths_)
-      std::erase_if(paths, [s](auto &path) { return path.first.first == s; });
+    std::erase_if(paths_, [s](auto &path) { return std::get<4>(path.first) == s; });
   }
   void toggle_vrf(uint32_t table) {
     if (!vrfs_.contains(table)) {
       vrfs_[table] = some_targets();
       return w_.routes.add_vrf({"vrf", table, vrfs_[table]});
     }
-    if (on_.erase(table) != 0) w_.module.ask(table, kOff);
     w_.routes.remove_vrf(table);
+    EXPECT_NE(w_.module.ask(table, kOff), 0) << "unknown table";
+    on_.erase(table);
     vrfs_.erase(table);
-    EXPECT_NE(w_.module.ask(table, kOn), 0) << "unknown table";
   }
   void toggle_redistribution(uint32_t table) {
-    if (!vrfs_.contains(table)) return;
-    // What is queued under the old count would be counted in the new one.
-    w_.pace.wait();
-    const unsigned what = below(3);
-    if (what == 0 && on_.erase(table) != 0) return void(w_.module.ask(table, kOff));
-    if (what == 1 && on_.contains(table)) return void(w_.module.ask(table, kReset));
-    w_.module.ask(table, kOn);
-    on_.insert(table);
+    const auto what = static_cast<asking>(below(3));
+    const bool known = what == kReset ? on_.contains(table) : vrfs_.contains(table);
+    EXPECT_EQ(w_.module.ask(table, what) == 0, known);
+    if (known && what == kOn) on_.insert(table);
+    if (what == kOff) on_.erase(table);
   }
 
-  void count(const std::vector<route_target> &imports, nexthop_counts &nexthops) const {
-    for (auto &[key, paths] : paths_) {
-      std::set<uint32_t> of_route;
-      for (auto &[from, a] : paths)
-        if (std::get<bool>(key) && a.nexthop != 0 &&
-            std::ranges::find_first_of(a.targets, imports) != a.targets.end())
-          of_route.insert(a.nexthop);
-      for (uint32_t nexthop : of_route) ++nexthops[nexthop];
+  void count(const targets &imports, nexthop_counts &nexthops) const {
+    std::set<std::tuple<uint64_t, uint32_t, uint8_t, uint32_t>> routes;
+    for (const auto &[key, attributes] : paths_) {
+      const auto &[vpn, rd, prefix, length, source, id] = key;
+      const auto &[nexthop, set] = attributes;
+      if (vpn && nexthop != 0 && std::ranges::find_first_of(set, imports) != set.end())
+        routes.insert({rd, prefix, length, nexthop});
     }
+    for (const auto &route : routes) ++nexthops[std::get<3>(route)];
   }
   void check_lookup(uint32_t address) const {
     int longest = -1;
-    for (auto &[key, paths] : paths_) {
-      auto [vpn, rd, prefix, length] = key;
-      const bool covers = length == 0 || (address ^ prefix) >> (32 - length) == 0;
-      if (!vpn && covers && !paths.empty()) longest = std::max(longest, int(length));
+    for (const auto &[key, attributes] : paths_) {
+      const auto &[vpn, rd, prefix, length, source, id] = key;
+      const bool covers = !vpn && uint64_t{address ^ prefix} >> (32 - length) == 0;
+      if (covers) longest = std::max<int>(longest, length);
     }
     tarvo_nd_nhop_info_t info{htonl(address), 0, 0};
     ASSERT_EQ(tarvo_rib_ipv4_get_prefix_route(&info) == 0, longest >= 0);
@@ -288,8 +234,8 @@ class model {
   world &w_;
   std::mt19937 random_;
   source_id sources_[kSources];
-  std::map<route_key, std::map<std::pair<unsigned, uint32_t>, attributes>> paths_;
-  std::map<uint32_t, std::vector<route_target>> vrfs_;
+  std::map<path_key, std::pair<uint32_t, targets>> paths_;  // next hop and targets
+  std::map<uint32_t, targets> vrfs_;
   std::set<uint32_t> on_;
 };
 
@@ -306,17 +252,18 @@ TEST_P(Rib, MatchesModelThroughRandomSteps) {
 }
 INSTANTIATE_TEST_SUITE_P(Seeds, Rib, testing::Range(1u, 5u));
 
+// ---- What a model of the counts can't see ----
+
 TEST(RibReports, AddsBeforeDeletesAndOnlyDifferences) {
   world w;
   w.routes.add_vrf({"a", 1, {10, 11}});
   ASSERT_EQ(w.module.ask(1, kOn), 0);
-  w.quiet();
-  const source_id s = w.routes.open_source(), t = w.routes.open_source();
+  const source_id s = w.source, t = w.routes.open_source();
   const struct {
     const char *what;
     source_id from;
     uint32_t nexthop;
-    std::vector<route_target> targets;
+    targets set;
     std::vector<std::pair<uint32_t, int>> expected;
   } steps[] = {
       {"two imported targets count once", s, 7, {10, 11}, {{7, 1}}},
@@ -325,51 +272,52 @@ TEST(RibReports, AddsBeforeDeletesAndOnlyDifferences) {
       {"moved: add first", t, 9, {10}, {{9, 1}, {7, 0}}},
       {"another imported target, same route", t, 9, {11}, {}},
       {"a target that nobody imports", t, 9, {12}, {{9, 0}}},
-      {"the router itself", s, 0, {10}, {{8, 0}}},
   };
-  for (auto &step : steps) {
-    w.module.log.clear();
-    w.announce(step.from, vpn_route(1, 1), step.nexthop, step.targets);
+  for (const auto &step : steps) {
     w.quiet();
-    EXPECT_EQ(w.module.log, step.expected) << step.what;
+    w.module.log();
+    w.announce(step.from, vpn_route(1, 1), step.nexthop, step.set);
+    w.quiet();
+    EXPECT_EQ(w.module.log(), step.expected) << step.what;
   }
 }
 
-// Two tables join a pass at different places, and the buckets double before either is through.
-TEST(RibReports, DumpKeepsItsPlaceWhileTheTableGrows) {
+TEST(RibLimits, PathsOfOneNlri) {
   world w;
-  for (uint32_t table : {1, 2, 3}) w.routes.add_vrf({"vrf", table, {10}});
-  w.grow_to(8000);
-  for (uint32_t table : {1, 2, 3}) {
-    ASSERT_EQ(w.module.ask(table, kOn), 0);
-    w.routes.work();
-    if (table == 2) w.grow_to(9000);
-  }
-  w.grow_to(40000);
-  w.quiet();
-  const nexthop_counts all = {{1, 40000}};
-  EXPECT_EQ(w.module.counts(), (route_counts{{1, all}, {2, all}, {3, all}}));
+  for (uint32_t id = 0; id <= rib::kMaxPathsPerNlri; ++id)
+    EXPECT_EQ(w.announce(w.source, vpn_route(1, 1, id), 7, {}), id < rib::kMaxPathsPerNlri);
+  EXPECT_TRUE(w.announce(w.source, vpn_route(1, 1, 0), 8, {})) << "a known path may change";
+}
+
+// A session that has all but three of all paths there may be, as its account says.
+TEST(RibLimits, ASessionHoldsNoMoreThanIsLeftForAll) {
+  world w;
+  const auto account = std::make_shared<size_t>(rib::kMaxPaths - 3);
+  const source_id s = w.routes.open_source(account), t = w.routes.open_source(account);
+  w.grow_to(1);
+  EXPECT_TRUE(w.announce(s, vpn_route(2, 1), 7, {}));
+  EXPECT_FALSE(w.announce(t, vpn_route(2, 2), 7, {})) << "as many as are left";
+  EXPECT_TRUE(w.announce(s, vpn_route(2, 1), 8, {})) << "a known path may change";
+  w.routes.withdraw(s, vpn_route(2, 1));
+  EXPECT_TRUE(w.announce(t, vpn_route(2, 2), 7, {}));
+  w.grow_to(3);
+  EXPECT_EQ(w.routes.paths(), 3u) << "another session is not concerned";
+  w.routes.close_source(t);
+  w.routes.settle();
+  EXPECT_EQ(*account, rib::kMaxPaths - 3);
 }
 
 TEST(AttrStore, LastReleaseFrees) {
   attr_store store;
-  std::vector<size_t> memory;
+  size_t memory = 0;
   for (route_target t = 0; t < 100; ++t) {
-    const attr_id first = store.acquire(1, std::vector{t, t + 1});
-    EXPECT_EQ(store.acquire(1, std::vector{t + 1, t, t}), first) << "the same set";
+    const attr_id first = store.acquire(1, targets{t, t + 1});
+    EXPECT_EQ(store.acquire(1, targets{t + 1, t, t}), first) << "the same set";
     store.release(first);
     store.release(first);
-    memory.push_back(store.memory());
+    if (t == 0) memory = store.memory();
   }
-  EXPECT_EQ(memory.front(), memory.back());
-}
-
-TEST(RibLimits, PathsOfOneNlriAreBounded) {
-  world w;
-  const source_id s = w.routes.open_source();
-  for (uint32_t id = 0; id <= rib::kMaxPathsPerNlri; ++id)
-    EXPECT_EQ(w.announce(s, vpn_route(1, 1, id), 7, {}), id < rib::kMaxPathsPerNlri);
-  EXPECT_TRUE(w.announce(s, vpn_route(1, 1, 0), 8, {})) << "a known path may change";
+  EXPECT_EQ(store.memory(), memory);
 }
 
 TEST(Fence, WithoutMemoryNothingHangs) {
@@ -378,28 +326,34 @@ TEST(Fence, WithoutMemoryNothingHangs) {
   w.pace.wait();
   w.pace.passed(fence::kReportsPerFence);
   EXPECT_TRUE(w.pace.admit());
-  w.module.no_memory = false;
   w.pace.close();
   EXPECT_FALSE(w.pace.admit());
-  w.module.no_memory = true;
   EXPECT_FALSE(w.pace.open());
   w.pace.wait();
 }
 
-// The worker stands still until the RIB has queued what it may, and the queue never grows longer.
-TEST(RibThread, PacesDumpsSettlesAndServesDescriptorsAndCalls) {
+// While the module stands still, the RIB queues what it may and no more.
+TEST(RibThread, PacesDumpsAndServesDescriptorsAndCalls) {
   constexpr size_t kMostQueued = fence::kReportsPerFence * fence::kMaxOutstanding;
   world w;
   w.routes.add_vrf({"a", 1, {10}});
-  w.grow_to(50000, 3);
+  w.grow_to(50000);
   rib_thread loop(w.routes, w.reports, w.pace);
   for (int round = 0; round < 3; ++round) {
-    ASSERT_EQ(w.module.ask(1, kOn, kMostQueued), 0);
+    size_t queued = 0;
+    {
+      std::lock_guard still(w.module.standstill);
+      ASSERT_EQ(w.module.ask(1, kOn), 0);
+      while (queued < kMostQueued) queued += w.module.log().size();
+      for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+      queued += w.module.log().size();
+    }
+    EXPECT_LE(queued, kMostQueued + redistribution::kBurst * fence::kMaxOutstanding);
     loop.settle();
-    EXPECT_EQ(w.module.counts(), (route_counts{{1, {{1, 16667}, {2, 16667}, {3, 16666}}}}));
+    EXPECT_EQ(w.module.log().size() + queued, 50000u);
+    EXPECT_EQ(w.module.counts(), (table_counts{{1, {{1, 50000}}}}));
     ASSERT_EQ(w.module.ask(1, kOff), 0);
   }
-  EXPECT_LE(w.module.most_queued, kMostQueued + redistribution::kBurst * fence::kMaxOutstanding);
 
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
@@ -412,7 +366,8 @@ TEST(RibThread, PacesDumpsSettlesAndServesDescriptorsAndCalls) {
     });
   });
   std::thread caller([&] {
-    for (uint32_t i = 0; i < 300; ++i) loop.call([&] { w.routes.withdraw(0, vpn_route(1, i)); });
+    for (uint32_t i = 0; i < 300; ++i)
+      loop.call([&] { w.routes.withdraw(w.source, vpn_route(1, i)); });
   });
   for (int i = 0; i < 20; ++i) ASSERT_EQ(w.module.ask(1, kOn) + w.module.ask(1, kOff), 0);
   ASSERT_EQ(write(ends[1], "x", 1), 1);
@@ -420,19 +375,34 @@ TEST(RibThread, PacesDumpsSettlesAndServesDescriptorsAndCalls) {
   ASSERT_EQ(w.module.ask(1, kOn), 0);
   caller.join();
   loop.settle();
-  EXPECT_EQ(w.module.counts(), (route_counts{{1, {{1, 16567}, {2, 16567}, {3, 16566}}}}));
-  EXPECT_EQ(w.module.late, 0);
-  close(ends[0]);
-  close(ends[1]);
+  EXPECT_EQ(w.module.counts(), (table_counts{{1, {{1, 49700}}}}));
+  EXPECT_EQ(w.module.wrong, 0);
+  for (const int end : ends) close(end);
+}
+
+// Keys that differ where a router can make them differ, in runs and one bit at a time, fill buckets
+// as random ones would, whether a table takes the hash's top bits or its remainder.
+TEST(SeededHash, SpreadsWhatARouterChooses) {
+  constexpr uint32_t kBuckets = 1 << 14;
+  for (int shift = 0; shift <= 50; ++shift) {
+    std::vector<int> top(kBuckets), rest(kBuckets);
+    for (uint64_t i = 0; i < kBuckets; ++i) {
+      const uint32_t hash = seeded_hash()(i << shift, shift % 2 == 0 ? 0 : i << 40);
+      ++top[hash / (~uint32_t{0} / kBuckets + 1)], ++rest[hash % kBuckets];
+    }
+    EXPECT_LE(std::ranges::max(top), 20) << shift;
+    EXPECT_LE(std::ranges::max(rest), 20) << shift;
+  }
 }
 
 }  // namespace
+}  // namespace agent
 
 // The module's side of the fence.
 uint32_t tarvo_pe_discovery_register(uint32_t id, const char *, tarvo_nd_notify_fn notify) {
-  return the_module->answer(notify, id, TARVO_ND_EVENT_END);
+  return agent::the_module->answer(notify, id, TARVO_ND_EVENT_END);
 }
 uint32_t tarvo_pe_discovery_unregister(uint32_t) { return TARVO_ND_OK; }
 uint32_t tarvo_pe_discovery_resend(uint32_t id, const char *) {
-  return the_module->answer(nullptr, id, TARVO_ND_EVENT_RESEND_END);
+  return agent::the_module->answer(nullptr, id, TARVO_ND_EVENT_RESEND_END);
 }
