@@ -18,31 +18,25 @@ struct injector {
   std::atomic<long> countdown{0};  // the call that fails is the one that brings it to 0
   std::atomic<bool> forever{false};
   std::atomic<int> hits{0};
+  int error = 0;
 
   void arm(long nth, bool for_good) { hits = 0, forever = for_good, countdown = nth; }
   void disarm() { countdown = 0; }
-  bool fails() {
+  bool due() {
     if (countdown == 0) return false;
     if (countdown > 1) return --countdown, false;
     if (!forever) countdown = 0;
     return ++hits > 0;
   }
-};
-
-struct call {
-  injector faults;
-  int error = 0;
-
+  /// Whether a call of the agent fails; the test's own work.
   bool fails() {
-    // The test's own calls work.
-    if (std::this_thread::get_id() == test_thread || !faults.fails()) return false;
+    if (std::this_thread::get_id() == test_thread || !due()) return false;
     errno = error;
     return true;
   }
   static inline const std::thread::id test_thread = std::this_thread::get_id();
-} accept_call, poll_call, read_call, timer_call;
+} accept_call, poll_call, read_call, timer_call, allocation;
 
-injector allocation;
 thread_local bool allocation_may_fail = false;
 
 }  // namespace
@@ -68,7 +62,7 @@ int __wrap_timerfd_create(int clock, int flags) {
 
 // Not inline, or the compiler takes the pairs for mismatched.
 [[gnu::noinline]] void *operator new(size_t size) {
-  void *const at = allocation_may_fail && allocation.fails() ? nullptr : malloc(size);
+  void *const at = allocation_may_fail && allocation.due() ? nullptr : malloc(size);
   if (at == nullptr) throw std::bad_alloc();
   return at;
 }
@@ -79,7 +73,7 @@ namespace agent {
 namespace {
 
 const struct {
-  call &failing;
+  injector &failing;
   int error;
   const char *told;  ///< once, however often it fails
 } kFailures[] = {
@@ -119,17 +113,17 @@ TEST(Faults, OfSystemCallsAreToldAndSurvived) {
         const uint16_t port = w.listening_port();
         testing::internal::CaptureStderr();
         row.failing.error = row.error;
-        row.failing.faults.arm(nth, forever);
+        row.failing.arm(nth, forever);
         const auto start = std::chrono::steady_clock::now();
         {
           // Every router gives a connection to accept, bytes to read, and turns of the loop.
           std::list<router> routers;
-          while (row.failing.faults.hits < (forever ? 3 : 1)) {
+          while (row.failing.hits < (forever ? 3 : 1)) {
             if (routers.size() < 20) routers.emplace_back(port);
             routers.back().try_send(kGood);
             w.shown();
           }
-          row.failing.faults.disarm();
+          row.failing.disarm();
         }
         // What is tried again is not tried all the time: a tick or a pause lies between.
         const bool retried = forever && bytes(row.told).ends_with("trying again");
@@ -150,7 +144,7 @@ TEST(Faults, OfSystemCallsAreToldAndSurvived) {
 TEST(Faults, OfTheTimerRefuseToListen) {
   station_world w;
   timer_call.error = EMFILE;
-  timer_call.faults.arm(1, false);
+  timer_call.arm(1, false);
   testing::internal::CaptureStderr();
   EXPECT_EQ(w.station.listen("0"), "timerfd_create: Too many open files");
   testing::internal::GetCapturedStderr();
