@@ -1,7 +1,6 @@
 // RIB, redistribution, fence and RIB thread against a model of what they keep and report.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -239,18 +238,17 @@ class model {
   std::set<uint32_t> on_;
 };
 
-class Rib : public testing::TestWithParam<uint32_t> {};
-
-TEST_P(Rib, MatchesModelThroughRandomSteps) {
-  world w;
-  model m(w, GetParam());
-  for (int round = 0; round < 40 && !HasFatalFailure(); ++round) {
-    for (int i = 0; i < 3000; ++i) m.step();
-    m.check();
+TEST(Rib, MatchesModelThroughRandomSteps) {
+  for (uint32_t seed = 1; seed < 5 && !HasFatalFailure(); ++seed) {
+    world w;
+    model m(w, seed);
+    for (int round = 0; round < 40 && !HasFatalFailure(); ++round) {
+      for (int i = 0; i < 3000; ++i) m.step();
+      m.check();
+    }
+    m.empty();
   }
-  m.empty();
 }
-INSTANTIATE_TEST_SUITE_P(Seeds, Rib, testing::Range(1u, 5u));
 
 // ---- What a model of the counts can't see ----
 
@@ -333,7 +331,7 @@ TEST(Fence, WithoutMemoryNothingHangs) {
 }
 
 // While the module stands still, the RIB queues what it may and no more.
-TEST(RibThread, PacesDumpsAndServesDescriptorsAndCalls) {
+TEST(RibThread, PacesDumps) {
   constexpr size_t kMostQueued = fence::kReportsPerFence * fence::kMaxOutstanding;
   world w;
   w.routes.add_vrf({"a", 1, {10}});
@@ -348,36 +346,29 @@ TEST(RibThread, PacesDumpsAndServesDescriptorsAndCalls) {
       for (int i = 0; i < 1000; ++i) std::this_thread::yield();
       queued += w.module.log().size();
     }
-    EXPECT_LE(queued, kMostQueued + redistribution::kBurst * fence::kMaxOutstanding);
+    EXPECT_LE(queued, kMostQueued + redistribution::kBurst);
     loop.settle();
     EXPECT_EQ(w.module.log().size() + queued, 50000u);
-    EXPECT_EQ(w.module.counts(), (table_counts{{1, {{1, 50000}}}}));
     ASSERT_EQ(w.module.ask(1, kOff), 0);
   }
+}
 
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  std::promise<char> got;
-  loop.call([&] {
-    loop.add_fd(ends[0], POLLIN, [&](short) {
-      char c = 0;
-      if (read(ends[0], &c, 1) == 1) got.set_value(c);
-      loop.remove_fd(ends[0]);
-    });
-  });
+// Calls of other threads go through meanwhile, and a table switched off is silent at once.
+TEST(RibThread, ServesCallsWhileTablesComeAndGo) {
+  world w;
+  w.routes.add_vrf({"a", 1, {10}});
+  w.grow_to(50000);
+  rib_thread loop(w.routes, w.reports, w.pace);
   std::thread caller([&] {
     for (uint32_t i = 0; i < 300; ++i)
       loop.call([&] { w.routes.withdraw(w.source, vpn_route(1, i)); });
   });
   for (int i = 0; i < 20; ++i) ASSERT_EQ(w.module.ask(1, kOn) + w.module.ask(1, kOff), 0);
-  ASSERT_EQ(write(ends[1], "x", 1), 1);
-  EXPECT_EQ(got.get_future().get(), 'x');
   ASSERT_EQ(w.module.ask(1, kOn), 0);
   caller.join();
   loop.settle();
   EXPECT_EQ(w.module.counts(), (table_counts{{1, {{1, 49700}}}}));
   EXPECT_EQ(w.module.wrong, 0);
-  for (const int end : ends) close(end);
 }
 
 // Keys that differ where a router can make them differ, in runs and one bit at a time, fill buckets
