@@ -25,6 +25,12 @@ namespace agent {
 
 using kind = bmp_session::source_kind;
 
+inline size_t count(const std::string &text, const std::string &part) {
+  size_t n = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != bytes::npos; ++at) ++n;
+  return n;
+}
+
 struct rib_world {
   global_table global;
   fence pace;

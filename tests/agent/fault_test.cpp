@@ -89,12 +89,6 @@ const struct {
     {poll_call, ENOMEM, "poll: Cannot allocate memory; trying again"},
 };
 
-size_t count(const std::string &text, const std::string &part) {
-  size_t n = 0;
-  for (size_t at = 0; (at = text.find(part, at)) != bytes::npos; ++at) ++n;
-  return n;
-}
-
 bool repeats_a_line(const std::string &text) {
   std::istringstream lines(text);
   std::set<std::string> seen;

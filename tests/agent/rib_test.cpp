@@ -141,7 +141,10 @@ class model {
     w_.quiet();
     table_counts expected, shown, reported = w_.module.counts();
     for (const auto &[table, imports] : vrfs_) count(imports, expected[table]), shown[table];
-    for (const route_count &c : w_.routes.count_routes()) shown[c.table_id][c.nexthop] = c.routes;
+    const auto counted = w_.routes.count_routes();
+    ASSERT_TRUE(std::ranges::is_sorted(
+        counted, {}, [](auto &c) { return std::pair(c.table_id, ntohl(c.nexthop)); }));
+    for (const route_count &c : counted) shown[c.table_id][c.nexthop] = c.routes;
     ASSERT_EQ(shown, expected);
     for (const auto &[table, nexthops] : reported) ASSERT_EQ(nexthops, expected[table]);
     ASSERT_EQ(reported.size(), on_.size());
@@ -182,7 +185,8 @@ class model {
       paths_.erase(key);
       return w_.routes.withdraw(sources_[s], k);
     }
-    paths_[key] = {below(5), some_targets()};  // next hop 0 is the router itself
+    // Next hop 0 is the router itself; in reverse, the others' bytes are in the other order.
+    paths_[key] = {below(5) * 255, some_targets()};
     ASSERT_TRUE(w_.announce(sources_[s], k, paths_[key].first, paths_[key].second));
   }
   void reopen(unsigned s) {
