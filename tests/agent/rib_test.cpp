@@ -279,6 +279,23 @@ TEST(RibReports, AddsBeforeDeletesAndOnlyDifferences) {
   }
 }
 
+// Two tables join a pass at different places, and the buckets double before either is through.
+TEST(RibReports, DumpKeepsItsPlaceWhileTheTableGrows) {
+  world w;
+  table_counts all;
+  w.grow_to(8000);
+  for (const uint32_t table : {1, 2, 3}) {
+    w.routes.add_vrf({"vrf", table, {10}});
+    ASSERT_EQ(w.module.ask(table, kOn), 0);
+    w.routes.work();
+    if (table == 2) w.grow_to(9000);
+    all[table] = {{1, 40000}};
+  }
+  w.grow_to(40000);
+  w.quiet();
+  EXPECT_EQ(w.module.counts(), all);
+}
+
 TEST(RibLimits, PathsOfOneNlri) {
   world w;
   for (uint32_t id = 0; id <= rib::kMaxPathsPerNlri; ++id)
