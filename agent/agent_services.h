@@ -16,6 +16,9 @@ class redistribution;
 /// The router's default IPv4 unicast table; no VRF may use it.
 constexpr uint32_t kDefaultTableId = 0xe0000000;
 
+/// Why there is nothing to tell.
+constexpr const char *kInactive = "discovery is inactive: no client watches";
+
 /// The callback tables that the module registered; null until then.
 struct module_tables {
   const tarvo_nd_cfg_fns_t *cfg = nullptr;

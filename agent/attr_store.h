@@ -34,6 +34,8 @@ class attr_store {
   void release(attr_id id);
 
   uint32_t nexthop(attr_id id) const { return attrs_[id].nexthop; }
+  /// Ascending, each once.
+  std::span<const route_target> targets(attr_id id) const { return sets_[attrs_[id].set].targets; }
   /// Slots of the VRFs that a route with these attributes belongs to, ascending. None without a
   /// next hop: that is the router itself, no remote PE.
   std::span<const uint32_t> importers(attr_id id) const {

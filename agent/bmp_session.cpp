@@ -33,7 +33,6 @@ enum message_type : uint8_t {
 enum peer_type : uint8_t { kGlobalInstance = 0, kLocalInstance = 2, kLocRibInstance = 3 };
 
 // Of the peer types but the Loc-RIB's, where 0x80 means that the view is filtered.
-constexpr uint8_t kFlagIpv6 = 0x80;
 constexpr uint8_t kFlagPostPolicy = 0x40;
 constexpr uint8_t kFlagAdjRibOut = 0x10;
 
@@ -45,9 +44,11 @@ constexpr size_t kLongestEndOfRib = kBgpHeaderSize + 4 + 7;
 // What a router says of itself is shown, but no more of it than this.
 constexpr size_t kMaxSystemName = 255;
 
-std::string peer_address_text(const uint8_t *bytes, bool ipv6) {
+// An IPv4 address stands in the last four bytes, with zeros before it.
+std::string peer_address_text(const std::array<uint8_t, 16> &bytes) {
+  const bool ipv4 = std::all_of(bytes.begin(), bytes.begin() + 12, [](uint8_t b) { return b == 0; });
   char text[INET6_ADDRSTRLEN];
-  return inet_ntop(ipv6 ? AF_INET6 : AF_INET, ipv6 ? bytes : bytes + 12, text, sizeof text);
+  return inet_ntop(ipv4 ? AF_INET : AF_INET6, bytes.data() + (ipv4 ? 12 : 0), text, sizeof text);
 }
 
 // A reference to attributes, given back also when the RIB throws.
@@ -63,12 +64,6 @@ struct held_attributes {
   rib &routes;
   const attr_id id;
 };
-
-// A route distinguisher has the three forms of a route target, under other type bytes.
-std::string distinguisher_text(uint64_t rd) {
-  const uint64_t form = rd >> 48 & 0xff, value = rd & 0xffffffffffff;
-  return target_text(form << 56 | uint64_t{0x02} << 48 | value);
-}
 
 }  // namespace
 
@@ -348,7 +343,7 @@ void bmp_session::learn(const peer_header &header, peer &from) {
   if (update_.fault.action != fault_action::none) report_fault(header, update_.fault, "UPDATE");
   if (update_.other_reading && !from.told_reading) {
     from.told_reading = true;
-    say(name_of(header) +
+    say(name_of(header.key) +
         ": path identifiers are used against what the OPENs say; read as they "
         "come");
   }
@@ -407,18 +402,26 @@ void bmp_session::report_empty_view() {
       "; there are some in: " + seen);
 }
 
-std::string bmp_session::name_of(const peer_header &header) {
-  std::string name =
-      header.key.type == kLocRibInstance
-          ? "peer loc-rib"
-          : "peer " + peer_address_text(header.key.address.data(), (header.flags & kFlagIpv6) != 0);
-  if (header.key.distinguisher != 0) name += " of " + distinguisher_text(header.key.distinguisher);
+std::string bmp_session::name_of(const peer_key &key) {
+  std::string name = key.type == kLocRibInstance ? "peer loc-rib"
+                                                 : "peer " + peer_address_text(key.address);
+  if (key.distinguisher != 0) name += " of " + distinguisher_text(key.distinguisher);
   return name;
+}
+
+void bmp_session::name_sources(std::map<source_id, route_origin> &wanted) const {
+  constexpr size_t kPeerWord = 5;  // "peer "
+  for (const auto &[key, from] : peers_) {
+    if (!from.source) continue;
+    const auto found = wanted.find(*from.source);
+    if (found == wanted.end()) continue;
+    found->second = {router_, system_name_, name_of(key).substr(kPeerWord), kViewNames[chosen_]};
+  }
 }
 
 void bmp_session::report_fault(const peer_header &header, const bgp_fault &fault,
                                const char *message) {
-  std::string text = name_of(header) + ": malformed " + message + " at byte " +
+  std::string text = name_of(header.key) + ": malformed " + message + " at byte " +
                      std::to_string(fault.offset) + " of the message at " +
                      std::to_string(message_at_) + ": " + fault.kind + ": " + fault.what;
   if (fault.attribute != 0) text += " (attribute " + std::to_string(fault.attribute) + ")";

@@ -57,6 +57,9 @@ class bmp_session {
   uint64_t messages() const { return messages_; }
 
   session_info info() const;
+  uint64_t routes_read() const { return routes_read_; }
+  /// Fills in the origins of this session's sources among the keys of `wanted`.
+  void name_sources(std::map<source_id, route_origin> &wanted) const;
   /// Why the stream couldn't be read to its end; empty when it could.
   const std::string &stream_error() const { return stream_error_; }
 
@@ -108,7 +111,7 @@ class bmp_session {
   void report_fault(const peer_header &header, const bgp_fault &fault, const char *message);
   void report(const char *kind, const std::string &text);
   void say(const std::string &text);
-  static std::string name_of(const peer_header &header);
+  static std::string name_of(const peer_key &key);
 
   rib &routes_;
   const size_t chosen_;  // a view_index

@@ -3,7 +3,6 @@
 // over chunk by chunk, so that dumps and other jobs have their turn in between.
 #include "agent/bmp_station.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -14,7 +13,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cmath>
 #include <cstring>
 #include <new>
@@ -23,6 +21,8 @@
 
 #include "agent/bmp_session.h"
 #include "agent/diagnostics.h"
+#include "agent/endpoint.h"
+#include "agent/progress.h"
 #include "agent/rib_thread.h"
 
 namespace agent {
@@ -44,33 +44,6 @@ std::string error_text(const char *call) { return std::string(call) + ": " + str
 
 // One write, so that the lines of different threads don't mix.
 void tell(const std::string &text) { diagnose("tarvo-agent: " + text); }
-
-std::string endpoint_text(const sockaddr_in &address) {
-  char text[INET_ADDRSTRLEN];
-  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
-}
-
-// Reads "ADDRESS:PORT", ":PORT" or "PORT"; says what is wrong with it, or nothing.
-std::string parse_endpoint(const std::string &text, sockaddr_in &endpoint) {
-  const size_t colon = text.rfind(':');
-  const std::string address = colon == std::string::npos ? "" : text.substr(0, colon);
-  const std::string port = colon == std::string::npos ? text : text.substr(colon + 1);
-
-  uint16_t number = 0;
-  const char *const end = port.data() + port.size();
-  const auto [stop, error] = std::from_chars(port.data(), end, number);
-  if (error != std::errc() || stop != end) return "'" + port + "' is no port from 0 to 65535";
-
-  endpoint = {};
-  endpoint.sin_family = AF_INET;
-  endpoint.sin_port = htons(number);
-  if (address.empty())
-    endpoint.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  else if (inet_pton(AF_INET, address.c_str(), &endpoint.sin_addr) != 1)
-    return "'" + address + "' is no IPv4 address";
-  return "";
-}
 
 // A listening socket, or -1 with errno.
 int open_listener(const sockaddr_in &endpoint) {
@@ -98,10 +71,6 @@ void keep_alive(int fd) {
 descriptor open_spare() { return descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
 }  // namespace
-
-descriptor::~descriptor() {
-  if (number >= 0) ::close(number);
-}
 
 struct bmp_station::connection {
   connection(descriptor socket, rib &routes, bmp_view view, const std::string &router)
@@ -259,6 +228,7 @@ void bmp_station::end(connection &from, const std::string &error) {
   loop_.remove_fd(from.fd.number);
   try {
     ended_.push_back(from.session.info());
+    ended_totals_.add(ended_.back());
     if (ended_.size() > kEndedKept) ended_.pop_front();
   } catch (const std::bad_alloc &) {  // the account of it is all that is lost
   }
@@ -266,7 +236,7 @@ void bmp_station::end(connection &from, const std::string &error) {
   std::erase_if(connections_, [&](const auto &open) { return open.get() == &from; });
 }
 
-std::string bmp_station::replay(const std::string &path) {
+std::string bmp_station::replay(const std::string &path, progress *reading) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return error_text(path.c_str());
 
@@ -279,14 +249,21 @@ std::string bmp_station::replay(const std::string &path) {
 
   std::vector<uint8_t> chunk(kChunk);
   std::string error;
+  uint64_t routes = 0;
+  if (reading != nullptr) reading->begin(path, "routes read");
   for (bool more = true; more;) {
     const ssize_t size = read(fd, chunk.data(), chunk.size());
     if (size < 0 && errno == EINTR) continue;
     if (size < 0) error = error_text("read");
     more = size > 0;
     if (!more) break;
-    loop_.call([&] { more = session->feed({chunk.data(), static_cast<size_t>(size)}); });
+    loop_.call([&] {
+      more = session->feed({chunk.data(), static_cast<size_t>(size)});
+      routes = session->routes_read();
+    });
+    if (reading != nullptr) reading->update(routes);
   }
+  if (reading != nullptr) reading->end(routes);
   ::close(fd);
   loop_.call([&] {
     session->finish(error);
@@ -303,6 +280,35 @@ std::vector<session_info> bmp_station::sessions() {
     for (const auto &open : connections_) all.push_back(open->session.info());
   });
   return all;
+}
+
+void session_totals::add(const session_info &session) {
+  up += session.up ? 1 : 0;
+  peers += session.up ? session.peers : 0;
+  ++opened;
+  messages += session.messages;
+  routes_read += session.routes_read;
+  for (const auto &[kind, count] : session.malformed) malformed[kind] += count;
+  skipped.other_views += session.skipped.other_views;
+  skipped.ipv6_nexthop += session.skipped.ipv6_nexthop;
+  skipped.vrf_unicast += session.skipped.vrf_unicast;
+  skipped.over_limit += session.skipped.over_limit;
+  skipped.rib_full += session.skipped.rib_full;
+}
+
+session_totals bmp_station::totals() {
+  session_totals all;
+  loop_.call([&] {
+    all = ended_totals_;
+    for (const auto &recording : recordings_) all.add(recording->info());
+    for (const auto &open : connections_) all.add(open->session.info());
+  });
+  return all;
+}
+
+void bmp_station::name_sources(std::map<source_id, route_origin> &wanted) const {
+  for (const auto &recording : recordings_) recording->name_sources(wanted);
+  for (const auto &open : connections_) open->session.name_sources(wanted);
 }
 
 }  // namespace agent

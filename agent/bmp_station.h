@@ -14,12 +14,15 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "agent/descriptor.h"
+#include "agent/route.h"
 
 namespace agent {
 
 class bmp_session;
+class progress;
 class rib;
 class rib_thread;
 
@@ -49,18 +52,25 @@ struct session_info {
   std::string last_error;
 };
 
-/// Owns a file descriptor; a negative number is none.
-struct descriptor {
-  descriptor() = default;
-  explicit descriptor(int fd) : number(fd) {}
-  descriptor(descriptor &&other) noexcept : number(std::exchange(other.number, -1)) {}
-  descriptor &operator=(descriptor other) noexcept {
-    std::swap(number, other.number);
-    return *this;
-  }
-  ~descriptor();
+/// What all sessions brought since the start, those that ended included.
+struct session_totals {
+  uint32_t up = 0;
+  uint32_t peers = 0;
+  uint64_t opened = 0;
+  uint64_t messages = 0;
+  uint64_t routes_read = 0;
+  std::map<std::string, uint64_t> malformed;
+  skipped_counts skipped;
 
-  int number = -1;
+  void add(const session_info &session);
+};
+
+/// Where a route comes from.
+struct route_origin {
+  std::string router;  ///< as in session_info
+  std::string system;
+  std::string peer;
+  std::string view;
 };
 
 class bmp_station {
@@ -81,11 +91,18 @@ class bmp_station {
   std::string listen(const std::string &address_port);
 
   /// Reads a recorded byte stream to its end. Returns an empty string, or what failed. What it
-  /// brought stays. From any thread but the RIB thread.
-  std::string replay(const std::string &path);
+  /// brought stays. From any thread but the RIB thread. `reading` is told how
+  /// far it is.
+  std::string replay(const std::string &path, progress *reading = nullptr);
 
   /// From any thread but the RIB thread.
   std::vector<session_info> sessions();
+
+  /// From any thread but the RIB thread.
+  session_totals totals();
+
+  /// Fills in the origins of the sources that are keys of `wanted`. RIB thread.
+  void name_sources(std::map<source_id, route_origin> &wanted) const;
 
  private:
   struct connection;
@@ -112,6 +129,7 @@ class bmp_station {
   std::vector<std::unique_ptr<connection>> connections_;
   std::vector<std::unique_ptr<bmp_session>> recordings_;
   std::deque<session_info> ended_;
+  session_totals ended_totals_;
   std::vector<uint8_t> chunk_;  // what is read from a connection in one turn
   bool told_full_ = false;
   bool told_resting_ = false;

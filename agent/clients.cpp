@@ -15,10 +15,6 @@ namespace {
 
 std::atomic<clients *> the_clients{nullptr};
 
-std::string no_such_client(uint32_t id) {
-  return "client " + std::to_string(id) + " does not watch";
-}
-
 constexpr const char *kNoMemory = "no memory for the request";
 
 }  // namespace
@@ -30,11 +26,6 @@ clients::clients(rib_thread &loop, fence &pace, output &out) : loop_(loop), pace
 clients::~clients() { the_clients = nullptr; }
 
 std::string clients::watch(uint32_t id, const std::string &vrf) {
-  if (id == fence::kClientId) return "client ID " + std::to_string(id) + " is the agent's own";
-  {
-    scoped_lock held(lock_);
-    if (watches_.contains(id)) return "client " + std::to_string(id) + " watches already";
-  }
   if (!pace_.is_open() && !pace_.open()) return kNoMemory;
   {
     scoped_lock held(lock_);
@@ -49,29 +40,20 @@ std::string clients::watch(uint32_t id, const std::string &vrf) {
 }
 
 std::string clients::unwatch(uint32_t id) {
-  {
-    scoped_lock held(lock_);
-    if (!watches_.contains(id)) return no_such_client(id);
-  }
   if (tarvo_pe_discovery_unregister(id) != TARVO_ND_OK) return kNoMemory;
   loop_.settle();
   forget(id);
   return {};
 }
 
-std::string clients::resend(uint32_t id, const std::string &vrf) {
-  std::string watched;
+std::string clients::resend(uint32_t id) {
+  vrf_name watched;
   {
     scoped_lock held(lock_);
-    const auto found = watches_.find(id);
-    if (found == watches_.end()) return no_such_client(id);
-    if (found->second) watched = *found->second;
+    watched = watches_.at(id);
   }
-  if (!vrf.empty() && vrf != watched) {
-    return "client " + std::to_string(id) + " watches " +
-           (watched.empty() ? "every VPN" : "'" + watched + "'") + ", not '" + vrf + "'";
-  }
-  if (tarvo_pe_discovery_resend(id, watched.c_str()) != TARVO_ND_OK) return kNoMemory;
+  const char *vrf = watched ? watched->c_str() : "";
+  if (tarvo_pe_discovery_resend(id, vrf) != TARVO_ND_OK) return kNoMemory;
   loop_.settle();
   return {};
 }

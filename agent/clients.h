@@ -29,10 +29,10 @@ class clients {
   clients &operator=(const clients &) = delete;
 
   /// Each returns when its notifications are queued for output: an empty string, or what is wrong.
-  /// An empty VRF: every VPN for watch(), the one it watches for resend().
+  /// The ledger refused IDs that are wrong here. An empty VRF: every VPN.
   std::string watch(uint32_t id, const std::string &vrf);
   std::string unwatch(uint32_t id);
-  std::string resend(uint32_t id, const std::string &vrf);
+  std::string resend(uint32_t id);
 
   void unwatch_all();
 

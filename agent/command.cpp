@@ -22,6 +22,7 @@ constexpr command_form kForms[] = {
     {"resend ID [VRF]", verb::resend, "be told again of all PEs of a watch"},
     {"interval SECONDS", verb::interval, "length of the refresh cycle"},
     {"rib restart", verb::rib_restart, "confirm every PE anew, now"},
+    {"explain ADDRESS [VRF]", verb::explain, "why a PE is reachable or not, and its routes"},
     {"show vrfs", verb::show_vrfs, "VRFs, their imports, routes and next hops"},
     {"show nexthops [VRF]", verb::show_nexthops, "remote PEs and their routes by VRF"},
     {"show nexthop ADDRESS", verb::show_nexthop, "one PE's routes by VRF"},
@@ -32,7 +33,7 @@ constexpr command_form kForms[] = {
     {"trace on", verb::trace_on, "debug traces to standard error"},
     {"trace off", verb::trace_off, "no debug traces"},
     {"help", verb::help, "this list"},
-    {"quit", verb::quit, "end the agent"},
+    {"quit", verb::quit, "end the agent; on a control socket, the connection"},
 };
 
 /// A word and where it begins (from 0).
@@ -234,6 +235,7 @@ std::variant<command, command_error> parse_command(std::string_view line) {
   const std::vector<word> words = split(line);
   command result;
   if (words.empty()) return result;
+  for (const word &w : words) result.columns.push_back(w.begin + 1);
 
   std::vector<candidate> candidates = all_candidates();
   for (size_t i = 0; i < words.size(); ++i) {

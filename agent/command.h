@@ -27,6 +27,7 @@ enum class verb {
   resend,
   interval,
   rib_restart,
+  explain,
   show_vrfs,
   show_nexthops,
   show_nexthop,
@@ -48,6 +49,7 @@ struct command {
   uint8_t length = 0;    ///< of the prefix
   uint32_t nexthop = 0;  ///< network byte order
   std::vector<route_target> imports;
+  std::vector<size_t> columns;  ///< where each word begins, from 1
 };
 
 struct command_error {

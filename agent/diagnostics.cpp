@@ -38,6 +38,8 @@ void diagnose(std::string_view line) noexcept {
   dropped += lost + 1;
 }
 
+void show_status(std::string_view text) noexcept { write_now(text); }
+
 int poll_or_tell(std::span<pollfd> fds, int timeout_ms, bool &told) {
   constexpr std::chrono::milliseconds kPause{100};
   const int ready = poll(fds.data(), fds.size(), timeout_ms);

@@ -13,6 +13,9 @@ namespace agent {
 /// characters. Any thread; never throws.
 void diagnose(std::string_view line) noexcept;
 
+/// Writes text as it is, unless standard error takes none now. Any thread; never throws.
+void show_status(std::string_view text) noexcept;
+
 /// poll(), which gives 0 when it is interrupted or fails. A failure is told once until poll() works
 /// again, and slowed down: whoever polls in a loop goes on. One thread for each `told`.
 int poll_or_tell(std::span<pollfd> fds, int timeout_ms, bool &told);

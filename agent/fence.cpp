@@ -1,7 +1,9 @@
 #include "agent/fence.h"
 
 #include <chrono>
+#include <thread>
 
+#include "agent/pools.h"
 #include "tarvo/discovery.h"
 
 namespace agent {
@@ -89,6 +91,26 @@ void fence::wait() {
   if (!open_) return;
   issue();
   for (uint64_t ticket = issued_; handled_ < ticket;) changed_.wait(lock_);
+}
+
+bool fence::module_answers() {
+  constexpr std::chrono::milliseconds kLook{10}, kPatience{1000};
+  if (is_open()) {
+    wait();
+    return true;
+  }
+  {
+    // Under the lock, so that it is queued before the fence's registration, and answered by nobody.
+    scoped_lock held(lock_);
+    if (open_) return true;  // just opened, so it answered
+    if (tarvo_pe_discovery_resend(kClientId, kVrfName) != TARVO_ND_OK) return false;
+  }
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  while (requests_queued() > 0) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::sleep_for(kLook);
+  }
+  return true;
 }
 
 bool fence::admit() {

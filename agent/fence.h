@@ -40,6 +40,11 @@ class fence {
   /// Returns once every request queued before the call has been handled. At once while closed.
   void wait();
 
+  /// Whether the worker takes requests: with the fence, once what was queued before is handled,
+  /// however long it takes; while closed, a request of no effect has to leave the queue soon. Not
+  /// from the RIB thread.
+  bool module_answers();
+
   /// Before a burst of reports: waits while too much is queued. False: closed, so that the reports
   /// would reach nobody.
   bool admit();

@@ -3,17 +3,18 @@
 #include <arpa/inet.h>
 
 #include <map>
+#include <optional>
 
 #include "agent/agent_services.h"
 #include "agent/bmp_station.h"
 #include "agent/clients.h"
+#include "agent/explain.h"
 #include "agent/global_table.h"
 #include "agent/oper_data.h"
-#include "agent/output.h"
+#include "agent/redistribution.h"
 #include "agent/rib_thread.h"
 #include "agent/show.h"
 #include "agent/text.h"
-#include "platform/pool.h"
 #include "tarvo/oper_data.h"
 
 namespace agent {
@@ -22,11 +23,7 @@ namespace {
 
 constexpr const char *kNoMemory = "no memory for the request";
 
-std::string typed_prefix(const command &c) { return prefix_text(htonl(c.prefix), c.length); }
-
 // ---- Operational data ----
-
-constexpr const char *kInactive = "discovery is inactive: no client watches";
 
 /// An empty string, or what went wrong. Not found is no failure: its meaning is the caller's.
 std::string failure(uint32_t code) {
@@ -90,91 +87,79 @@ vrf_totals totals_of(const std::vector<vrf_config> &vrfs, const std::vector<rout
   return totals;
 }
 
-// ---- Pools ----
-
-std::vector<pool_info> pools() {
-  std::vector<pool_info> result;
-  chunk_walk_pools(
-      [](const chunk_info_t *info, void *arg) {
-        static_cast<std::vector<pool_info> *>(arg)->push_back(
-            {info->name, info->element_size, info->in_use, info->chunks, info->bytes, info->limit});
-        return 1;
-      },
-      &result);
-  return result;
-}
-
 }  // namespace
 
 interpreter::interpreter(const parts &agent) : agent_(agent) {}
 
-std::string interpreter::run(const command &c) {
+std::string interpreter::run(const command &c, show_as as, std::string &answer) {
+  if (const auto refused = made_.refuses(c)) return refused->text;
+  const std::string refused = effect(c, as, answer);
+  if (refused.empty()) made_.enter(c);
+  return refused;
+}
+
+std::string interpreter::effect(const command &c, show_as as, std::string &answer) {
   switch (c.what) {
     case verb::none:
+    case verb::quit:
       return {};
     case verb::vrf_add:
       return vrf_add(c);
     case verb::vrf_del:
       return vrf_del(c.vrf);
     case verb::route_add:
-      return route_add(c);
+      agent_.global.add(c.prefix, c.length);
+      return {};
     case verb::route_del:
-      return route_del(c);
+      agent_.global.remove(c.prefix, c.length);
+      return {};
     case verb::watch:
       return agent_.watchers.watch(c.number, c.vrf);
     case verb::unwatch:
       return agent_.watchers.unwatch(c.number);
     case verb::resend:
-      return agent_.watchers.resend(c.number, c.vrf);
+      return agent_.watchers.resend(c.number);
     case verb::interval:
       registered_tables().cfg->set_rib_refresh_interval(c.number);
       return {};
     case verb::rib_restart:
       return rib_restart();
+    case verb::explain:
+      return explain(c, as, answer);
     case verb::show_vrfs:
-      return show_vrfs();
+      return show_vrfs(as, answer);
     case verb::show_nexthops:
-      return show_nexthops(c.vrf);
+      return show_nexthops(c.vrf, as, answer);
     case verb::show_nexthop:
-      return show_nexthop(c.nexthop);
+      return show_nexthop(c.nexthop, as, answer);
     case verb::show_prefix:
-      return show_prefix(c.nexthop);
+      return show_prefix(c.nexthop, as, answer);
     case verb::show_state:
-      return show_state();
+      return show_state(as, answer);
     case verb::show_sessions:
-      return print(show_sessions(form(), agent_.station.sessions()));
+      answer += show_sessions(as, agent_.station.sessions());
+      return {};
     case verb::show_pools:
-      return print(show_pools(form(), pools()));
+      answer += show_pools(as, list_pools());
+      return {};
     case verb::help:
-      return print(show_help(form()));
+      answer += show_help(as);
+      return {};
     case verb::trace_on:
     case verb::trace_off:
       set_trace(c.what == verb::trace_on);
-      return {};
-    case verb::quit:
-      quit_ = true;
       return {};
   }
   return {};
 }
 
-std::vector<std::string> interpreter::vrf_names() {
+std::vector<std::string> interpreter::vrf_names() const {
   std::vector<std::string> names;
-  for (const vrf_config &vrf : vrfs()) names.push_back(vrf.name);
+  for (const vrf_config &vrf : made_.vrfs()) names.push_back(vrf.name);
   return names;
 }
 
 std::string interpreter::vrf_add(const command &c) {
-  if (c.number == 0) return "table 0 stands for all tables";
-  if (c.number == kDefaultTableId) {
-    return "table " + std::to_string(c.number) + " is the default table";
-  }
-  for (const vrf_config &vrf : vrfs()) {
-    if (vrf.name == c.vrf) return "VRF '" + c.vrf + "' exists already";
-    if (vrf.table_id == c.number) {
-      return "table " + std::to_string(c.number) + " is in use by VRF '" + vrf.name + "'";
-    }
-  }
   agent_.loop.call([&] { agent_.routes.add_vrf({c.vrf, c.number, c.imports}); });
   if (registered_tables().ital->table_update(c.vrf.c_str(), c.number, 1) == 0) {
     agent_.loop.call([&] { agent_.routes.remove_vrf(c.number); });
@@ -185,28 +170,11 @@ std::string interpreter::vrf_add(const command &c) {
 }
 
 std::string interpreter::vrf_del(const std::string &name) {
-  const auto vrf = find_vrf(name);
-  if (!vrf) return "no VRF '" + name + "'";
+  const uint32_t table = made_.find_vrf(name)->table_id;
   // The module lets go of the table first: until then it may ask the RIB for it.
-  if (registered_tables().ital->table_update(name.c_str(), vrf->table_id, 0) == 0) return kNoMemory;
+  if (registered_tables().ital->table_update(name.c_str(), table, 0) == 0) return kNoMemory;
   agent_.loop.settle();
-  agent_.loop.call([&] { agent_.routes.remove_vrf(vrf->table_id); });
-  return {};
-}
-
-std::string interpreter::route_add(const command &c) {
-  if (!typed_routes_.emplace(c.prefix, c.length).second) {
-    return "route " + typed_prefix(c) + " was added already";
-  }
-  agent_.global.add(c.prefix, c.length);
-  return {};
-}
-
-std::string interpreter::route_del(const command &c) {
-  if (typed_routes_.erase({c.prefix, c.length}) == 0) {
-    return "route " + typed_prefix(c) + " was not added here";
-  }
-  agent_.global.remove(c.prefix, c.length);
+  agent_.loop.call([&] { agent_.routes.remove_vrf(table); });
   return {};
 }
 
@@ -216,37 +184,40 @@ std::string interpreter::rib_restart() {
   return {};
 }
 
-std::string interpreter::show_vrfs() {
+std::string interpreter::show_vrfs(show_as as, std::string &answer) {
   std::optional<std::vector<oper_nexthop>> known;
   const std::string refused = ask_nexthops(false, known);
   if (!refused.empty()) return refused;
 
-  const std::vector<vrf_config> configured = vrfs();
   // While the module knows nothing, the RIB still does.
-  const vrf_totals totals = known ? totals_of(*known) : totals_of(configured, count_routes());
-  return print(agent::show_vrfs(form(), configured, totals));
+  const vrf_totals totals = known ? totals_of(*known) : totals_of(made_.vrfs(), count_routes());
+  answer += agent::show_vrfs(as, made_.vrfs(), totals);
+  return {};
 }
 
-std::string interpreter::show_nexthops(const std::string &vrf) {
-  if (!vrf.empty() && !find_vrf(vrf)) return "no VRF '" + vrf + "'";
+std::string interpreter::show_nexthops(const std::string &vrf, show_as as, std::string &answer) {
   std::optional<std::vector<oper_nexthop>> known;
   const std::string refused = ask_nexthops(true, known);
   if (!refused.empty()) return refused;
 
-  if (!known && form() == show_as::table) return print(std::string(kInactive) + '\n');
+  if (!known && as == show_as::table) {
+    answer += std::string(kInactive) + '\n';
+    return {};
+  }
   std::vector<oper_nexthop> nexthops = std::move(known).value_or(std::vector<oper_nexthop>{});
   if (!vrf.empty()) keep_vrf(nexthops, vrf);
-  return print(agent::show_nexthops(form(), vrf, nexthops));
+  answer += agent::show_nexthops(as, vrf, nexthops);
+  return {};
 }
 
-std::string interpreter::show_nexthop(uint32_t nexthop) {
+std::string interpreter::show_nexthop(uint32_t nexthop, show_as as, std::string &answer) {
   std::vector<vrf_routes> vrfs_of;
   const std::string refused = ask_vrfs(nexthop, vrfs_of);
-  if (!refused.empty()) return refused;
-  return print(agent::show_nexthop(form(), nexthop, vrfs_of));
+  if (refused.empty()) answer += agent::show_nexthop(as, nexthop, vrfs_of);
+  return refused;
 }
 
-std::string interpreter::show_prefix(uint32_t nexthop) {
+std::string interpreter::show_prefix(uint32_t nexthop, show_as as, std::string &answer) {
   json record;
   const uint32_t code = oper_prefix(nexthop, record);
   if (code == TARVO_ODS_ERR_NOT_FOUND) {
@@ -255,35 +226,30 @@ std::string interpreter::show_prefix(uint32_t nexthop) {
     return refused.empty() ? "no route covers next hop " + address_text(nexthop) : refused;
   }
   if (code != 0) return failure(code);
-  return print(agent::show_prefix(form(), nexthop, record));
+  answer += agent::show_prefix(as, nexthop, record);
+  return {};
 }
 
-std::string interpreter::show_state() {
+std::string interpreter::show_state(show_as as, std::string &answer) {
   json record;
   const uint32_t code = oper_state(record);
   if (code == TARVO_ODS_ERR_NOT_FOUND) return kInactive;
   if (code != 0) return failure(code);
-  return print(agent::show_state(form(), record));
-}
-
-show_as interpreter::form() const { return agent_.out.json() ? show_as::object : show_as::table; }
-
-std::string interpreter::print(std::string lines) {
-  agent_.out.print(std::move(lines));
+  answer += agent::show_state(as, record);
   return {};
 }
 
-std::vector<vrf_config> interpreter::vrfs() {
-  std::vector<vrf_config> copy;
-  agent_.loop.call([&] { copy = agent_.routes.vrfs(); });
-  return copy;
-}
-
-std::optional<vrf_config> interpreter::find_vrf(const std::string &name) {
-  for (vrf_config &vrf : vrfs()) {
-    if (vrf.name == name) return std::move(vrf);
-  }
-  return std::nullopt;
+std::string interpreter::explain(const command &c, show_as as, std::string &answer) {
+  explanation found;
+  found.nexthop = c.nexthop;
+  found.vrf = c.vrf;
+  found.interval = made_.interval();
+  const uint32_t code = explain_discovery(found);
+  if (code != 0) return failure(code);
+  agent_.loop.call([&] { explain_rib(agent_.routes, agent_.reports, agent_.station, found); });
+  found.global = agent_.global.lookup(ntohl(c.nexthop));
+  answer += show_explanation(as, found);
+  return {};
 }
 
 std::vector<route_count> interpreter::count_routes() {

@@ -111,8 +111,15 @@ uint32_t list_nexthops(std::vector<uint32_t> &found) {
   return 0;
 }
 
-/// Empty without a covering route.
-uint32_t covering_prefix(uint32_t nexthop, std::string &text) {
+}  // namespace
+
+uint32_t oper_state(json &record) { return get(TARVO_DISC_ITEM_STATE, nullptr, record); }
+
+uint32_t oper_prefix(uint32_t nexthop, json &record) {
+  return get(TARVO_DISC_ITEM_PREFIX, &nexthop, record);
+}
+
+uint32_t oper_covering_prefix(uint32_t nexthop, std::string &text) {
   json record;
   const uint32_t code = oper_prefix(nexthop, record);
   if (code == TARVO_ODS_ERR_NOT_FOUND) return 0;
@@ -123,14 +130,6 @@ uint32_t covering_prefix(uint32_t nexthop, std::string &text) {
   if (!address.is_string() || !length.is_number_unsigned()) return kOperUnreadable;
   text = address.get<std::string>() + '/' + length.dump();
   return 0;
-}
-
-}  // namespace
-
-uint32_t oper_state(json &record) { return get(TARVO_DISC_ITEM_STATE, nullptr, record); }
-
-uint32_t oper_prefix(uint32_t nexthop, json &record) {
-  return get(TARVO_DISC_ITEM_PREFIX, &nexthop, record);
 }
 
 uint32_t oper_vrfs(uint32_t nexthop, std::vector<vrf_routes> &routes) {
@@ -171,7 +170,7 @@ uint32_t oper_nexthops(std::vector<oper_nexthop> &nexthops) {
 
 uint32_t oper_prefixes(std::vector<oper_nexthop> &nexthops) {
   for (oper_nexthop &nexthop : nexthops) {
-    const uint32_t code = covering_prefix(nexthop.address, nexthop.prefix);
+    const uint32_t code = oper_covering_prefix(nexthop.address, nexthop.prefix);
     if (code != 0) return code;
   }
   return 0;

@@ -40,6 +40,9 @@ struct oper_nexthop {
 /// The route that covers a next hop. Not found without one.
 [[nodiscard]] uint32_t oper_prefix(uint32_t nexthop, json &record);
 
+/// The same as text; empty without one.
+[[nodiscard]] uint32_t oper_covering_prefix(uint32_t nexthop, std::string &text);
+
 /// The VRFs that refer to a next hop, by table ID. Not found without one.
 [[nodiscard]] uint32_t oper_vrfs(uint32_t nexthop, std::vector<vrf_routes> &routes);
 

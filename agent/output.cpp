@@ -31,6 +31,7 @@ void output::post(pe_event event) {
     event.seq = ++seq_;
     if (queue_.size() >= kMaxQueued) {
       ++lost_;
+      ++lost_ever_;
       return;
     }
     queue_.emplace_back(std::move(event));
@@ -52,6 +53,16 @@ void output::print(std::string lines) {
 void output::flush() {
   scoped_lock held(lock_);
   while ((!queue_.empty() || writing_) && error_ == 0) changed_.wait(lock_);
+}
+
+uint64_t output::events() const {
+  scoped_lock held(lock_);
+  return seq_;
+}
+
+uint64_t output::events_lost() const {
+  scoped_lock held(lock_);
+  return lost_ever_;
 }
 
 int output::error() const {

@@ -47,6 +47,9 @@ class output {
   /// Returns when everything queued before is written, or the output is closed.
   void flush() TARVO_EXCLUDES(lock_);
   bool closed() const TARVO_EXCLUDES(lock_) { return error() != 0; }
+  /// Events posted, and those of them that were lost.
+  uint64_t events() const TARVO_EXCLUDES(lock_);
+  uint64_t events_lost() const TARVO_EXCLUDES(lock_);
   /// The error that closed the output, or 0.
   int error() const TARVO_EXCLUDES(lock_);
 
@@ -73,6 +76,7 @@ class output {
   std::vector<entry> queue_ TARVO_GUARDED_BY(lock_);
   uint64_t seq_ TARVO_GUARDED_BY(lock_) = 0;   ///< of the last event, lost ones included
   uint64_t lost_ TARVO_GUARDED_BY(lock_) = 0;  ///< since the writer last took the queue
+  uint64_t lost_ever_ TARVO_GUARDED_BY(lock_) = 0;
   bool writing_ TARVO_GUARDED_BY(lock_) = false;
   int error_ TARVO_GUARDED_BY(lock_) = 0;
   bool stop_ TARVO_GUARDED_BY(lock_) = false;

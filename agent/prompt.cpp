@@ -72,6 +72,11 @@ void prompt::hide() {
   remove();
 }
 
+bool prompt::shown() const {
+  scoped_lock held(lock_);
+  return shown_;
+}
+
 void prompt::remove() {
   if (std::exchange(shown_, false)) rl_callback_handler_remove();
 }

@@ -34,6 +34,7 @@ class prompt {
 
   void show() TARVO_EXCLUDES(lock_);
   void hide() TARVO_EXCLUDES(lock_);
+  bool shown() const TARVO_EXCLUDES(lock_);
 
   /// Reads the key that standard input has. True: a line is complete (the prompt is away), or
   /// standard input is at its end (`line` is empty).
@@ -47,7 +48,7 @@ class prompt {
   void remove() TARVO_REQUIRES(lock_);
 
   completer complete_;
-  mutex lock_;
+  mutable mutex lock_;
   bool shown_ TARVO_GUARDED_BY(lock_) = false;
 };
 

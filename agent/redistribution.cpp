@@ -1,6 +1,7 @@
 #include "agent/redistribution.h"
 
 #include <algorithm>
+#include <chrono>
 
 #include "agent/fence.h"
 
@@ -118,27 +119,42 @@ void redistribution::doubled() {
 
 // ---- Reports ----
 
-void redistribution::hand_over(const pending_report &report) {
+static uint32_t seconds_now() {
+  const auto since = std::chrono::steady_clock::now().time_since_epoch();
+  return uint32_t(std::chrono::duration_cast<std::chrono::seconds>(since).count()) + 1;
+}
+
+void redistribution::hand_over(const pending_report &report, uint32_t now) {
   const wish &w = wishes_[report.slot];
   if (w.generation != report.generation) return;
   // A report that finds no memory is lost (the module logs it); the next refresh makes it good.
-  if (callbacks_->nhop_update(w.table_id, report.nexthop, report.add) != 0) ++reported_;
+  if (callbacks_->nhop_update(w.table_id, report.nexthop, report.add) == 0) return;
+  if (report.add) times_.note(w.table_id, report.nexthop, now);
+  reported_.store(reported() + 1, std::memory_order_relaxed);
 }
 
 void redistribution::flush() {
   if (buffer_.empty()) return;
   if (pace_.admit()) {
     {
+      const uint32_t now = seconds_now();
       scoped_lock held(lock_);
-      for (const pending_report &report : buffer_) hand_over(report);
+      for (const pending_report &report : buffer_) hand_over(report, now);
     }
     pace_.passed(buffer_.size());
   }
   buffer_.clear();
 }
 
+std::optional<uint32_t> redistribution::seconds_since_report(uint32_t table_id,
+                                                             uint32_t nexthop) const {
+  const auto last = times_.last(table_id, nexthop);
+  if (!last) return std::nullopt;
+  return seconds_now() - *last;
+}
+
 size_t redistribution::memory() const {
-  return buffer_.capacity() * sizeof(pending_report) + tables_.capacity() * sizeof(table);
+  return times_.memory() + buffer_.capacity() * sizeof(pending_report) + tables_.capacity() * sizeof(table);
 }
 
 }  // namespace agent

@@ -13,13 +13,16 @@
 // changes of the table are reported in the buckets that the pass has visited for it, no others.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
 #include "agent/mutex.h"
+#include "agent/report_times.h"
 #include "tarvo/agent_services.h"
 
 namespace agent {
@@ -75,8 +78,12 @@ class redistribution {
   /// Hands the reports over; waits while too much is queued.
   void flush();
 
-  uint64_t reported() const { return reported_; }  ///< reports handed over
-  size_t memory() const;                           ///< bytes held
+  /// Reports handed over. Any thread.
+  uint64_t reported() const { return reported_.load(std::memory_order_relaxed); }
+  /// Since a next hop (network byte order) was last reported as there; nothing if it wasn't, or not
+  /// lately (report_times.h).
+  std::optional<uint32_t> seconds_since_report(uint32_t table_id, uint32_t nexthop) const;
+  size_t memory() const;  ///< bytes held
 
  private:
   struct pending_report {
@@ -101,7 +108,7 @@ class redistribution {
   };
 
   void set(uint32_t slot, bool on) TARVO_REQUIRES(lock_);
-  void hand_over(const pending_report &report) TARVO_REQUIRES(lock_);
+  void hand_over(const pending_report &report, uint32_t now) TARVO_REQUIRES(lock_);
   void stop_dump(table &t);
   bool visited(size_t start, size_t bucket) const {
     if (start <= position_) return bucket >= start && bucket < position_;
@@ -122,7 +129,8 @@ class redistribution {
   std::vector<pending_report> buffer_;
   size_t position_ = 0;
   size_t dumping_ = 0;
-  uint64_t reported_ = 0;
+  report_times times_;
+  std::atomic<uint64_t> reported_ = 0;  // written by this thread alone
 };
 
 }  // namespace agent

@@ -334,6 +334,23 @@ std::vector<route_count> rib::count_routes() const {
   return result;
 }
 
+void rib::visit_nexthop(uint32_t nexthop,
+                        const std::function<void(const path_info &)> &visit) const {
+  for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
+    prefetch(bucket + kPrefetchAhead);
+    for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
+      const path &p = at(index);
+      if (!p.vpn || attrs_.nexthop(p.attributes) != nexthop) continue;
+      path_info info{p.key(), p.source, attrs_.targets(p.attributes), {}};
+      for (uint32_t slot : attrs_.importers(p.attributes)) {
+        const size_t vrf = size_t(std::ranges::find(slots_, slot) - slots_.begin());
+        info.imports.emplace_back(vrf, first_to_give(bucket, index, slot));
+      }
+      visit(info);
+    }
+  }
+}
+
 size_t rib::memory() const {
   return segments_.size() * kSegmentPaths * sizeof(path) + heads_.capacity() * sizeof(path_index) +
          sources_.capacity() * sizeof(origin) + attrs_.memory() + reports_.memory();

@@ -17,9 +17,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/attr_store.h"
@@ -85,6 +87,20 @@ class rib {
 
   /// Routes by VRF and next hop, in order of table ID and next hop (as a number): one pass.
   std::vector<route_count> count_routes() const;
+
+  /// A VPN path, as visit_nexthop() shows it.
+  struct path_info {
+    nlri key;
+    source_id source = 0;
+    std::span<const route_target> targets;  ///< ascending
+    /// The importing VRFs, by their place in vrfs(), and whether the path stands there for its
+    /// route: of several paths one does.
+    std::vector<std::pair<size_t, bool>> imports;
+  };
+
+  /// Shows each VPN path with this next hop (network byte order), in no order: one pass.
+  void visit_nexthop(uint32_t nexthop,
+                     const std::function<void(const path_info &)> &visit) const;
 
   size_t paths() const { return paths_; }
   size_t memory() const;  ///< bytes held

@@ -5,15 +5,20 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <new>
 #include <system_error>
 
 #include "agent/diagnostics.h"
 #include "agent/fence.h"
+#include "agent/progress.h"
 #include "agent/redistribution.h"
 #include "agent/rib.h"
 
 namespace agent {
+
+// How often a dump's progress is looked at.
+static constexpr std::chrono::milliseconds kLook{200};
 
 rib_thread::rib_thread(rib &routes, redistribution &reports, fence &pace)
     : routes_(routes),
@@ -60,7 +65,16 @@ void rib_thread::await_idle() {
   scoped_lock held(lock_);
   ++idle_waiters_;
   wake();
-  for (uint64_t seen = idles_; idles_ == seen;) changed_.wait(lock_);
+  const uint64_t before = reports_.reported();
+  if (dumps_ != nullptr) dumps_->begin("dump", "routes reported");
+  for (uint64_t seen = idles_; idles_ == seen;) {
+    if (dumps_ == nullptr) {
+      changed_.wait(lock_);
+    } else if (changed_.wait_for(lock_, kLook) == std::cv_status::timeout) {
+      dumps_->update(reports_.reported() - before);
+    }
+  }
+  if (dumps_ != nullptr) dumps_->end(reports_.reported() - before);
 }
 
 // What was queued before is handled once the first wait returns, so its requests to the RIB are

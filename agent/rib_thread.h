@@ -19,6 +19,7 @@
 namespace agent {
 
 class fence;
+class progress;
 class redistribution;
 class rib;
 
@@ -38,6 +39,8 @@ class rib_thread {
   /// Returns once every request queued before has been handled, with the dumps that it asked for
   /// (while the fence is closed: at once). Never from the RIB thread.
   void settle();
+  /// Where settle() tells how far a dump is. Before settle() is called.
+  void tell_progress_to(progress &dumps) { dumps_ = &dumps; }
 
   /// Calls `ready` whenever poll() reports `events` on `fd`. RIB thread only; both may be called
   /// from `ready`.
@@ -65,6 +68,7 @@ class rib_thread {
   redistribution &reports_;
   fence &pace_;
   int wakeup_fd_;
+  progress *dumps_ = nullptr;
 
   mutex lock_;
   std::condition_variable_any changed_;

@@ -5,66 +5,12 @@
 #include <utility>
 
 #include "agent/command.h"
+#include "agent/layout.h"
 #include "agent/text.h"
 
 namespace agent {
 
 namespace {
-
-/// Rows under a heading; columns as wide as their widest cell, those under '>' to the right.
-class table {
- public:
-  explicit table(std::vector<std::string> heading) {
-    for (std::string &title : heading) {
-      right_.push_back(title.starts_with('>'));
-      if (right_.back()) title.erase(0, 1);
-    }
-    add(std::move(heading));
-  }
-
-  void add(std::vector<std::string> row) {
-    width_.resize(std::max(width_.size(), row.size()));
-    for (size_t i = 0; i < row.size(); ++i) width_[i] = std::max(width_[i], row[i].size());
-    rows_.push_back(std::move(row));
-  }
-
-  std::string lines() const {
-    std::string text;
-    for (const auto &row : rows_) {
-      for (size_t i = 0; i < row.size(); ++i) {
-        const std::string blanks(width_[i] - row[i].size(), ' ');
-        text += (i == 0 ? "" : "  ") + (right_[i] ? blanks + row[i] : row[i] + blanks);
-      }
-      text.erase(text.find_last_not_of(' ') + 1);
-      text += '\n';
-    }
-    return text;
-  }
-
- private:
-  std::vector<bool> right_;
-  std::vector<size_t> width_;
-  std::vector<std::vector<std::string>> rows_;
-};
-
-std::string joined(const std::vector<std::string> &words) {
-  std::string result;
-  for (const std::string &word : words) result += (result.empty() ? "" : " ") + word;
-  return result.empty() ? "-" : result;
-}
-
-/// The line of a `show`: its name, and what it shows.
-std::string show_line(const char *name, const json &members) {
-  json line = {{"schema", kSchema}, {"show", name}};
-  line.update(members);
-  return one_line(line) + '\n';
-}
-
-json strings(const std::vector<std::string> &values) {
-  json list = json::array();
-  for (const std::string &value : values) list.push_back(value);
-  return list;
-}
 
 // ---- Operational data ----
 
@@ -118,8 +64,7 @@ std::string show_vrfs(show_as as, std::span<const vrf_config> vrfs,
   for (const vrf_config &vrf : vrfs) {
     const auto found = totals.find(vrf.name);
     const vrf_total total = found == totals.end() ? vrf_total{} : found->second;
-    std::vector<std::string> imports;
-    for (const route_target target : vrf.imports) imports.push_back(target_text(target));
+    const std::vector<std::string> imports = target_texts(vrf.imports);
     list.push_back({{"vrf", vrf.name},
                     {"table", vrf.table_id},
                     {"import", strings(imports)},

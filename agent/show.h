@@ -12,22 +12,13 @@
 #include "agent/bmp_station.h"
 #include "agent/json.h"
 #include "agent/oper_data.h"
+#include "agent/pools.h"
 #include "agent/rib.h"
 
 namespace agent {
 
 /// How to print.
 enum class show_as { table, object };
-
-/// A pool as the platform lists it, its name kept.
-struct pool_info {
-  std::string name;
-  uint64_t element_size = 0;
-  uint64_t in_use = 0;
-  uint64_t chunks = 0;
-  uint64_t bytes = 0;
-  uint64_t limit = 0;
-};
 
 /// Routes of a VRF, and the next hops that they have.
 struct vrf_total {

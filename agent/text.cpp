@@ -35,6 +35,24 @@ std::string target_text(route_target target) {
   }
 }
 
+std::vector<std::string> target_texts(std::span<const route_target> targets) {
+  std::vector<std::string> texts;
+  for (const route_target target : targets) texts.push_back(target_text(target));
+  return texts;
+}
+
+// Its forms are those of a target, under other type bytes.
+std::string distinguisher_text(uint64_t rd) {
+  const uint64_t form = rd >> 48 & 0xff, value = rd & 0xffffffffffff;
+  return target_text(form << 56 | uint64_t{0x02} << 48 | value);
+}
+
+std::string grouped(uint64_t number) {
+  std::string text = std::to_string(number);
+  for (size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+  return text;
+}
+
 std::string utc_text(std::chrono::system_clock::time_point time) {
   const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch());
   const time_t seconds = ms.count() / 1000;

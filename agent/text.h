@@ -3,8 +3,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/route.h"
 
@@ -18,6 +20,14 @@ std::string prefix_text(uint32_t address, unsigned length);
 
 /// `65000:1`, `10.255.1.1:7` or `4200000002:9`: what the command grammar reads.
 std::string target_text(route_target target);
+
+std::vector<std::string> target_texts(std::span<const route_target> targets);
+
+/// A route distinguisher, in the three forms of a route target.
+std::string distinguisher_text(uint64_t rd);
+
+/// A number with its thousands apart: `12,345`.
+std::string grouped(uint64_t number);
 
 /// UTC with milliseconds: `2026-11-24T19:30:00.123Z`.
 std::string utc_text(std::chrono::system_clock::time_point time);

@@ -1,0 +1,210 @@
+#include "agent/connect.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include "agent/command.h"
+#include "agent/descriptor.h"
+#include "agent/json.h"
+#include "agent/line_reader.h"
+#include "agent/output.h"
+#include "agent/program.h"
+#include "agent/prompt.h"
+
+namespace agent {
+
+namespace {
+
+struct answer {
+  std::vector<std::string> lines;
+  std::string error;  ///< why the command was refused, or empty
+};
+
+class connected {
+ public:
+  connected(const std::string &path, bool as_json)
+      : path_(path), json_(as_json), fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+
+  int fd() const { return fd_.number; }
+
+  /// False: nobody takes commands there, which was told.
+  bool open() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    errno = ENAMETOOLONG;
+    const bool fits = path_.size() < sizeof address.sun_path;
+    if (fits) memcpy(address.sun_path, path_.data(), path_.size());
+    if (!fits || connect(fd(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
+      complain(path_ + ": " + strerror(errno));
+      return false;
+    }
+    answer empty;
+    return !json_ || ask("json", empty);
+  }
+
+  /// False: the connection is at its end, which was told.
+  bool ask(std::string line, answer &to) {
+    std::ranges::replace(line, '\n', ' ');
+    line += '\n';
+    for (std::string_view rest = line; !rest.empty();) {
+      const ssize_t sent = send(fd(), rest.data(), rest.size(), MSG_NOSIGNAL);
+      if (sent < 0) break;  // there may be a last word to read
+      rest.remove_prefix(static_cast<size_t>(sent));
+    }
+    for (bool more = true; more;) {
+      while (const auto got = in_.next()) {
+        if (got->empty()) return settle(to);
+        to.lines.push_back(*got);
+      }
+      more = in_.read_some();
+    }
+    complain(path_ + ": the agent closed the connection");
+    return false;
+  }
+
+  /// The names that the agent knows, for completion.
+  std::vector<std::string> vrf_names() {
+    answer shown;
+    std::vector<std::string> names;
+    if (!ask("show vrfs", shown) || !shown.error.empty()) return names;
+    if (!json_) {
+      for (size_t i = 1; i < shown.lines.size(); ++i)
+        names.push_back(shown.lines[i].substr(0, shown.lines[i].find(' ')));
+      return names;
+    }
+    for (const json &vrf : json::parse(shown.lines.at(0))["vrfs"]) names.push_back(vrf["vrf"]);
+    return names;
+  }
+
+ private:
+  /// Takes an error out of the lines.
+  bool settle(answer &of) const {
+    if (of.lines.empty()) return true;
+    constexpr std::string_view kError = "error: ";
+    const std::string &first = of.lines.front();
+    if (json_) {
+      const json object = json::parse(first, nullptr, false);
+      if (!object.is_object() || !object.contains("error")) return true;
+      const json column = object.value("column", json());
+      of.error = (column.is_number() ? "column " + column.dump() + ": " : "") +
+                 object["error"].get<std::string>();
+    } else if (first.starts_with(kError)) {
+      of.error = first.substr(kError.size());
+    } else {
+      return true;
+    }
+    of.lines.clear();
+    return true;
+  }
+
+  const std::string path_;
+  const bool json_;
+  const descriptor fd_;
+  line_reader in_{fd_.number};
+};
+
+class session {
+ public:
+  explicit session(const options &given) : given_(given), agent_(given.connect, given.json) {}
+
+  int run() {
+    if (!agent_.open()) return 1;
+    if (given_.commands.empty() && prompt::possible()) return at_prompt();
+    for (const std::string &line : given_.commands)
+      if (!run_line("--command '" + line + "'", line)) return 1;
+    if (given_.commands.empty() && !run_input()) return 1;
+    return failed_ ? 1 : 0;
+  }
+
+ private:
+  /// False: no further line can be run.
+  bool run_line(const std::string &where, const std::string &line) {
+    answer got;
+    if (!agent_.ask(line, got)) return false;
+    if (!got.error.empty()) complain(where + ": " + got.error);
+    failed_ |= !got.error.empty();
+    std::string text;
+    for (const std::string &each : got.lines) text += each + '\n';
+    const int error = write_to(STDOUT_FILENO)(text);
+    if (error != 0 && error != EPIPE) complain(std::string("standard output: ") + strerror(error));
+    failed_ |= error != 0 && error != EPIPE;
+    return error == 0 && !is_quit(line);
+  }
+
+  static bool is_quit(const std::string &line) {
+    const auto parsed = parse_command(line);
+    const auto *c = std::get_if<command>(&parsed);
+    return c != nullptr && c->what == verb::quit;
+  }
+
+  /// False: it ended before its end.
+  bool run_input() {
+    line_reader input(STDIN_FILENO);
+    for (bool more = true; more;) {
+      more = input.read_some();
+      while (const auto line = input.next()) {
+        if (!run_line("standard input:" + std::to_string(input.number()), *line))
+          return is_quit(*line);
+      }
+    }
+    return true;
+  }
+
+  int at_prompt() {
+    prompt terminal([this](std::string_view line) {
+      return complete_command(line, agent_.vrf_names());
+    });
+    // While the prompt is there the terminal is not in its ordinary mode, which a signal must give
+    // back; while a command runs the signal just ends the process.
+    sigset_t ending;
+    sigemptyset(&ending);
+    sigaddset(&ending, SIGINT);
+    sigaddset(&ending, SIGTERM);
+    const descriptor signals(signalfd(-1, &ending, SFD_CLOEXEC));
+    for (bool going_on = true; going_on;) {
+      sigprocmask(SIG_BLOCK, &ending, nullptr);
+      terminal.show();
+      const auto line = read_line(terminal, signals.number);
+      terminal.hide();
+      sigprocmask(SIG_UNBLOCK, &ending, nullptr);
+      if (!line) break;
+      going_on = run_line(given_.connect, *line);
+      if (!going_on && !is_quit(*line)) return 1;
+    }
+    return 0;  // a person saw the errors
+  }
+
+  /// Nothing: the end of input, a signal, or the agent has ended.
+  std::optional<std::string> read_line(prompt &terminal, int signals) {
+    std::array<pollfd, 3> fds{
+        {{signals, POLLIN, 0}, {agent_.fd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
+    for (;;) {
+      if (poll(fds.data(), fds.size(), -1) < 0) continue;
+      if (fds[0].revents != 0) return std::nullopt;
+      if (fds[1].revents != 0) return "";  // asking finds the connection closed, and tells
+      std::optional<std::string> line;
+      if (terminal.read_key(line)) return line;
+    }
+  }
+
+  const options &given_;
+  connected agent_;
+  bool failed_ = false;
+};
+
+}  // namespace
+
+int run_connected(const options &given) { return session(given).run(); }
+
+}  // namespace agent

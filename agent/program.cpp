@@ -1,0 +1,356 @@
+// The main thread reads and runs commands, its own and the control socket's. Beside it there are the
+// event manager's thread, the RIB's, the output's writer, and the module's own; the metrics' server
+// and the watchdog's when asked for. All but the module's end before the main thread does; the
+// module has no shutdown, so it is left without clients, and its event manager stays.
+#include "agent/program.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/agent_services.h"
+#include "agent/bmp_station.h"
+#include "agent/clients.h"
+#include "agent/command.h"
+#include "agent/control.h"
+#include "agent/diagnostics.h"
+#include "agent/fence.h"
+#include "agent/global_table.h"
+#include "agent/interpreter.h"
+#include "agent/line_reader.h"
+#include "agent/metrics.h"
+#include "agent/metrics_server.h"
+#include "agent/output.h"
+#include "agent/progress.h"
+#include "agent/prompt.h"
+#include "agent/redistribution.h"
+#include "agent/rib.h"
+#include "agent/rib_thread.h"
+#include "agent/service_manager.h"
+#include "agent/text.h"
+#include "platform/bag.h"
+#include "platform/event.h"
+#include "platform/thread_diag.h"
+#include "tarvo/discovery.h"
+#include "tarvo/oper_records.h"
+
+namespace agent {
+
+namespace {
+
+// ---- Ending: a signal or a closed output wakes the main thread ----
+
+int wake_fd = -1;
+volatile sig_atomic_t signalled = 0;
+
+void wake_main() {
+  const uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = write(wake_fd, &one, sizeof one);
+}
+
+void on_signal(int) {
+  const int saved = errno;
+  signalled = 1;
+  wake_main();
+  errno = saved;
+}
+
+/// The second signal ends the process at once: the first may be waiting for a reader of standard
+/// output who stopped reading.
+void end_on_signals() {
+  struct sigaction action {};
+  action.sa_handler = on_signal;
+  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+/// Tells what a start-up code other than 0 means.
+bool succeeded(const char *otherwise, uint32_t code) {
+  if (code != 0) complain(std::string(otherwise) + ": " + code_text(code));
+  return code == 0;
+}
+
+// ---- The event manager on its own thread ----
+
+/// It is dispatched until the process ends. Null with errno set when there is none.
+void *start_event_manager() {
+  void *mgr = event_mgr_create();
+  if (mgr == nullptr) return nullptr;
+  std::thread([mgr] {
+    set_thread_name("events", pthread_self());
+    event_mgr_dispatch(mgr);
+  }).detach();
+  return mgr;
+}
+
+// ---- The agent ----
+
+class agent_program {
+ public:
+  explicit agent_program(const options &from)
+      : options_(from),
+        terminal_([this](std::string_view line) {
+          return complete_command(line, commands_.vrf_names());
+        }),
+        out_(
+            from.json,
+            [this, to_stdout = write_to(STDOUT_FILENO)](std::string_view lines) {
+              return terminal_.print_above([&] { return to_stdout(lines); });
+            },
+            wake_main),
+        reports_(pace_),
+        routes_(global_, reports_),
+        loop_(routes_, reports_, pace_),
+        station_(routes_, loop_, from.view, std::chrono::seconds(from.idle)),
+        watchers_(loop_, pace_, out_),
+        commands_({routes_, loop_, global_, station_, watchers_, reports_}),
+        control_([this](const std::string &line, show_as as) { return answer_to(line, as); }),
+        metrics_([this] { return metrics_page({routes_, loop_, station_, out_}); }) {
+    loop_.tell_progress_to(progress_);
+  }
+
+  /// The exit status.
+  int run(const std::vector<start_line> &config) {
+    if (!start_module() || !run_config(config)) return 1;
+    if (!ended()) run_input();
+    notify_service("STOPPING=1");
+    watchdog_.reset();
+    control_.close();
+    metrics_.close();
+    watchers_.unwatch_all();
+    out_.flush();
+    const int error = out_.error();
+    if (error != 0 && error != EPIPE) {  // a reader who left had enough: no failure
+      complain(std::string("standard output: ") + strerror(error));
+      failed_ = true;
+    }
+    return failed_ ? 1 : 0;
+  }
+
+ private:
+  bool start_module() {
+    void *events = start_event_manager();
+    if (events == nullptr) {
+      complain(std::string("event manager: ") + strerror(errno));
+      return false;
+    }
+    install_services(reports_, global_);
+    if (!succeeded("the module did not start", tarvo_nd_init(events))) return false;
+    if (!succeeded("the operational records were not registered",
+                   bag_register_all_manageability_tarvo_oper_bags(nullptr))) {
+      return false;
+    }
+    complain(std::to_string(bag_registered_count()) + " operational records registered");
+    return true;
+  }
+
+  bool run_config(const std::vector<start_line> &config) {
+    for (const start_line &line : config) {
+      if (ended()) return true;
+      const std::string where = options_.config + ':' + std::to_string(line.number);
+      const std::string error = tell(where, run_command(line.what, form()));
+      quit_ |= line.what.what == verb::quit;
+      if (error.empty()) continue;
+      out_.flush();
+      complain(error);
+      watchers_.unwatch_all();
+      return false;
+    }
+    return true;
+  }
+
+  /// False: something can't be listened on, which was told.
+  bool open_sockets() {
+    std::string error;
+    if (!options_.control.empty()) error = control_.open(options_.control, options_.control_mode);
+    if (error.empty() && !options_.metrics.empty()) error = metrics_.listen(options_.metrics);
+    for (const std::string &address : options_.listen)
+      if (error.empty()) error = station_.listen(address);
+    note(error);
+    return error.empty();
+  }
+
+  void tell_ready() {
+    notify_service("READY=1\nSTATUS=" + std::to_string(commands_.vrf_names().size()) + " VRFs");
+    const auto limit = watchdog_limit();
+    if (limit.count() > 0) watchdog_.emplace(limit, [this] { return pace_.module_answers(); });
+  }
+
+  void run_input() {
+    if (!options_.replay.empty()) {
+      notify_service("STATUS=reading " + printable(options_.replay));
+      note(station_.replay(options_.replay, &progress_));
+      loop_.settle();
+    }
+    end_on_signals();  // until here there is nothing that a signal should not just end
+    if (!open_sockets()) return;
+    tell_ready();
+    for (const std::string &line : options_.commands) {
+      if (ended()) return;
+      run_line("--command '" + line + "'", line);
+    }
+    if (prompt::possible()) {
+      prompt_loop();
+    } else {
+      pipe_loop();
+    }
+  }
+
+  bool ended() const { return quit_ || signalled != 0 || out_.closed(); }
+
+  void note(const std::string &error) {
+    if (error.empty()) return;
+    failed_ = true;
+    out_.flush();
+    complain(error);
+  }
+
+  show_as form() const { return out_.json() ? show_as::object : show_as::table; }
+
+  control::answer run_command(const command &c, show_as as) {
+    control::answer got;
+    got.error = commands_.run(c, as, got.lines);
+    got.leave = c.what == verb::quit;
+    return got;
+  }
+
+  control::answer answer_to(const std::string &line, show_as as) {
+    try {
+      const auto parsed = parse_command(line);
+      if (const auto *error = std::get_if<command_error>(&parsed))
+        return {"", error->text, error->column, false};
+      return run_command(std::get<command>(parsed), as);
+    } catch (const std::bad_alloc &) {
+      return {"", "out of memory", 0, false};
+    }
+  }
+
+  /// Prints an answer; an empty string, or what is wrong and where.
+  std::string tell(const std::string &where, control::answer got) {
+    if (!got.lines.empty()) out_.print(std::move(got.lines));
+    if (got.error.empty()) return {};
+    return where + (got.column == 0 ? "" : ':' + std::to_string(got.column)) + ": " + got.error;
+  }
+
+  std::string execute(const std::string &where, const std::string &line) {
+    control::answer got = answer_to(line, form());
+    quit_ |= got.leave;
+    return tell(where, std::move(got));
+  }
+
+  /// The line is shown before what it prints, so that the output reads like a dialogue.
+  void run_line(const std::string &where, const std::string &line) {
+    if (!options_.json) out_.print("> " + printable(line) + '\n');
+    note(execute(where, line));
+  }
+
+  /// Waits for standard input, and serves the control socket meanwhile; false: the agent is to end.
+  bool await_input(bool input_open) {
+    constexpr size_t kWake = 0, kInput = 1, kControl = 2;
+    while (!ended()) {
+      polled_.assign({{wake_fd, POLLIN, 0}, {input_open ? STDIN_FILENO : -1, POLLIN, 0}});
+      if (control_.is_open()) control_.add_polled(polled_);
+      if (poll_or_tell(polled_, -1, told_poll_) == 0) continue;
+      if (polled_[kWake].revents != 0) return false;
+      if (control_.is_open()) control_.serve(std::span(polled_).subspan(kControl));
+      if (polled_[kInput].revents != 0) return true;
+    }
+    return false;
+  }
+
+  /// With nobody to listen to, the agent ends with its commands.
+  void await_end() {
+    if (options_.listen.empty() && !control_.is_open() && !metrics_.is_open()) return;
+    complain("standard input is at its end; listening until SIGINT or SIGTERM");
+    await_input(false);
+  }
+
+  void pipe_loop() {
+    line_reader input(STDIN_FILENO);
+    while (await_input(true)) {
+      const bool more = input.read_some();
+      while (const auto line = input.next()) {
+        if (ended()) return;
+        const std::string where = "standard input:" + std::to_string(input.number());
+        if (input.too_long()) {
+          note(where + ": the line has more than " + std::to_string(line_reader::kMaxLine) +
+               " characters");
+        } else {
+          run_line(where, *line);
+        }
+      }
+      if (!more) return await_end();
+    }
+  }
+
+  void prompt_loop() {
+    terminal_.show();
+    while (await_input(true)) {
+      std::optional<std::string> line;
+      if (!terminal_.read_key(line)) continue;
+      if (!line) return await_end();
+      // A person sees the error and corrects it: no reason to call the run a failure.
+      const std::string error = execute("standard input", *line);
+      if (!error.empty()) complain(error);
+      if (!ended()) terminal_.show();
+    }
+    terminal_.hide();
+  }
+
+  const options &options_;
+  bool failed_ = false;
+  bool quit_ = false;
+  bool told_poll_ = false;
+  std::vector<pollfd> polled_;
+
+  // In the order they need each other.
+  prompt terminal_;
+  output out_;
+  fence pace_;
+  global_table global_;
+  redistribution reports_;
+  rib routes_;
+  rib_thread loop_;
+  bmp_station station_;
+  clients watchers_;
+  interpreter commands_;
+  control control_;
+  metrics_server metrics_;
+  std::optional<watchdog> watchdog_;
+  progress progress_{isatty(STDERR_FILENO) != 0, std::chrono::steady_clock::now,
+                     [this](std::string_view text) {
+                       if (!terminal_.shown()) show_status(text);
+                     }};
+};
+
+}  // namespace
+
+void complain(const std::string &text) { fprintf(stderr, "tarvo-agent: %s\n", text.c_str()); }
+
+int run_agent(const options &given, const std::vector<start_line> &config) {
+  wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_fd < 0) {
+    complain(std::string("eventfd: ") + strerror(errno));
+    return 1;
+  }
+  // Never destroyed: the module's worker outlives main() and may still call the agent's services.
+  static agent_program &program = *new agent_program(given);
+  return program.run(config);
+}
+
+}  // namespace agent
+

@@ -1,0 +1,18 @@
+// The agent's run, from the start-up file to the signal.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "agent/options.h"
+#include "agent/start_file.h"
+
+namespace agent {
+
+/// A line on standard error; it may wait for its reader, as the main thread may.
+void complain(const std::string &text);
+
+/// Runs the agent on the calling thread, the main one; the exit status. Once a process.
+int run_agent(const options &given, const std::vector<start_line> &config);
+
+}  // namespace agent

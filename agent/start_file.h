@@ -1,0 +1,24 @@
+// The start-up file: commands, a line each, that run before all else.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "agent/command.h"
+
+namespace agent {
+
+struct start_line {
+  size_t number;
+  command what;
+};
+
+/// Reads the whole file. False: it can't be read, or a line is wrong or would be refused when it
+/// runs; `tell` gets every error as "FILE:LINE:COLUMN: TEXT". What only running finds is a lack of
+/// memory. Lines after `quit` don't run: of them the grammar alone is checked.
+bool read_start_file(const std::string &path, std::vector<start_line> &lines,
+                     const std::function<void(const std::string &error)> &tell);
+
+}  // namespace agent
