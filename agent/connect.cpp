@@ -83,7 +83,11 @@ class connected {
         names.push_back(shown.lines[i].substr(0, shown.lines[i].find(' ')));
       return names;
     }
-    for (const json &vrf : json::parse(shown.lines.at(0))["vrfs"]) names.push_back(vrf["vrf"]);
+    if (shown.lines.empty()) return names;
+    const json object = json::parse(shown.lines.front(), nullptr, false);
+    if (!object.is_object()) return names;
+    for (const json &vrf : object.value("vrfs", json::array()))
+      names.push_back(vrf.value("vrf", std::string()));
     return names;
   }
 

@@ -54,6 +54,11 @@ void describe_agent(CLI::App &app, options &into) {
       ->type_name("[ADDRESS:]PORT");
 }
 
+void refuse_both(const CLI::Option *one, const CLI::Option *other) {
+  if (one->count() > 0 && other->count() > 0)
+    throw CLI::ExcludesError(one->get_name(), other->get_name());
+}
+
 /// Each of these does its one job and runs no agent.
 void describe_others(CLI::App &app, options &into) {
   const std::vector<CLI::Option *> agents = app.get_options([](const CLI::Option *option) {
@@ -65,16 +70,19 @@ void describe_others(CLI::App &app, options &into) {
   CLI::Option *check =
       app.add_option("--check-config", into.check_config,
                      "Check a start-up file, tell all errors, run nothing")
-          ->type_name("FILE")
-          ->excludes(connect);
-  for (CLI::Option *option : agents) {
-    option->excludes(connect);
-    option->excludes(check);
-  }
-  app.add_option("--command", into.commands, "Run a command, before standard input (repeatable)")
-      ->type_name("LINE")
-      ->allow_extra_args(false)
-      ->excludes(check);
+          ->type_name("FILE");
+  CLI::Option *line =
+      app.add_option("--command", into.commands, "Run a command, before standard input (repeatable)")
+          ->type_name("LINE")
+          ->allow_extra_args(false);
+  app.callback([=] {
+    for (const CLI::Option *option : agents) {
+      refuse_both(connect, option);
+      refuse_both(check, option);
+    }
+    refuse_both(check, connect);
+    refuse_both(check, line);
+  });
   app.add_flag("--json", into.json, "One JSON object a line on standard output");
 }
 

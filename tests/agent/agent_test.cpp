@@ -1,8 +1,11 @@
 // The agent as its operator sees it: the built program, its lines, its exit status.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 #include <map>
@@ -44,7 +47,9 @@ class child {
   }
 
  private:
-  const std::string input_ = testing::TempDir() + "agent_test_" + std::to_string(getpid());
+  static inline int count_ = 0;
+  const std::string input_ = testing::TempDir() + "agent_test_" + std::to_string(getpid()) + '_' +
+                             std::to_string(++count_);
   FILE *lines_ = nullptr;
   pid_t pid_ = 0;
 };
@@ -160,8 +165,19 @@ const struct {
     {"", std::string(70000, 'x') + "\nquit", 1, "standard input:1: the line has more than"},
     {kConfigured, "", 1, kConfig + ":2:5: expected", kTwoWrong},
     {kConfigured, "", 1, kConfig + ":4:7: expected", kTwoWrong},
-    {kConfigured, "", 1, kConfig + ":2: route 1.0.0.0/8",
+    {kConfigured, "", 1, kConfig + ":2:11: route 1.0.0.0/8",
      "route add 1.0.0.0/8\nroute add 1.0.0.0/8"},
+    {"--check-config " + kConfig, "", 1, kConfig + ":4:7: expected", kTwoWrong},
+    {"--check-config " + kConfig, "", 0, "", "watch 1\nquit\nwatch 1"},
+    {"--check-config " + kConfig + " --listen 0", "", 2, "excludes"},
+    {"--check-config /", "", 1, "/: Is a directory"},
+    {"--connect /nonexistent", "", 1, "/nonexistent: No such file"},
+    {"--connect " + std::string(200, 'x'), "", 1, "File name too long"},
+    {"--control /nonexistent/x", "", 1, "/nonexistent/x: No such file"},
+    {"--control x --control-mode 0888", "", 2, "'0888' is no file mode"},
+    {"--control-mode 0600", "", 2, "requires --control"},
+    {"--metrics 127.0.0.1:x", "", 1, "metrics on 127.0.0.1:x: 'x' is no port"},
+    {"--metrics 192.0.2.1:0", "", 1, "metrics on 192.0.2.1:0: "},
 };
 
 TEST(Agent, RefusesAndGoesOn) {
@@ -205,6 +221,176 @@ TEST(Agent, EndsWhenItsReaderLeaves) {
   std::string input;
   for (int i = 0; i < 1000; ++i) input += "help\n";
   EXPECT_EQ(child("--listen 0", input).end(), 0);
+}
+
+/// Reads the agent's output up to the line that holds `part`, and gives what follows it.
+std::string after(child &agent, const std::string &part) {
+  for (std::string line; !(line = agent.line()).empty();)
+    if (const size_t at = line.find(part); at != std::string::npos)
+      return line.substr(at + part.size());
+  ADD_FAILURE() << "no " << part;
+  return {};
+}
+
+std::string read_file(const std::string &path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+TEST(Agent, TakesCommandsOnItsControlSocket) {
+  const std::string socket = kConfig + ".sock", connect = "--connect " + socket + ' ';
+  child agent(kReplay + " --control " + socket);
+  after(agent, "standard input is at its end");
+  const struct {
+    std::string arguments, input, told;
+    int status;
+  } rows[] = {
+      {"--command 'show prefix 10.255.2.2'", "",
+       "FIELD          VALUE\nTargetMask     24\nTargetAddress  10.255.2.0\n", 0},
+      {"", "unwatch 2\n# nothing\nunwatch 2\nshow nexthop 10.255.2.2\nquit\nshow it",
+       "tarvo-agent: standard input:3: client 2 does not watch\nVRF     ROUTES\nCUST-A       2\n", 1},
+      {"--json --command 'show it' --command 'show prefix 10.255.2.2'", "",
+       "tarvo-agent: --command 'show it': column 6: expected 'vrfs', 'nexthops', 'nexthop', "
+       "'prefix', 'state', 'sessions' or 'pools', not 'it'\n"
+       "{\"schema\":1,\"show\":\"prefix\",\"nexthop\":\"10.255.2.2\",\"record\":"
+       "{\"TargetMask\":24,\"TargetAddress\":\"10.255.2.0\"}}\n", 1},
+      {"--command 'explain 10.255.2.2 CUST-B'", "",
+       "10.255.2.2: reachable through the global route 10.255.2.0/24\n"
+       "VRF     COUNT  ROUTES  LAST REPORTED  THE NEXT SWEEP\n"
+       "CUST-B      -       0  -              has nothing to do: no route of the VRF has this next "
+       "hop\n"
+       "RD         PREFIX       TARGETS  IMPORTED BY      SESSION" +
+           std::string(kExample.size() + 7, ' ') + "PEER     VIEW\n" +
+           "65000:102  10.1.3.0/24  65000:1  CUST-A(65000:1)  " + kExample +
+           ".bmp (GoBGP)  loc-rib  loc-rib\n"
+           "65000:102  10.1.4.0/24  65000:1  CUST-A(65000:1)  " + kExample +
+           ".bmp (GoBGP)  loc-rib  loc-rib\n", 0},
+  };
+  for (const auto &row : rows) {
+    child client(connect + row.arguments, row.input);
+    EXPECT_EQ(client.rest(), row.told) << row.arguments;
+    EXPECT_EQ(client.end(), row.status) << row.arguments;
+  }
+  EXPECT_EQ(child(connect, "route del 10.255.1.1/32\nrib restart").end(), 0);
+  EXPECT_NE(after(agent, "client 1     REMOVE      10.255.1.1"), "") << "an event of the agent's own";
+  agent.terminate();
+  agent.rest();
+  EXPECT_EQ(agent.end(), 0);
+  EXPECT_NE(access(socket.c_str(), F_OK), 0);
+}
+
+std::string ask_http(const std::string &port, const std::string &request) {
+  const std::string shell = "exec 3<>/dev/tcp/127.0.0.1/" + port + "; printf '" + request +
+                            " HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' >&3; cat <&3";
+  FILE *answer = popen(("exec bash -c \"" + shell + '"').c_str(), "r");
+  std::string text;
+  for (int c; (c = getc(answer)) != EOF;) text += static_cast<char>(c);
+  pclose(answer);
+  return text;
+}
+
+// The page has the metrics that docs/metrics.md describes, and no others.
+TEST(Agent, ShowsItsMetricsAndNothingElse) {
+  child agent(kReplay + " --metrics 0");
+  const std::string port = after(agent, "metrics on 127.0.0.1:");
+  after(agent, "standard input is at its end");
+  EXPECT_TRUE(ask_http(port, "POST /metrics").starts_with("HTTP/1.1 405 "));
+  EXPECT_TRUE(ask_http(port, "GET /").starts_with("HTTP/1.1 404 "));
+  const std::string head = ask_http(port, "HEAD /metrics"), page = ask_http(port, "GET /metrics");
+  EXPECT_TRUE(head.starts_with("HTTP/1.1 200 ") && head.ends_with("\r\n\r\n")) << head;
+  for (const char *line :
+       {"tarvo_discovery_active 1", "tarvo_vrf_pes{vrf=\"CUST-A\"} 3",
+        "tarvo_vrf_reachable_pes{vrf=\"CUST-B\"} 3", "tarvo_vrf_routes{vrf=\"CUST-A\"} 5",
+        "tarvo_bmp_messages_total 48", "tarvo_bmp_sessions_opened_total 1",
+        "tarvo_requests_queued 0", "tarvo_notifications_lost_total 0"})
+    EXPECT_NE(page.find(std::string("\n") + line + '\n'), std::string::npos) << line << page;
+
+  std::istringstream lines(page);
+  std::string described, text;
+  std::map<std::string, std::string> help, label;
+  strings order;
+  while (std::getline(lines, text)) {
+    std::istringstream words(text);
+    std::string mark, kind, name, rest;
+    if (text.starts_with("# ")) {
+      words >> mark >> kind >> name >> std::ws, std::getline(words, rest);
+      if (kind == "HELP") order.push_back(name), help[name] = rest;
+      if (kind == "TYPE") help[name] = rest + " | $ | " + help[name];
+    } else if (const size_t brace = text.find('{'); brace != std::string::npos) {
+      label[text.substr(0, brace)] = text.substr(brace + 1, text.find('=') - brace - 1);
+    }
+  }
+  label["tarvo_bmp_malformed_total"] = "kind";  // there are none
+  for (const std::string &name : order) {
+    std::string row = "| `" + name + "` | " + help[name] + " |\n";
+    described += row.replace(row.find('$'), 1, label[name]);
+  }
+  const std::string docs = read_file(EXAMPLES "/../docs/metrics.md");
+  EXPECT_EQ(docs.substr(docs.find("|---|---|---|---|\n") + 18), described);
+}
+
+// All that is told to a service manager: ready once it listens, fed whether or not anybody watches.
+TEST(Agent, TellsItsServiceManager) {
+  const std::string path = kConfig + ".notify";
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
+  ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+  const auto told = [manager] {
+    char text[200];
+    const ssize_t size = recv(manager, text, sizeof text, 0);
+    return std::string(text, size > 0 ? size_t(size) : 0);
+  };
+  setenv("NOTIFY_SOCKET", path.c_str(), 1), setenv("WATCHDOG_USEC", "30000", 1);
+  for (const std::string &start : {kReplay + " --listen 0", std::string("--listen 0")}) {
+    child agent(start);
+    if (start != "--listen 0") {
+      EXPECT_EQ(told(), "STATUS=reading " + kExample + ".bmp");
+    }
+    EXPECT_TRUE(told().starts_with("READY=1\nSTATUS=")) << start;
+    for (int fed = 0; fed < 3; ++fed) EXPECT_EQ(told(), "WATCHDOG=1");
+    after(agent, "standard input is at its end");
+    agent.terminate();
+    std::string last = told();
+    while (last == "WATCHDOG=1") last = told();
+    EXPECT_EQ(last, "STOPPING=1");
+    agent.rest();
+    EXPECT_EQ(agent.end(), 0);
+  }
+  unsetenv("NOTIFY_SOCKET"), unsetenv("WATCHDOG_USEC");
+  close(manager);
+  unlink(path.c_str());
+}
+
+/// What begins these lines, after their marks and up to where a part of `until` begins, sorted.
+strings heads(const std::string &text, const std::string &mark, const strings &untils) {
+  strings found;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (!line.starts_with(mark)) continue;
+    line.erase(0, mark.size());
+    for (const std::string &until : untils) line = line.substr(0, line.find(until));
+    found.push_back(line);
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+TEST(Agent, ManualPageHasTheOptionsAndCommandsThatThereAre) {
+  const std::string page = read_file(EXAMPLES "/../docs/tarvo-agent.8");
+  const std::string help = child("--help").rest();
+  strings options = heads(help, "  --", {" "}), commands;
+  EXPECT_GT(options.size(), 10u);
+  strings described = heads(page, ".It Fl -", {" "});
+  EXPECT_EQ(described, options);
+  child agent("--json --command help");
+  agent.line();
+  const json shown = json::parse(agent.line());
+  for (const json &form : shown["help"]) commands.push_back(form["syntax"]);
+  std::sort(commands.begin(), commands.end());
+  EXPECT_EQ(heads(page, ".It Cm ", {}), commands);
 }
 
 }  // namespace

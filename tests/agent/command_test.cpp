@@ -35,6 +35,7 @@ const struct {
     {"resend 2 CUST-A", verb::resend, "CUST-A", 2},
     {"interval 7", verb::interval, "", 7},
     {"rib restart", verb::rib_restart},
+    {"explain 0.0.0.1 CUST-A", verb::explain, "CUST-A", 0, 0, 0, {}, htonl(1)},
     {"show vrfs", verb::show_vrfs},
     {"show nexthops CUST-A", verb::show_nexthops, "CUST-A"},
     {"show nexthop 10.1.2.3", verb::show_nexthop, "", 0, 0, 0, {}, htonl(0x0a010203)},

@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <future>
 #include <nlohmann/json.hpp>
 
 #include "agent/agent_services.h"
 #include "agent/bmp_station.h"
 #include "agent/clients.h"
+#include "agent/explain.h"
 #include "agent/fence.h"
 #include "agent/global_table.h"
 #include "agent/interpreter.h"
@@ -128,10 +130,9 @@ struct world {
   }
   /// What the command prints, or why it is refused.
   std::string run(const std::string &line) {
-    out.flush();  // events
-    printed.clear();
-    const std::string refused = commands.run(std::get<command>(parse_command(line)));
-    out.flush();
+    std::string printed;
+    const auto c = std::get<command>(parse_command(line));
+    const std::string refused = commands.run(c, show_as::object, printed);
     return refused.empty() ? printed : refused;
   }
   void announce(uint32_t nexthop) {
@@ -145,8 +146,7 @@ struct world {
 
   static constexpr tarvo_nd_ods_fns_t kCallbacks = {get, list, datalist, {}};
   static constexpr route_target kTarget = 0x0002000100000001;
-  std::string printed;
-  output out{true, [this](std::string_view lines) { return printed += lines, 0; }, [] {}};
+  output out{true, [](std::string_view) { return 0; }, [] {}};
   fence pace;
   redistribution reports{pace};
   global_table global;
@@ -155,12 +155,17 @@ struct world {
   rib_thread loop{routes, reports, pace};
   bmp_station station{routes, loop, bmp_view::loc_rib};
   clients watchers{loop, pace, out};
-  interpreter commands{{routes, loop, global, station, watchers, out}};
+  interpreter commands{{routes, loop, global, station, watchers, reports}};
 };
+
+world &the_world() {
+  static world &w = *new world;  // the module's worker outlives main()
+  return w;
+}
 
 // Each address is above the one before, and below it when its bytes are taken in reverse.
 TEST(OperData, ListsPagesAndRefusesWrongAnswers) {
-  static world &w = *new world;  // the module's worker outlives main()
+  world &w = the_world();
   std::vector<std::string> expected, shown;
   for (uint32_t hops = 0; hops <= 2 * TARVO_ODS_NHOP_PAGE + 1; ++hops) {
     if (hops != 0) {
@@ -184,6 +189,61 @@ TEST(OperData, ListsPagesAndRefusesWrongAnswers) {
         << answer.command << ' ' << &answer - kAnswers << '\n'
         << told;
   }
+  now = nullptr;
+}
+
+// 25 routes to one PE, two of them one route of two paths, and five that no VRF imports.
+TEST(Explain, CollectsFromDiscoveryAndTheRib) {
+  world &w = the_world();
+  const uint32_t nexthop = htonl(0x0a020304);
+  const source_id other = w.routes.open_source();
+  w.loop.call([&] {
+    const attr_id here = w.routes.acquire(nexthop, std::vector{world::kTarget, world::kTarget + 1});
+    const attr_id none = w.routes.acquire(nexthop, std::vector{world::kTarget + 1});
+    for (uint32_t i = 0; i < 25; ++i)
+      w.routes.announce(w.source, {7, i << 8, 0, 24, true}, i % 5 == 0 ? none : here);
+    w.routes.announce(other, {7, 1 << 8, 0, 24, true}, here);
+  });
+  w.loop.settle();
+  const auto told = nlohmann::json::parse(w.run("explain 10.2.3.4"));
+  EXPECT_EQ(told["prefix"], "10.0.0.0/8");
+  EXPECT_EQ(told["global_route"], "10.0.0.0/8");
+  ASSERT_EQ(told["vrfs"].size(), 1u);
+  EXPECT_EQ(told["vrfs"][0]["count"], 20);
+  EXPECT_EQ(told["vrfs"][0]["routes"], 20);
+  EXPECT_LT(told["vrfs"][0]["reported_seconds_ago"], 60);
+  ASSERT_EQ(told["routes"].size(), explanation::kMaxRoutes);
+  EXPECT_EQ(told["more_routes"], 6);
+  for (size_t i = 0; i < told["routes"].size(); ++i) {
+    const uint32_t route = uint32_t(i == 0 ? 1 : i + (i - 1) / 4);
+    EXPECT_EQ(told["routes"][i]["prefix"], "0.0." + std::to_string(route) + ".0/24") << i;
+    EXPECT_EQ(told["routes"][i]["imports"].dump(), R"([{"targets":["1:1"],"vrf":"A"}])");
+  }
+  w.run("vrf add B table 2 import 1:2");
+  const auto of_b = nlohmann::json::parse(w.run("explain 10.2.3.4 B"));
+  EXPECT_EQ(of_b["routes"][0]["prefix"], "0.0.0.0/24");
+  EXPECT_EQ(of_b["routes"][0]["imports"].dump(), R"([{"targets":["1:2"],"vrf":"B"}])");
+  EXPECT_EQ(of_b["vrfs"].size(), 1u);
+  EXPECT_EQ(of_b["vrfs"][0]["routes"], 25);
+  EXPECT_EQ(w.run("explain 10.2.3.4 C"), "no VRF 'C'");
+}
+
+// The worker stands still in a callback until it is let go.
+TEST(Fence, KnowsWhetherTheModuleAnswers) {
+  world &w = the_world();
+  EXPECT_TRUE(w.pace.module_answers());
+  w.run("unwatch 1");
+  EXPECT_TRUE(w.pace.module_answers());
+  static std::promise<void> entered, let_go;
+  tarvo_pe_discovery_register(9, "B", [](uint32_t, uint32_t, const void *) {
+    entered.set_value();
+    let_go.get_future().wait();
+  });
+  entered.get_future().wait();
+  EXPECT_FALSE(w.pace.module_answers());
+  let_go.set_value();
+  tarvo_pe_discovery_unregister(9);
+  EXPECT_TRUE(w.pace.module_answers());
 }
 
 }  // namespace
