@@ -81,10 +81,9 @@ void describe(const rib::path_info &path, const std::vector<vrf_config> &vrfs,
 
 /// The VRFs that have the PE in discovery or in the RIB, and the one asked for.
 void list_vrfs(const std::vector<vrf_config> &vrfs, const std::vector<uint64_t> &routes,
-               const redistribution &reports, explanation &into) {
+               explanation &into) {
   for (size_t i = 0; i < vrfs.size(); ++i) {
-    explained_vrf row{vrfs[i].name, std::nullopt, routes[i],
-                      reports.seconds_since_report(vrfs[i].table_id, into.nexthop)};
+    explained_vrf row{vrfs[i].name, std::nullopt, routes[i]};
     const auto count = std::ranges::find(into.counts, row.vrf, &vrf_routes::vrf);
     if (count != into.counts.end()) row.count = count->routes;
     const bool wanted = into.vrf.empty() ? row.count || row.routes > 0 : row.vrf == into.vrf;
@@ -121,7 +120,8 @@ void explain_rib(const rib &routes, const redistribution &reports, const bmp_sta
   for (const explained_route &route : into.routes) origins[route.source];
   station.name_sources(origins);
   for (explained_route &route : into.routes) route.origin = origins[route.source];
-  list_vrfs(vrfs, counts, reports, into);
+  list_vrfs(vrfs, counts, into);
+  into.reported = reports.seconds_since_report(into.nexthop);
 }
 
 // ---- What is told ----
@@ -190,11 +190,13 @@ std::string imported_text(const explained_route &route) {
 }
 
 std::string explanation_table(const explanation &of) {
-  std::string text = address_text(of.nexthop) + ": " + reach_text(of) + '\n';
-  table vrfs({"VRF", ">COUNT", ">ROUTES", "LAST REPORTED", "THE NEXT SWEEP"});
+  std::string text = address_text(of.nexthop) + ": " + reach_text(of);
+  if (of.reported) text += "; last reported " + std::to_string(*of.reported) + " s ago";
+  text += '\n';
+  table vrfs({"VRF", ">COUNT", ">ROUTES", "THE NEXT SWEEP"});
   for (const explained_vrf &v : of.vrfs) {
     vrfs.add({v.vrf, v.count ? std::to_string(*v.count) : "-", std::to_string(v.routes),
-              v.reported ? std::to_string(*v.reported) + " s ago" : "-", next_sweep(of, v).text});
+              next_sweep(of, v).text});
   }
   if (!of.vrfs.empty()) text += vrfs.lines();
   if (of.more_vrfs > 0) text += "and " + number_of(of.more_vrfs, "more VRF") + '\n';
@@ -244,7 +246,6 @@ std::string show_explanation(show_as as, const explanation &found) {
     vrfs.push_back({{"vrf", v.vrf},
                     {"count", or_null(v.count)},
                     {"routes", v.routes},
-                    {"reported_seconds_ago", or_null(v.reported)},
                     {"next_sweep", sweep.word},
                     {"text", sweep.text}});
   }
@@ -258,6 +259,7 @@ std::string show_explanation(show_as as, const explanation &found) {
                     {"prefix", text_or_null(found.prefix)},
                     {"global_route", text_or_null(global_text(found))},
                     {"sweep_in_seconds", found.active ? json(found.sweep_in) : json(nullptr)},
+                    {"reported_seconds_ago", or_null(found.reported)},
                     {"text", reach_text(found)},
                     {"vrfs", std::move(vrfs)},
                     {"more_vrfs", found.more_vrfs},

@@ -25,7 +25,6 @@ struct explained_vrf {
   std::string vrf;
   std::optional<uint64_t> count;      ///< as discovery has it; none: it doesn't refer to the PE
   uint64_t routes = 0;                ///< in the RIB
-  std::optional<uint32_t> reported;   ///< seconds since; none: not since it was last forgotten
 };
 
 struct explained_route {
@@ -52,6 +51,7 @@ struct explanation {
   std::vector<vrf_routes> counts;    ///< of discovery
   std::vector<explained_vrf> vrfs;   ///< the first ones
   std::vector<explained_route> routes;  ///< the first ones; those that count before the others
+  std::optional<uint32_t> reported;     ///< seconds since, for any VRF; none: forgotten, or never
   uint64_t more_vrfs = 0;
   uint64_t more_routes = 0;
   std::optional<covering_route> global;

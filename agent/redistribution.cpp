@@ -129,7 +129,7 @@ void redistribution::hand_over(const pending_report &report, uint32_t now) {
   if (w.generation != report.generation) return;
   // A report that finds no memory is lost (the module logs it); the next refresh makes it good.
   if (callbacks_->nhop_update(w.table_id, report.nexthop, report.add) == 0) return;
-  if (report.add) times_.note(w.table_id, report.nexthop, now);
+  if (report.add) times_.note(report.nexthop, now);
   reported_.store(reported() + 1, std::memory_order_relaxed);
 }
 
@@ -146,9 +146,8 @@ void redistribution::flush() {
   buffer_.clear();
 }
 
-std::optional<uint32_t> redistribution::seconds_since_report(uint32_t table_id,
-                                                             uint32_t nexthop) const {
-  const auto last = times_.last(table_id, nexthop);
+std::optional<uint32_t> redistribution::seconds_since_report(uint32_t nexthop) const {
+  const auto last = times_.last(nexthop);
   if (!last) return std::nullopt;
   return seconds_now() - *last;
 }

@@ -80,9 +80,9 @@ class redistribution {
 
   /// Reports handed over. Any thread.
   uint64_t reported() const { return reported_.load(std::memory_order_relaxed); }
-  /// Since a next hop (network byte order) was last reported as there; nothing if it wasn't, or not
-  /// lately (report_times.h).
-  std::optional<uint32_t> seconds_since_report(uint32_t table_id, uint32_t nexthop) const;
+  /// Since a next hop (network byte order) was last reported as there, for any table; nothing if it
+  /// wasn't, or was forgotten.
+  std::optional<uint32_t> seconds_since_report(uint32_t nexthop) const;
   size_t memory() const;  ///< bytes held
 
  private:

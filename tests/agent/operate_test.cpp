@@ -292,11 +292,11 @@ TEST(Explain, SaysWhatTheNextSweepDoes) {
     e.active = row.active;
     e.interval = row.interval;
     e.sweep_in = row.sweep_in;
-    explained_vrf vrf{"A", row.count, row.routes, 3};
+    explained_vrf vrf{"A", row.count, row.routes};
     if (row.count == kUnknown) vrf.count.reset();
     e.vrfs = {vrf};
     const auto text = show_explanation(show_as::table, e);
-    EXPECT_NE(text.find(std::string("  3 s ago        ") + row.text), std::string::npos)
+    EXPECT_NE(text.find(std::string("  ") + row.text + '\n'), std::string::npos)
         << row.text << "\n" << text;
     const auto object = json::parse(show_explanation(show_as::object, e))["vrfs"][0];
     EXPECT_EQ(object["next_sweep"], row.word) << row.text;
@@ -336,21 +336,21 @@ TEST(Explain, SaysWhyItIsReachableOrNot) {
 
 TEST(ReportTimes, ForgetsTheOldestOfALine) {
   report_times times;
-  EXPECT_EQ(times.last(0, 0), std::nullopt);
-  constexpr uint32_t kPairs = 400000;  // ten times what there is room for
-  for (uint32_t i = 1; i <= kPairs; ++i) times.note(i % 100, i, i);
+  EXPECT_EQ(times.last(0), std::nullopt);
+  constexpr uint32_t kHops = 40960;  // ten times what there is room for
+  for (uint32_t i = 1; i <= kHops; ++i) times.note(i, i);
   uint32_t kept = 0, young = 0;
-  for (uint32_t i = 1; i <= kPairs; ++i) {
-    const auto last = times.last(i % 100, i);
+  for (uint32_t i = 1; i <= kHops; ++i) {
+    const auto last = times.last(i);
     EXPECT_TRUE(!last || *last == i);
     kept += last.has_value();
-    young += last.has_value() && i > kPairs - kPairs / 5;
+    young += last.has_value() && i > kHops - kHops / 5;
   }
-  EXPECT_EQ(kept, 40960u);
+  EXPECT_EQ(kept, 4096u);
   EXPECT_GT(young, kept - kept / 50) << "of the last fifth: nearly all that is kept";
-  times.note(1, kPairs + 1, 7);
-  times.note(1, kPairs + 1, 9);
-  EXPECT_EQ(times.last(1, kPairs + 1), 9u);
+  times.note(7, kHops + 1);
+  times.note(7, kHops + 2);
+  EXPECT_EQ(times.last(7), kHops + 2);
 }
 
 }  // namespace
