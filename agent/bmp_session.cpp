@@ -46,7 +46,8 @@ constexpr size_t kMaxSystemName = 255;
 
 // An IPv4 address stands in the last four bytes, with zeros before it.
 std::string peer_address_text(const std::array<uint8_t, 16> &bytes) {
-  const bool ipv4 = std::all_of(bytes.begin(), bytes.begin() + 12, [](uint8_t b) { return b == 0; });
+  const bool ipv4 =
+      std::all_of(bytes.begin(), bytes.begin() + 12, [](uint8_t b) { return b == 0; });
   char text[INET6_ADDRSTRLEN];
   return inet_ntop(ipv4 ? AF_INET : AF_INET6, bytes.data() + (ipv4 ? 12 : 0), text, sizeof text);
 }
@@ -403,8 +404,8 @@ void bmp_session::report_empty_view() {
 }
 
 std::string bmp_session::name_of(const peer_key &key) {
-  std::string name = key.type == kLocRibInstance ? "peer loc-rib"
-                                                 : "peer " + peer_address_text(key.address);
+  std::string name =
+      key.type == kLocRibInstance ? "peer loc-rib" : "peer " + peer_address_text(key.address);
   if (key.distinguisher != 0) name += " of " + distinguisher_text(key.distinguisher);
   return name;
 }

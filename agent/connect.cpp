@@ -166,9 +166,8 @@ class session {
   }
 
   int at_prompt() {
-    prompt terminal([this](std::string_view line) {
-      return complete_command(line, agent_.vrf_names());
-    });
+    prompt terminal(
+        [this](std::string_view line) { return complete_command(line, agent_.vrf_names()); });
     // While the prompt is there the terminal is not in its ordinary mode, which a signal must give
     // back; while a command runs the signal just ends the process.
     sigset_t ending;

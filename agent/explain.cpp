@@ -44,8 +44,7 @@ class first_routes {
   using rank = std::tuple<bool, uint32_t, uint8_t, uint64_t, uint32_t, source_id>;
 
   static rank rank_of(const rib::path_info &path, bool counts) {
-    return {!counts,       path.key.prefix,  path.key.length,
-            path.key.rd,   path.key.path_id, path.source};
+    return {!counts, path.key.prefix, path.key.length, path.key.rd, path.key.path_id, path.source};
   }
 
   /// Whether it is among the first so far; then its place is given.
@@ -145,16 +144,21 @@ verdict next_sweep(const explanation &of, const explained_vrf &vrf) {
                                          : number_of(vrf.routes, "route") +
                                                (vrf.routes == 1 ? " reports it" : " report it");
   if (!vrf.count) {
-    if (vrf.routes == 0) return {"none", "has nothing to do: no route of the VRF has this next hop"};
-    return {"reported_again", "comes" + in + "; discovery doesn't know it (its limit, or memory), "
-                              "the refresh before the sweep tries again: " + by};
+    if (vrf.routes == 0)
+      return {"none", "has nothing to do: no route of the VRF has this next hop"};
+    return {"reported_again", "comes" + in +
+                                  "; discovery doesn't know it (its limit, or memory), "
+                                  "the refresh before the sweep tries again: " +
+                                  by};
   }
-  if (*vrf.count == 0) return {"removes_unless_reported", "removes it" + in + " unless reported: " + by};
+  if (*vrf.count == 0)
+    return {"removes_unless_reported", "removes it" + in + " unless reported: " + by};
   if (vrf.routes > 0) return {"keeps", "keeps it" + in + ": " + by};
   // A withdrawal was lost. What was counted since the last marking stays until the sweep after the
   // next marking; between marking and sweep lies the clear phase.
   const uint32_t clear = of.interval <= 28 ? of.interval / 2 : 29;
-  if (of.sweep_in < clear) return {"keeps_once", "keeps it" + in + ", the one after it doesn't: " + by};
+  if (of.sweep_in < clear)
+    return {"keeps_once", "keeps it" + in + ", the one after it doesn't: " + by};
   return {"removes", "removes it" + in + ": " + by};
 }
 
@@ -203,11 +207,11 @@ std::string explanation_table(const explanation &of) {
 
   table routes({"RD", "PREFIX", "TARGETS", "IMPORTED BY", "SESSION", "PEER", "VIEW"});
   for (const explained_route &r : of.routes) {
-    routes.add({distinguisher_text(r.key.rd), prefix_text(htonl(r.key.prefix), r.key.length),
-                joined(target_texts(r.targets)), imported_text(r),
-                printable(r.origin.router +
-                          (r.origin.system.empty() ? "" : " (" + r.origin.system + ')')),
-                r.origin.peer, r.origin.view});
+    routes.add(
+        {distinguisher_text(r.key.rd), prefix_text(htonl(r.key.prefix), r.key.length),
+         joined(target_texts(r.targets)), imported_text(r),
+         printable(r.origin.router + (r.origin.system.empty() ? "" : " (" + r.origin.system + ')')),
+         r.origin.peer, r.origin.view});
   }
   text += of.routes.empty() ? "no route has this next hop\n" : routes.lines();
   if (of.more_routes > 0) text += "and " + number_of(of.more_routes, "more route") + '\n';

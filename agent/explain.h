@@ -23,8 +23,8 @@ class redistribution;
 
 struct explained_vrf {
   std::string vrf;
-  std::optional<uint64_t> count;      ///< as discovery has it; none: it doesn't refer to the PE
-  uint64_t routes = 0;                ///< in the RIB
+  std::optional<uint64_t> count;  ///< as discovery has it; none: it doesn't refer to the PE
+  uint64_t routes = 0;            ///< in the RIB
 };
 
 struct explained_route {
@@ -45,11 +45,11 @@ struct explanation {
   uint32_t interval = 0;  ///< of the refresh cycle, in seconds
 
   bool active = false;
-  uint32_t sweep_in = 0;             ///< seconds
-  bool known = false;                ///< to discovery
-  std::string prefix;                ///< that discovery found; empty: unreachable
-  std::vector<vrf_routes> counts;    ///< of discovery
-  std::vector<explained_vrf> vrfs;   ///< the first ones
+  uint32_t sweep_in = 0;                ///< seconds
+  bool known = false;                   ///< to discovery
+  std::string prefix;                   ///< that discovery found; empty: unreachable
+  std::vector<vrf_routes> counts;       ///< of discovery
+  std::vector<explained_vrf> vrfs;      ///< the first ones
   std::vector<explained_route> routes;  ///< the first ones; those that count before the others
   std::optional<uint32_t> reported;     ///< seconds since, for any VRF; none: forgotten, or never
   uint64_t more_vrfs = 0;

@@ -55,10 +55,10 @@ std::string metrics_server::listen(const std::string &address_port) {
   const std::string wrong = parse_endpoint(address_port, endpoint);
   if (!wrong.empty()) return "metrics on " + address_port + ": " + wrong;
   errno = 0;
-  daemon_ = MHD_start_daemon(
-      MHD_USE_INTERNAL_POLLING_THREAD, 0, nullptr, nullptr, serve, this, MHD_OPTION_SOCK_ADDR,
-      reinterpret_cast<sockaddr *>(&endpoint), MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
-      MHD_OPTION_CONNECTION_TIMEOUT, kTimeoutSeconds, MHD_OPTION_END);
+  daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD, 0, nullptr, nullptr, serve, this,
+                             MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr *>(&endpoint),
+                             MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
+                             MHD_OPTION_CONNECTION_TIMEOUT, kTimeoutSeconds, MHD_OPTION_END);
   if (daemon_ == nullptr) {
     return "metrics on " + address_port + ": " + (errno != 0 ? strerror(errno) : "no server");
   }

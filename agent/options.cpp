@@ -37,12 +37,10 @@ void describe_agent(CLI::App &app, options &into) {
   app.add_option("--idle", into.idle,
                  "Close a router that owes a message for so long (300; 0: never)")
       ->type_name("SECONDS");
-  CLI::Option *control =
-      app.add_option("--control", into.control, "Take commands on a UNIX socket")
-          ->type_name("PATH");
+  CLI::Option *control = app.add_option("--control", into.control, "Take commands on a UNIX socket")
+                             ->type_name("PATH");
   app.add_option_function<std::string>(
-         "--control-mode",
-         [&into](const std::string &text) { read_mode(text, into.control_mode); },
+         "--control-mode", [&into](const std::string &text) { read_mode(text, into.control_mode); },
          "Who may connect to it: its file mode (0600)")
       ->type_name("OCTAL")
       ->check([](const std::string &text) {
@@ -67,14 +65,13 @@ void describe_others(CLI::App &app, options &into) {
   CLI::Option *connect =
       app.add_option("--connect", into.connect, "Give commands to the agent with this socket")
           ->type_name("PATH");
-  CLI::Option *check =
-      app.add_option("--check-config", into.check_config,
-                     "Check a start-up file, tell all errors, run nothing")
-          ->type_name("FILE");
-  CLI::Option *line =
-      app.add_option("--command", into.commands, "Run a command, before standard input (repeatable)")
-          ->type_name("LINE")
-          ->allow_extra_args(false);
+  CLI::Option *check = app.add_option("--check-config", into.check_config,
+                                      "Check a start-up file, tell all errors, run nothing")
+                           ->type_name("FILE");
+  CLI::Option *line = app.add_option("--command", into.commands,
+                                     "Run a command, before standard input (repeatable)")
+                          ->type_name("LINE")
+                          ->allow_extra_args(false);
   app.callback([=] {
     for (const CLI::Option *option : agents) {
       refuse_both(connect, option);

@@ -1,7 +1,7 @@
-// The main thread reads and runs commands, its own and the control socket's. Beside it there are the
-// event manager's thread, the RIB's, the output's writer, and the module's own; the metrics' server
-// and the watchdog's when asked for. All but the module's end before the main thread does; the
-// module has no shutdown, so it is left without clients, and its event manager stays.
+// The main thread reads and runs commands, its own and the control socket's. Beside it there are
+// the event manager's thread, the RIB's, the output's writer, and the module's own; the metrics'
+// server and the watchdog's when asked for. All but the module's end before the main thread does;
+// the module has no shutdown, so it is left without clients, and its event manager stays.
 #include "agent/program.h"
 
 #include <fcntl.h>
@@ -119,7 +119,9 @@ class agent_program {
         watchers_(loop_, pace_, out_),
         commands_({routes_, loop_, global_, station_, watchers_, reports_}),
         control_([this](const std::string &line, show_as as) { return answer_to(line, as); }),
-        metrics_([this] { return metrics_page({routes_, loop_, station_, out_}); }) {
+        metrics_([this] {
+          return metrics_page({routes_, loop_, station_, out_});
+        }) {
     loop_.tell_progress_to(progress_);
   }
 
@@ -353,4 +355,3 @@ int run_agent(const options &given, const std::vector<start_line> &config) {
 }
 
 }  // namespace agent
-

@@ -153,7 +153,8 @@ std::optional<uint32_t> redistribution::seconds_since_report(uint32_t nexthop) c
 }
 
 size_t redistribution::memory() const {
-  return times_.memory() + buffer_.capacity() * sizeof(pending_report) + tables_.capacity() * sizeof(table);
+  return times_.memory() + buffer_.capacity() * sizeof(pending_report) +
+         tables_.capacity() * sizeof(table);
 }
 
 }  // namespace agent

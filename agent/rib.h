@@ -99,8 +99,7 @@ class rib {
   };
 
   /// Shows each VPN path with this next hop (network byte order), in no order: one pass.
-  void visit_nexthop(uint32_t nexthop,
-                     const std::function<void(const path_info &)> &visit) const;
+  void visit_nexthop(uint32_t nexthop, const std::function<void(const path_info &)> &visit) const;
 
   size_t paths() const { return paths_; }
   size_t memory() const;  ///< bytes held

@@ -250,12 +250,14 @@ TEST(Agent, TakesCommandsOnItsControlSocket) {
       {"--command 'show prefix 10.255.2.2'", "",
        "FIELD          VALUE\nTargetMask     24\nTargetAddress  10.255.2.0\n", 0},
       {"", "unwatch 2\n# nothing\nunwatch 2\nshow nexthop 10.255.2.2\nquit\nshow it",
-       "tarvo-agent: standard input:3: client 2 does not watch\nVRF     ROUTES\nCUST-A       2\n", 1},
+       "tarvo-agent: standard input:3: client 2 does not watch\nVRF     ROUTES\nCUST-A       2\n",
+       1},
       {"--json --command 'show it' --command 'show prefix 10.255.2.2'", "",
        "tarvo-agent: --command 'show it': column 6: expected 'vrfs', 'nexthops', 'nexthop', "
        "'prefix', 'state', 'sessions' or 'pools', not 'it'\n"
        "{\"schema\":1,\"show\":\"prefix\",\"nexthop\":\"10.255.2.2\",\"record\":"
-       "{\"TargetMask\":24,\"TargetAddress\":\"10.255.2.0\"}}\n", 1},
+       "{\"TargetMask\":24,\"TargetAddress\":\"10.255.2.0\"}}\n",
+       1},
       {"--command 'explain 10.255.2.2 CUST-B'", "",
        "10.255.2.2: reachable through the global route 10.255.2.0/24; last reported * s ago\n"
        "VRF     COUNT  ROUTES  THE NEXT SWEEP\n"
@@ -264,17 +266,20 @@ TEST(Agent, TakesCommandsOnItsControlSocket) {
            std::string(kExample.size() + 7, ' ') + "PEER     VIEW\n" +
            "65000:102  10.1.3.0/24  65000:1  CUST-A(65000:1)  " + kExample +
            ".bmp (GoBGP)  loc-rib  loc-rib\n"
-           "65000:102  10.1.4.0/24  65000:1  CUST-A(65000:1)  " + kExample +
-           ".bmp (GoBGP)  loc-rib  loc-rib\n", 0},
+           "65000:102  10.1.4.0/24  65000:1  CUST-A(65000:1)  " +
+           kExample + ".bmp (GoBGP)  loc-rib  loc-rib\n",
+       0},
   };
   for (const auto &row : rows) {
     child client(connect + row.arguments, row.input);
-    const std::string told = std::regex_replace(client.rest(), std::regex(R"(\d+ s ago)"), "* s ago");
+    const std::string told =
+        std::regex_replace(client.rest(), std::regex(R"(\d+ s ago)"), "* s ago");
     EXPECT_EQ(told, row.told) << row.arguments;
     EXPECT_EQ(client.end(), row.status) << row.arguments;
   }
   EXPECT_EQ(child(connect, "route del 10.255.1.1/32\nrib restart").end(), 0);
-  EXPECT_NE(after(agent, "client 1     REMOVE      10.255.1.1"), "") << "an event of the agent's own";
+  EXPECT_NE(after(agent, "client 1     REMOVE      10.255.1.1"), "")
+      << "an event of the agent's own";
   agent.terminate();
   agent.rest();
   EXPECT_EQ(agent.end(), 0);
@@ -282,8 +287,9 @@ TEST(Agent, TakesCommandsOnItsControlSocket) {
 }
 
 std::string ask_http(const std::string &port, const std::string &request) {
-  const std::string shell = "exec 3<>/dev/tcp/127.0.0.1/" + port + "; printf '" + request +
-                            " HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' >&3; cat <&3";
+  const std::string shell =
+      "exec 3<>/dev/tcp/127.0.0.1/" + port + "; printf '" + request +
+      " HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' >&3; cat <&3";
   FILE *answer = popen(("exec bash -c \"" + shell + '"').c_str(), "r");
   std::string text;
   for (int c; (c = getc(answer)) != EOF;) text += static_cast<char>(c);

@@ -41,29 +41,29 @@ TEST(StartFile, TellsEveryErrorWithoutRunning) {
                       "unwatch 1\nwatch 1\nroute del 1.0.0.0/8\nvrf del A\nwatch 2 NOT-YET\n"
                       "vrf add A table 1 import 1:1\nquit\nvrf del B\nwatch 1\n"),
             std::vector<std::string>{});
-  EXPECT_EQ(errors_of("vrf add A table 1 import 1:1\n"
-                      "vrf add  A table 2 import 1:1\n"
-                      "vrf add B table 1 import 1:1\n"
-                      "vrf add B table 0 import 1:1\n"
-                      "vrf add B table 3758096384 import 1:1\n"
-                      "vrf del B\nexplain 1.2.3.4 B\nshow nexthops B # none\n"
-                      "route del 1.0.0.0/8\n\troute add 1.0.0.0/8\nroute add 1.0.0.0/8\n"
-                      "show state\nunwatch 1\nresend 1\nwatch 4294967295\n"
-                      "watch 1 A\nwatch 1\nresend 1 B\nshow nexthop 1.2.3.4\nshow it\n"
-                      "quit\nwatch x"),
-            (std::vector<std::string>{
-                "2:10: VRF 'A' exists already", "3:17: table 1 is in use by VRF 'A'",
-                "4:17: table 0 stands for all tables", "5:17: table 3758096384 is the default table",
-                "6:9: no VRF 'B'", "7:17: no VRF 'B'", "8:15: no VRF 'B'",
-                "9:11: route 1.0.0.0/8 was not added here",
-                "11:11: route 1.0.0.0/8 was added already",
-                "12:1: discovery is inactive: no client watches", "13:9: client 1 does not watch",
-                "14:8: client 1 does not watch", "15:7: client ID 4294967295 is the agent's own",
-                "17:7: client 1 watches already", "18:10: client 1 watches 'A', not 'B'",
-                "19:14: no next hop is known before routers are listened to",
-                "20:6: expected 'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions' or "
-                "'pools', not 'it'",
-                "22:7: expected a number from 0 to 4294967295, not 'x'"}));
+  EXPECT_EQ(
+      errors_of("vrf add A table 1 import 1:1\n"
+                "vrf add  A table 2 import 1:1\n"
+                "vrf add B table 1 import 1:1\n"
+                "vrf add B table 0 import 1:1\n"
+                "vrf add B table 3758096384 import 1:1\n"
+                "vrf del B\nexplain 1.2.3.4 B\nshow nexthops B # none\n"
+                "route del 1.0.0.0/8\n\troute add 1.0.0.0/8\nroute add 1.0.0.0/8\n"
+                "show state\nunwatch 1\nresend 1\nwatch 4294967295\n"
+                "watch 1 A\nwatch 1\nresend 1 B\nshow nexthop 1.2.3.4\nshow it\n"
+                "quit\nwatch x"),
+      (std::vector<std::string>{
+          "2:10: VRF 'A' exists already", "3:17: table 1 is in use by VRF 'A'",
+          "4:17: table 0 stands for all tables", "5:17: table 3758096384 is the default table",
+          "6:9: no VRF 'B'", "7:17: no VRF 'B'", "8:15: no VRF 'B'",
+          "9:11: route 1.0.0.0/8 was not added here", "11:11: route 1.0.0.0/8 was added already",
+          "12:1: discovery is inactive: no client watches", "13:9: client 1 does not watch",
+          "14:8: client 1 does not watch", "15:7: client ID 4294967295 is the agent's own",
+          "17:7: client 1 watches already", "18:10: client 1 watches 'A', not 'B'",
+          "19:14: no next hop is known before routers are listened to",
+          "20:6: expected 'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions' or "
+          "'pools', not 'it'",
+          "22:7: expected a number from 0 to 4294967295, not 'x'"}));
 }
 
 // ---- The control socket ----
@@ -93,7 +93,8 @@ struct control_world {
   std::vector<std::string> run;
   control served{[this](const std::string &line, show_as as) -> control::answer {
     run.push_back(line);
-    if (line.starts_with("big ")) return {std::string(std::stoul(line.substr(4)), 'x'), "", 0, false};
+    if (line.starts_with("big "))
+      return {std::string(std::stoul(line.substr(4)), 'x'), "", 0, false};
     if (line == "quit") return {"", "", 0, true};
     if (line == "wrong") return {"", "what", 3, false};
     if (line == "refused") return {"", "why", 0, false};
@@ -125,12 +126,14 @@ TEST(Control, AnswersEachClientInItsForm) {
   object.say("json\nc\nwrong\nrefused\n");
   w.turn();
   EXPECT_EQ(text.heard(), "text a\n\n");
-  EXPECT_EQ(object.heard(), "\n{} c\n\n{\"schema\":1,\"error\":\"what\",\"column\":3}\n\n"
-                            "{\"schema\":1,\"error\":\"why\",\"column\":null}\n\n");
+  EXPECT_EQ(object.heard(),
+            "\n{} c\n\n{\"schema\":1,\"error\":\"what\",\"column\":3}\n\n"
+            "{\"schema\":1,\"error\":\"why\",\"column\":null}\n\n");
   text.say("c\nwrong\nrefused\n" + std::string(70000, 'y') + "\nquit\nnever\n");
   w.turn();
-  EXPECT_EQ(text.heard(), "text bc\n\nerror: column 3: what\n\nerror: why\n\n"
-                          "error: more than 65536 characters\n\n\n");
+  EXPECT_EQ(text.heard(),
+            "text bc\n\nerror: column 3: what\n\nerror: why\n\n"
+            "error: more than 65536 characters\n\n\n");
   EXPECT_EQ(text.heard(), "END");
   object.say("last");
   shutdown(object.fd.number, SHUT_WR);
@@ -211,7 +214,8 @@ TEST(Progress, RewritesALineOrAddsOneNowAndThen) {
   for (const bool terminal : {true, false}) {
     progress::time_point now;
     std::vector<std::string> shown;
-    progress p(terminal, [&] { return now; }, [&](auto text) { shown.emplace_back(text); });
+    progress p(
+        terminal, [&] { return now; }, [&](auto text) { shown.emplace_back(text); });
     const auto work = [&](int parts, milliseconds each) {
       shown.clear();
       p.begin("x", "routes");
@@ -296,8 +300,8 @@ TEST(Explain, SaysWhatTheNextSweepDoes) {
     if (row.count == kUnknown) vrf.count.reset();
     e.vrfs = {vrf};
     const auto text = show_explanation(show_as::table, e);
-    EXPECT_NE(text.find(std::string("  ") + row.text + '\n'), std::string::npos)
-        << row.text << "\n" << text;
+    EXPECT_NE(text.find(std::string("  ") + row.text + '\n'), std::string::npos) << row.text << "\n"
+                                                                                 << text;
     const auto object = json::parse(show_explanation(show_as::object, e))["vrfs"][0];
     EXPECT_EQ(object["next_sweep"], row.word) << row.text;
   }
@@ -313,14 +317,26 @@ TEST(Explain, SaysWhyItIsReachableOrNot) {
       {false, false, "", {}, "discovery is inactive: no client watches; no global route covers it"},
       {true, false, "", {{0x0a000000, 8}}, "discovery doesn't know it; global route 10.0.0.0/8"},
       {true, true, "", {}, "not reachable: no global route covers it"},
-      {true, true, "", {{0x0a000000, 8}},
+      {true,
+       true,
+       "",
+       {{0x0a000000, 8}},
        "not reachable yet: there is the global route 10.0.0.0/8, which its next report brings up"},
-      {true, true, "10.0.0.0/8", {{0x0a000000, 8}},
+      {true,
+       true,
+       "10.0.0.0/8",
+       {{0x0a000000, 8}},
        "reachable through the global route 10.0.0.0/8"},
-      {true, true, "10.0.0.0/8", {{0x0a000000, 9}},
+      {true,
+       true,
+       "10.0.0.0/8",
+       {{0x0a000000, 9}},
        "reachable through the global route 10.0.0.0/8; now there is 10.0.0.0/9, which its next "
        "report brings up"},
-      {true, true, "10.0.0.0/8", {},
+      {true,
+       true,
+       "10.0.0.0/8",
+       {},
        "reachable through the global route 10.0.0.0/8; now there is none, which its next report "
        "brings up"},
   };
