@@ -1,8 +1,8 @@
 #include "tests/module/model.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
+
+#include "tests/module/world.h"
 
 constexpr int64_t kSecond = 1000000000;
 
@@ -37,6 +37,8 @@ void model::set_interval(uint32_t seconds) {
 void model::expire() {
   while (timer_ != 0 && deadline <= now) {
     const int expired = timer_;
+    const char *const name = expired == 7 ? "Refresh" : "Clear";
+    did.push_back(std::string("trace 13/1 DISC: ") + name + " interval expired");
     stop_running();
     queue.emplace_back().what = expired == 7 ? request::refresh : request::clear;
     start(expired == 7 ? 8 : 7);
@@ -52,7 +54,7 @@ std::string model::lookup(uint32_t host) const {
     const size_t slash = route.find('/');
     const int length = std::stoi(route.substr(slash + 1));
     const uint64_t size = uint64_t{1} << (32 - length);
-    const uint64_t first = ntohl(inet_addr(route.substr(0, slash).c_str()));
+    const uint64_t first = ::host(route.substr(0, slash).c_str());
     if (host < first || host >= first + size || length <= longest) continue;
     longest = length;
     best = route;
@@ -61,7 +63,15 @@ std::string model::lookup(uint32_t host) const {
 }
 
 void model::tell(uint32_t id, const char *event, uint32_t host, const std::string &route) {
-  did.push_back("tell " + text_of(id) + " " + event + " " + dotted_host(host) + " " + route);
+  const std::string what = dotted(host) + " " + route;
+  did.push_back("tell " + text_of(id) + " " + event + " " + what);
+  did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event + " (" + what +
+                ")");
+}
+
+void model::tell_end(uint32_t id, const char *event) {
+  did.push_back("tell " + text_of(id) + " " + event);
+  did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event);
 }
 
 void model::tell_group(const std::string &name, bool add, uint32_t host) {
@@ -115,6 +125,10 @@ void model::add_report(const request &r) {
   }
   hop.marked = false;
   const bool is_new = !hop.tables.contains(r.id);
+  if (is_new && starved) {
+    did.push_back("log 4 ERR_MEM During mallocing Nhop TableId Chunk");
+    return;
+  }
   ++hop.tables[r.id];
   if (is_new && !hop.route.empty()) tell_table(r.id, true, r.host);
 }
@@ -140,6 +154,7 @@ void model::mark() {
 void model::sweep() {
   const auto before = held.hops;
   for (const auto &[host, hop] : before) {
+    if (hop.tables.empty()) continue;  // an add for it may be on its way
     for (const auto &[table, count] : hop.tables)
       if (count == 0) drop_table(host, table);
     drop_if_bare(host);
@@ -230,7 +245,7 @@ void model::add_client(const request &r) {
     start(7);
     held.active = true;
   }
-  did.push_back("tell " + text_of(r.id) + " END");
+  tell_end(r.id, "END");
 }
 
 void model::remove_client(uint32_t id) {
@@ -275,7 +290,7 @@ void model::step() {
       const auto group = held.clients.find(r.name);
       if (group == held.clients.end() || std::ranges::count(group->second, r.id) == 0) return;
       replay(r.id, r.name);
-      did.push_back("tell " + text_of(r.id) + " RESEND_END");
+      tell_end(r.id, "RESEND_END");
       return;
     }
     default:

@@ -38,6 +38,7 @@ class model {
   std::set<std::string> routes;
   std::map<uint32_t, std::vector<uint32_t>> rib;  // what the RIB reports when asked, by table
   std::set<uint32_t> refused;
+  bool starved = false;           // of memory for references
   int64_t now = 0, deadline = 0;  // nanoseconds
 
   /// Queues what the entry calls queue of it.
@@ -64,6 +65,7 @@ class model {
 
   std::string lookup(uint32_t host) const;
   void tell(uint32_t id, const char *event, uint32_t host, const std::string &route);
+  void tell_end(uint32_t id, const char *event);
   void tell_group(const std::string &name, bool add, uint32_t host);
   void tell_table(uint32_t table, bool add, uint32_t host);
   void tell_all(bool add, uint32_t host);

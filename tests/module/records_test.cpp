@@ -1,17 +1,57 @@
-// The record catalogue: against tables written by hand, as the platform's registry takes it, and
-// each record filled through its native structure, encoded, and read back with a CBOR library.
+// The catalogues of messages and records: against tables written by hand; the records also as the
+// platform's registry takes them, and each filled through its native structure, encoded, and read
+// back with a CBOR library.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <type_traits>
 
+#include "tarvo/messages.h"
 #include "tarvo/oper_records.h"
 #include "tests/module/world.h"
 
 using nlohmann::json;
-using texts = std::vector<std::string>;
+
+TEST(Messages, AreAsTabled) {
+  const struct {
+    const oxa_msg_rec_t &record;
+    const oxa_msg_limit_t *limit;
+    const char *expected;  // mnemonic, severity, flags, seconds between two, format
+  } kRows[] = {
+      {oxa_msg_rec_tarvo_agent, nullptr, "AGENT 7 0 0 %s:id(gid:%d,nid:%d,pid:%d):%s"},
+      {oxa_msg_rec_tarvo_disc_limit, &oxa_msg_limit_tarvo_disc_limit, "DISC_LIMIT 6 0 300 %s"},
+      {oxa_msg_rec_tarvo_err_mem, nullptr, "ERR_MEM 4 0 0 %s"},
+      {oxa_msg_rec_tarvo_err_mplslm, &oxa_msg_limit_tarvo_err_mplslm,
+       "ERR_MPLSLM 4 1 1 MPLSLM(%d) %s: %s"},
+      {oxa_msg_rec_tarvo_err_oper, &oxa_msg_limit_tarvo_err_oper, "ERR_OPER 4 1 1 OP:%d.%s.%s"},
+      {oxa_msg_rec_tarvo_err_quill, nullptr, "ERR_QUILL 7 0 0 %s:%s"},
+      {oxa_msg_rec_tarvo_internal, nullptr, "INTERNAL 5 0 0 %s:%d:%s"},
+      {oxa_msg_rec_tarvo_issu_info, &oxa_msg_limit_tarvo_issu_info, "ISSU_INFO 6 0 300 %s (%d)"},
+      {oxa_msg_rec_tarvo_lpd_result_chg, nullptr,
+       "LPD_RESULT_CHG 5 0 0 Op:%u Tree trace for target address %s %s (retcode: %s)"},
+      {oxa_msg_rec_tarvo_lsp_group_chg, nullptr,
+       "LSP_GROUP_CHG 5 0 0 Op:%u for target address %s from %s to %s"},
+      {oxa_msg_rec_tarvo_threshold_clear, nullptr,
+       "THRESHOLD_CLEAR 5 0 0 Monitor element has reset the threshold reaction. Op:%u, "
+       "TargetAddr:%s, MonElem:%s(%s)"},
+      {oxa_msg_rec_tarvo_threshold_set, nullptr,
+       "THRESHOLD_SET 5 0 0 Monitor element has exceeded the threshold condition. Op:%u, "
+       "TargetAddr:%s, MonElem:%s(%s)"}};
+  uint32_t id = 0x09460000;
+  for (const auto &[r, limit, expected] : kRows) {
+    std::ostringstream text;
+    text << r.mnemonic << ' ' << r.severity << ' ' << r.flags << ' '
+         << (r.limit == nullptr ? 0 : r.limit->limit) << ' ' << r.format;
+    EXPECT_EQ(text.str(), expected);
+    EXPECT_EQ(r.message_id, id++);
+    EXPECT_EQ(r.limit, limit);
+    EXPECT_EQ(r.facility + std::string(r.group), "TARVOKORV");
+    EXPECT_EQ(r.reserved0 + r.reserved1 + r.reserved2 + r.reserved3, 0u);
+  }
+}
 
 #define TYPE(number, name, size, body)
 #define RECORD(number, name, size, body) &name##_bag,
