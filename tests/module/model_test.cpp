@@ -11,7 +11,6 @@
 #include <random>
 
 #include "tarvo/discovery.h"
-#include "tests/module/in_child.h"
 #include "tests/module/model.h"
 #include "tests/module/world.h"
 

@@ -87,3 +87,11 @@ void tell(uint32_t client_id, uint32_t event, const void *data);
 /// The host byte order's address as text, and back.
 std::string dotted(uint32_t host);
 uint32_t host(const char *dotted);
+
+struct ended {
+  int status;  ///< as waitpid tells it; 0: it ran to its end, no expectation failed, no leak
+  std::string output;  ///< standard output and error
+};
+
+/// A part of a test in a process of its own: the module starts as it was loaded.
+ended in_child(const std::function<void()> &part);
