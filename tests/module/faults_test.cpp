@@ -66,7 +66,6 @@ class agent {
   bool answers_fail = false;
 
   agent() {
-    it_ = this;
     w.asked = [this](uint32_t table) {
       for (const uint32_t hop : rib[table]) tarvo_nd_enqueue_nhop_update(table, htonl(hop), 1);
     };
@@ -84,7 +83,7 @@ class agent {
   }
   void join(uint32_t id, const char *vrf) {
     clients_[id] = {vrf, false, {}};
-    tarvo_pe_discovery_register(id, vrf, hear);
+    tarvo_pe_discovery_register(id, vrf, tell);
     done();
   }
   void leave(uint32_t id) {
@@ -128,14 +127,16 @@ class agent {
   // Takes down what was done, and looks whether it hangs together.
   void done() {
     w.run();
-    for (std::string &line : w.take()) {
-      if (line.starts_with("log") || line.starts_with("lstrace")) {
+    for (const std::string &line : w.take()) {
+      const texts word = split(line, " ");
+      if (word[0] == "log" || word[0] == "lstrace") {
         messages.push_back(line);
-      } else if (line.starts_with("wrong")) {
+      } else if (word[0] == "wrong:") {
         ADD_FAILURE() << line;
-      } else if (!line.starts_with("block") && !line.starts_with("trace")) {
+      } else if (word[0] != "block" && word[0] != "trace") {
         record.push_back(line);
       }
+      if (word[0] == "tell") hear(word);
     }
     database held = held_by_module();
     for (const auto &[id, client] : clients_)
@@ -143,7 +144,7 @@ class agent {
     expect_nothing_else_is_kept(held, 0);
     for (auto &[id, client] : clients_) {
       if (!held.active) client.told.clear();
-      const auto expected = client.ended ? watched(held, client.vrf) : decltype(client.told)();
+      const auto expected = client.ended ? watched(held, client.vrf) : routes();
       EXPECT_EQ(client.told, expected) << "client " << id;
     }
   }
@@ -172,10 +173,10 @@ class agent {
     }
     tarvo_nd_set_rib_refresh_interval(300);
     pass(300);
-    record.clear();
+    record.push_back("settled");
     for (const auto &[id, client] : clients_)
       for (const auto &[hop, told] : client.told)
-        record.push_back(std::to_string(id) + " knows " + dotted(hop) + " " + told);
+        record.push_back(std::to_string(id) + " knows " + hop + " " + told);
   }
 
   void take_down() {
@@ -186,45 +187,39 @@ class agent {
   }
 
  private:
+  using routes = std::map<std::string, std::string>;  // by next hop
   struct registration {
     std::string vrf;
-    bool ended;                            // told END: it is registered
-    std::map<uint32_t, std::string> told;  // next hops added and not removed, with the prefix
+    bool ended;   // told END: it is registered
+    routes told;  // added and not removed
   };
-  static agent *it_;
   std::map<uint32_t, registration> clients_;
   std::map<uint32_t, std::string> tables_;
   std::set<uint32_t> leaving_, withdrawing_;  // not queued yet
 
-  static void hear(uint32_t id, uint32_t event, const void *data) {
-    tell(id, event, data);
-    registration &to = it_->clients_[id];
-    if (event >= TARVO_ND_EVENT_END) {
+  // "tell CLIENT EVENT", for a next hop "NEXT-HOP ROUTE" too.
+  void hear(const texts &word) {
+    registration &to = clients_[static_cast<uint32_t>(std::stoi(word[1]))];
+    if (word.size() == 3) {
       to.ended = true;
-      return;
-    }
-    const auto *info = static_cast<const tarvo_nd_nhop_info_t *>(data);
-    const std::string prefix = dotted(ntohl(info->prefix)) + "/" + std::to_string(info->prefix_len);
-    if (event == TARVO_ND_EVENT_ADD) {
-      to.told[ntohl(info->nhop_addr)] = prefix;
+    } else if (word[2] == "ADD") {
+      to.told[word[3]] = word[4];
     } else {
-      EXPECT_EQ(to.told[ntohl(info->nhop_addr)], prefix) << "withdrawn otherwise than announced";
-      to.told.erase(ntohl(info->nhop_addr));
+      EXPECT_EQ(to.told[word[3]], word[4]) << "withdrawn otherwise than announced";
+      to.told.erase(word[3]);
     }
   }
 
-  static std::map<uint32_t, std::string> watched(const database &held, const std::string &vrf) {
+  static routes watched(const database &held, const std::string &vrf) {
     const auto of = std::ranges::find_if(held.vrfs, [&](auto &v) { return v.second == vrf; });
-    std::map<uint32_t, std::string> all;
-    if (!held.active || (!vrf.empty() && of == held.vrfs.end())) return all;
+    routes all;
+    if (!vrf.empty() && of == held.vrfs.end()) return all;
     for (const auto &[address, hop] : held.hops)
       if (!hop.route.empty() && (vrf.empty() || hop.tables.contains(of->first)))
-        all[address] = hop.route;
+        all[dotted(address)] = hop.route;
     return all;
   }
 };
-
-agent *agent::it_;
 
 // From nothing to a second activation.
 void scenario(agent &a) {
@@ -277,18 +272,13 @@ struct fault {
   bool for_good;
 };
 
-struct outcome {
-  texts before, after;  // of the failing scenario; from the settled state on
-};
-
-outcome run(agent &a) {
-  outcome result;
+// The scenario under failures, from "settled" on without.
+texts run(agent &a) {
   scenario(a);
   w.fail.clear();
   w.counting = false;
-  result.before = std::exchange(a.record, {});
-  const auto messages = a.messages.size();
   a.answers_fail = false;
+  const auto messages = a.messages.size();
   a.settle();
   a.look();
   a.take_down();
@@ -297,9 +287,10 @@ outcome run(agent &a) {
   // What a failed unlock has left behind is met by whoever locks next.
   const bool unlock = !w.failed.empty() && w.failed[0].starts_with("pthread_mutex_unlock");
   EXPECT_LE(a.messages.size(), messages + (unlock ? 2 : 0)) << "still failing";
-  result.after = std::exchange(a.record, {});
-  return result;
+  return a.record;
 }
+
+texts settled(const texts &record) { return {std::ranges::find(record, "settled"), record.end()}; }
 
 void expect_answers(const texts &record, const texts &reference, const std::string &codes) {
   ASSERT_EQ(record.size(), reference.size());
@@ -328,7 +319,7 @@ void expect_messages(texts told) {
   EXPECT_EQ(told, expected);
 }
 
-void inject(const fault &f, const outcome &reference) {
+void inject(const fault &f, const texts &reference) {
   w.error = 22;
   w.for_good = f.for_good;
   w.fail = {{f.operation, f.nth}};
@@ -344,17 +335,17 @@ void inject(const fault &f, const outcome &reference) {
   }
   agent a;
   a.answers_fail = f.operation.starts_with("ods_") || f.operation.starts_with("bag_");
-  const outcome result = run(a);
+  const texts record = run(a);
   ASSERT_FALSE(w.failed.empty());
   expect_messages(a.messages);
   const row &r = *row_of(w.failed.back());
-  if (r.effect == "answer") expect_answers(result.before, reference.before, r.code);
-  EXPECT_TRUE(r.effect != "none" || result.before == reference.before);
+  if (r.effect == "answer") expect_answers(record, reference, r.code);
+  EXPECT_TRUE(r.effect != "none" || record == reference);
   EXPECT_TRUE(r.effect != "death" && r.effect != "no start") << r.call;
-  EXPECT_EQ(result.after, reference.after);
+  EXPECT_EQ(settled(record), settled(reference));
 }
 
-void expect_harmless(const fault &f, const outcome &reference) {
+void expect_harmless(const fault &f, const texts &reference) {
   const ended child = in_child([&] { inject(f, reference); });
   const auto dies = [&](const row &r) {
     return r.effect == "death" && child.output == r.told.at(0) + "\n" &&
@@ -372,25 +363,24 @@ void expect_harmless(const fault &f, const outcome &reference) {
 
 TEST(Faults, EachFailureIsToldAndSurvived) {
   // The reference comes out of a child too, line by line.
-  outcome reference;
+  texts reference;
   std::map<std::string, int> calls;
   std::set<std::string> made;
   const ended child = in_child([] {
     w.counting = true;
     EXPECT_EQ(w.start(), TARVO_ND_OK);
     agent a;
-    const outcome result = run(a);
+    const texts record = run(a);
     EXPECT_EQ(a.messages, texts{});
     for (const auto &[call, count] : w.calls) printf("%d %s\n", count, call.c_str());
-    for (const std::string &line : result.before) printf("< %s\n", line.c_str());
-    for (const std::string &line : result.after) printf("> %s\n", line.c_str());
+    for (const std::string &line : record) printf("> %s\n", line.c_str());
   });
   ASSERT_EQ(child.status, 0) << child.output;
   for (const std::string &line : split(child.output, "\n")) {
     if (line.empty()) continue;
     const std::string text = line.substr(line.find(' ') + 1);
-    if (line[0] == '<' || line[0] == '>') {
-      (line[0] == '<' ? reference.before : reference.after).push_back(text);
+    if (line[0] == '>') {
+      reference.push_back(text);
       continue;
     }
     EXPECT_NE(row_of(text), nullptr) << "what " << text << " leads to is not said";
