@@ -101,6 +101,8 @@ std::string ods_list(uint32_t item, uint32_t host, bool data) {
 
 // ---- Two sources of the same answers ----
 
+enum which { kFirst, kNext, kLookup };
+
 struct answer {
   std::string text = "-";
   uint32_t key = 0;  // next hop, or table
@@ -112,10 +114,12 @@ struct module_source {
     if (code == TARVO_ND_OK) return {std::move(text), key};
     return code == TARVO_ND_ERR_NOT_FOUND ? answer() : answer{hex(code), ~0u};
   }
-  template <typename Query>
-  static answer hop(Query query) {
+  static answer hop(which query, uint32_t table, uint32_t host = 0) {
     auto out = untouched<tarvo_nd_nhop_t>(), expected = out;
-    const uint32_t code = query(&out);
+    const uint32_t nhop = htonl(host);
+    const uint32_t code = query == kFirst  ? tarvo_nd_first_nhop_by_tableid(table, &out)
+                          : query == kNext ? tarvo_nd_next_nhop_by_tableid(table, nhop, &out)
+                                           : tarvo_nd_lookup_nhop_by_tableid(table, nhop, &out);
     if (code == TARVO_ND_OK) expected.info = out.info, expected.flags = out.flags;
     expect_same(out, expected);
     return of(code,
@@ -123,33 +127,18 @@ struct module_source {
                   std::to_string(out.info.prefix_len) + " " + std::to_string(out.flags),
               ntohl(out.info.nhop_addr));
   }
-  template <typename Query>
-  static answer ref(Query query) {
+  static answer ref(which query, uint32_t host, uint32_t table = 0) {
     auto out = untouched<tarvo_nd_nhop_table_t>(), expected = out;
-    auto name = untouched<tarvo_nd_vrf_name_copy_t>();
-    const uint32_t code = query(&out, &name);
+    auto name = untouched<tarvo_nd_vrf_name_copy_t>(), no_name = name;
+    const uint32_t code = query == kFirst ? tarvo_nd_first_tableid(htonl(host), &out, &name)
+                                          : tarvo_nd_next_tableid(htonl(host), table, &out, &name);
     if (code == TARVO_ND_OK) expected.table_id = out.table_id, expected.ref_count = out.ref_count;
-    if (code != TARVO_ND_OK) expect_same(name, untouched<tarvo_nd_vrf_name_copy_t>());
+    if (code != TARVO_ND_OK) expect_same(name, no_name);
     expect_same(out, expected);
     return of(code,
               std::to_string(out.table_id) + "x" + std::to_string(out.ref_count) +
                   (name.known ? "=" : "?") + std::string(name.name, strnlen(name.name, 245)),
               out.table_id);
-  }
-  answer first(uint32_t table) const {
-    return hop([=](auto *out) { return tarvo_nd_first_nhop_by_tableid(table, out); });
-  }
-  answer next(uint32_t table, uint32_t host) const {
-    return hop([=](auto *out) { return tarvo_nd_next_nhop_by_tableid(table, htonl(host), out); });
-  }
-  answer lookup(uint32_t table, uint32_t host) const {
-    return hop([=](auto *out) { return tarvo_nd_lookup_nhop_by_tableid(table, htonl(host), out); });
-  }
-  answer first_table(uint32_t host) const {
-    return ref([=](auto... out) { return tarvo_nd_first_tableid(htonl(host), out...); });
-  }
-  answer next_table(uint32_t host, uint32_t table) const {
-    return ref([=](auto... out) { return tarvo_nd_next_tableid(htonl(host), table, out...); });
   }
   std::string state() const { return ods_get(TARVO_DISC_ITEM_STATE); }
   std::string page(uint32_t after) const { return ods_list(TARVO_DISC_ITEM_NHOP, after); }
@@ -165,21 +154,21 @@ struct module_source {
 struct held_source {
   const database &held;
 
-  // The first next hop of the table, or the first table of the next hop, that is wanted.
-  template <typename Wanted>
-  answer hop(uint32_t table, Wanted wanted) const {
+  static bool wanted(which query, uint32_t key, uint32_t than) {
+    return query == kFirst || (query == kNext ? key > than : key == than);
+  }
+  answer hop(which query, uint32_t table, uint32_t than = 0) const {
     for (const auto &[host, hop] : held.hops) {
-      if (!wanted(host) || (table != 0 && !hop.tables.contains(table))) continue;
+      if (!wanted(query, host, than) || (table != 0 && !hop.tables.contains(table))) continue;
       return {dotted(host) + " " + (hop.route.empty() ? "0.0.0.0/0" : hop.route) + " " +
                   std::to_string((hop.route.empty() ? 0 : 1) + (hop.marked ? 2 : 0)),
               host};
     }
     return {};
   }
-  template <typename Wanted>
-  answer ref(uint32_t host, Wanted wanted) const {
+  answer ref(which query, uint32_t host, uint32_t than = 0) const {
     for (const auto &[table, count] : tables_of(host)) {
-      if (!wanted(table)) continue;
+      if (!wanted(query, table, than)) continue;
       const auto vrf = held.vrfs.find(table);
       return {std::to_string(table) + "x" + std::to_string(count) +
                   (vrf == held.vrfs.end() ? "?" : "=" + vrf->second),
@@ -187,24 +176,10 @@ struct held_source {
     }
     return {};
   }
-  std::map<uint32_t, uint32_t> tables_of(uint32_t host) const {
+  const std::map<uint32_t, uint32_t> &tables_of(uint32_t host) const {
+    static const next_hop kNone;
     const auto found = held.hops.find(host);
-    return found == held.hops.end() ? decltype(next_hop::tables)() : found->second.tables;
-  }
-  answer first(uint32_t table) const {
-    return hop(table, [](uint32_t) { return true; });
-  }
-  answer next(uint32_t table, uint32_t after) const {
-    return hop(table, [=](uint32_t host) { return host > after; });
-  }
-  answer lookup(uint32_t table, uint32_t wanted) const {
-    return hop(table, [=](uint32_t host) { return host == wanted; });
-  }
-  answer first_table(uint32_t host) const {
-    return ref(host, [](uint32_t) { return true; });
-  }
-  answer next_table(uint32_t host, uint32_t after) const {
-    return ref(host, [=](uint32_t table) { return table > after; });
+    return (found == held.hops.end() ? kNone : found->second).tables;
   }
   std::string state() const {
     if (!held.active || held.seconds_left < 0) return kNotFound;
@@ -246,7 +221,7 @@ struct held_source {
   }
   std::string vrf(uint32_t host, const std::string &wanted) const {
     const auto vrf = std::ranges::find_if(held.vrfs, [&](auto &v) { return v.second == wanted; });
-    const auto tables = tables_of(host);
+    const auto &tables = tables_of(host);
     if (vrf == held.vrfs.end() || vrf->first == 0 || !tables.contains(vrf->first)) return kNotFound;
     return count_of(tables.at(vrf->first));
   }
@@ -269,19 +244,19 @@ static std::string view(const Source &source, const probes &ask) {
     if (page.back() == '+')
       after = ntohl(static_cast<uint32_t>(strtoul(&page[page.rfind("0x")], nullptr, 16)));
   }
-  for (answer hop = source.first(0); hop; hop = source.next(0, hop.key)) {
+  for (answer hop = source.hop(kFirst, 0); hop; hop = source.hop(kNext, 0, hop.key)) {
     text += "\nhop " + hop.text + " tables";
-    for (answer ref = source.first_table(hop.key); ref; ref = source.next_table(hop.key, ref.key))
+    for (answer ref = source.ref(kFirst, hop.key); ref; ref = source.ref(kNext, hop.key, ref.key))
       text += " " + ref.text;
     text += of_one(source, hop.key);
   }
   for (const uint32_t table : ask.tables)
-    text += "\nfirst of " + std::to_string(table) + " " + source.first(table).text;
+    text += "\nfirst of " + std::to_string(table) + " " + source.hop(kFirst, table).text;
   for (const uint32_t host : ask.hosts) {
     text += "\nat " + dotted(host) + of_one(source, host) + " lookup, next, next table";
     for (const uint32_t table : ask.tables)
-      text += " | " + source.lookup(table, host).text + ", " + source.next(table, host).text +
-              ", " + source.next_table(host, table).text;
+      text += " | " + source.hop(kLookup, table, host).text + ", " +
+              source.hop(kNext, table, host).text + ", " + source.ref(kNext, host, table).text;
     for (const std::string &name : ask.names) text += " | " + source.vrf(host, name);
   }
   return text;

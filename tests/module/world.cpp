@@ -244,13 +244,14 @@ int event_init_sigevent(void *mgr, int code, long, long, sigevent *event) {
 
 struct mgd_timer_leaf {
   unsigned type;
-  bool running;
-  int64_t deadline;
+  int64_t deadline;  // kStopped: it does not run
 };
+constexpr int64_t kStopped = INT64_MAX;
 static std::deque<mgd_timer_leaf> &leaves = *new std::deque<mgd_timer_leaf>;
 
-static std::string name_of(const mgd_timer_leaf *leaf) {
-  return leaf->type == 7 ? "refresh" : leaf->type == 8 ? "clear" : "other";
+static void note_of(const char *what, const mgd_timer_leaf *leaf, const std::string &more = "") {
+  const char *name = leaf->type == 7 ? "refresh" : leaf->type == 8 ? "clear" : "other";
+  w.note(std::string(what) + name + more);
 }
 
 void *mgd_timer_tree_new(sigevent *event, int) {
@@ -261,43 +262,39 @@ void *mgd_timer_tree_new(sigevent *event, int) {
 void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
   errno = w.error;
   if (w.failing("timer_leaf", type == 7 ? "refresh" : "clear")) return nullptr;
-  leaves.push_back({type, false, 0});
-  return &leaves.back();
+  return &leaves.emplace_back(mgd_timer_leaf{type, kStopped});
 }
 
 void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
   std::lock_guard hold(w.guard);
-  leaf->running = true;
   leaf->deadline = w.now + delay->tv_sec * 1000000000 + delay->tv_nsec;
-  w.note("start " + name_of(leaf) + " " + std::to_string(delay->tv_sec));
+  note_of("start ", leaf, " " + std::to_string(delay->tv_sec));
 }
 
 void mgd_timer_leaf_stop(mgd_timer_leaf *leaf) {
   std::lock_guard hold(w.guard);
-  leaf->running = false;
-  w.note("stop " + name_of(leaf));
+  leaf->deadline = kStopped;
+  note_of("stop ", leaf);
 }
 
 int mgd_timer_leaf_running(mgd_timer_leaf *leaf) {
   std::lock_guard hold(w.guard);
-  return leaf->running;
+  return leaf->deadline != kStopped;
 }
 
 void mgd_timer_leaf_remaining(mgd_timer_leaf *leaf, timespec *left) {
-  std::lock_guard hold(w.guard);
-  const int64_t ns = leaf->running ? std::max<int64_t>(leaf->deadline - w.now, 0) : 0;
+  const int64_t ns = mgd_timer_leaf_running(leaf) ? std::max(leaf->deadline - w.now, 0L) : 0;
   *left = {ns / 1000000000, ns % 1000000000};
 }
 
 // At most one runs, but for a stray one.
 mgd_timer_leaf *mgd_timer_tree_first_expired(void *) {
   std::lock_guard hold(w.guard);
-  for (mgd_timer_leaf &leaf : leaves)
-    if (leaf.running && leaf.deadline <= w.now) return &leaf;
-  return nullptr;
+  const auto due = std::ranges::find_if(leaves, [](auto &l) { return l.deadline <= w.now; });
+  return due == leaves.end() ? nullptr : &*due;
 }
 
-void add_stray_timer() { leaves.push_back({9, true, w.now}); }
+void add_stray_timer() { leaves.push_back({9, w.now}); }
 
 unsigned mgd_timer_leaf_type(mgd_timer_leaf *leaf) { return leaf->type; }
 
@@ -327,10 +324,6 @@ static void begin_wait(const void *object) {
   require(object != nullptr && waits_for == nullptr, "a wait is announced for nothing or twice");
   waits_for = object;
 }
-static void end_wait() {
-  require(waits_for != nullptr, "the end of a wait that was not announced");
-  waits_for = nullptr;
-}
 
 // The failing operations tell "nd" from "workQ". Other mutexes are the test framework's.
 static const char *lock_name(const void *lock) {
@@ -344,12 +337,12 @@ void ptd_set_mutex_block(void *lock, const char *caller, int line) {
   const char *name = lock_name(&static_cast<guarded_mutex_t *>(lock)->mutex);
   w.note("block " + std::string(name == nullptr ? "?" : name) + " " + caller);
 }
-void ptd_unset_mutex_block() { end_wait(); }
+void ptd_unset_mutex_block() { waits_for = nullptr; }
 void ptd_set_syscall_block_internal(int kind, void *object, long, long) {
   begin_wait(object);
   require(kind == PTD_WAIT_CONDITION, "another kind of wait");
 }
-void ptd_set_syscall_unblock() { end_wait(); }
+void ptd_set_syscall_unblock() { waits_for = nullptr; }
 
 // ------------ real services: the linker leads through here, so that they can fail ------------
 
