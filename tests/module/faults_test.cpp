@@ -62,14 +62,7 @@ class agent {
  public:
   texts record;  ///< what the module did but for messages, and its views ("= ...")
   texts messages;
-  std::map<uint32_t, std::vector<uint32_t>> rib;
   bool answers_fail = false;
-
-  agent() {
-    w.asked = [this](uint32_t table) {
-      for (const uint32_t hop : rib[table]) tarvo_nd_enqueue_nhop_update(table, htonl(hop), 1);
-    };
-  }
 
   void announce(uint32_t table, const char *name) {
     tables_[table] = name;
@@ -104,7 +97,7 @@ class agent {
   }
   // The RIB tells of a change where it was asked to.
   void route(uint32_t table, uint32_t hop, bool add) {
-    auto &hops = rib[table];
+    auto &hops = w.rib[table];
     if (add) {
       hops.push_back(hop);
     } else {
@@ -226,7 +219,7 @@ void scenario(agent &a) {
   a.register_records();
   tarvo_nd_set_rib_refresh_interval(300);
   w.routes = {"10.0.0.0/8", "10.2.0.0/16"};
-  a.rib = {{7, {host("10.0.0.1"), host("10.0.0.2"), host("10.0.0.2")}},
+  w.rib = {{7, {host("10.0.0.1"), host("10.0.0.2"), host("10.0.0.2")}},
            {9, {host("10.0.0.2"), host("11.0.0.1")}},
            {11, {host("10.2.0.1")}}};
   a.announce(7, "A");
@@ -243,7 +236,7 @@ void scenario(agent &a) {
 
   // A refresh that finds routes changed, gone and come, and a report lost on the way.
   w.routes = {"10.0.0.0/24", "11.0.0.0/8"};
-  a.rib[9].erase(a.rib[9].begin());
+  w.rib[9].erase(w.rib[9].begin());
   a.pass(271);
   a.pass(29);
   a.look();

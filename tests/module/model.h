@@ -40,10 +40,7 @@ class model {
   std::deque<request> queue;
   std::vector<std::string> did;
 
-  // The surroundings.
-  std::set<std::string> routes;
-  std::map<uint32_t, std::vector<uint32_t>> rib;  // what the RIB reports when asked, by table
-  std::set<uint32_t> refused;
+  // The surroundings, with what the world's RIB says.
   bool starved = false;           // of memory for references
   int64_t now = 0, deadline = 0;  // nanoseconds
 
@@ -90,21 +87,6 @@ class model {
   }
 
   // ---- Routes and notifications ----
-
-  std::string lookup(uint32_t host) const {
-    std::string best;
-    int longest = -1;
-    for (const std::string &route : routes) {
-      const size_t slash = route.find('/');
-      const int length = std::stoi(route.substr(slash + 1));
-      const uint64_t size = uint64_t{1} << (32 - length);
-      const uint64_t first = ::host(route.substr(0, slash).c_str());
-      if (host < first || host >= first + size || length <= longest) continue;
-      longest = length;
-      best = route;
-    }
-    return best;
-  }
 
   void tell(uint32_t id, const char *event, uint32_t host, const std::string &route) {
     const std::string what = dotted(host) + " " + route;
@@ -158,7 +140,7 @@ class model {
     }
     next_hop &hop = held.hops[r.host];
     if (hop.marked || hop.route.empty()) {
-      const std::string route = lookup(r.host);
+      const std::string route = w.route_to(r.host);
       if (hop.marked && route.empty()) {
         tell_all(false, r.host);
         hop.route.clear();
@@ -208,12 +190,12 @@ class model {
   // ---- Tables ----
 
   void reported(uint32_t table) {
-    for (const uint32_t host : rib[table]) offer({request::report, table, host, true, ""});
+    for (const uint32_t host : w.rib[table]) offer({request::report, table, host, true, ""});
   }
 
   void switch_on(uint32_t table) {
     did.push_back("rib on " + text_of(table) + (held.active ? "" : " while inactive"));
-    if (refused.contains(table)) return;
+    if (w.refused.contains(table)) return;
     redistributed_.insert(table);
     reported(table);
   }
@@ -221,7 +203,7 @@ class model {
   void switch_off(uint32_t table) {
     if (!redistributed_.contains(table)) return;
     did.push_back("rib off " + text_of(table) + (held.active ? "" : " while inactive"));
-    if (!refused.contains(table)) redistributed_.erase(table);
+    if (!w.refused.contains(table)) redistributed_.erase(table);
   }
 
   void redistribute(bool reset, bool restart) {

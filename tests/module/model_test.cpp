@@ -83,10 +83,6 @@ class pair_of {
   pair_of(const profile &p, uint64_t seed, uint64_t requests)
       : p_(p), pick_(seed), seed_(seed), limit_(requests) {
     w.for_good = true;
-    w.asked = [this](uint32_t table) {
-      for (const uint32_t host : model_.rib[table])
-        tarvo_nd_enqueue_nhop_update(table, htonl(host), 1);
-    };
     EXPECT_EQ(w.start(), TARVO_ND_OK);
     w.take();
   }
@@ -120,21 +116,18 @@ class pair_of {
 
   void change_surroundings() {
     if (pick_.one_in(8)) {
-      toggle(model_.routes, pick_.of(p_.routes));
-      w.routes = model_.routes;
+      toggle(w.routes, pick_.of(p_.routes));
     }
     if (pick_.one_in(20)) {
-      model_.refused.clear();
-      for (unsigned n = pick_.below(3); n > 0; --n)
-        model_.refused.insert(pick_.of(p_.drawn.tables));
-      w.refused = model_.refused;
+      w.refused.clear();
+      for (unsigned n = pick_.below(3); n > 0; --n) w.refused.insert(pick_.of(p_.drawn.tables));
     }
     if (pick_.one_in(20)) {
       model_.starved = pick_.one_in(10);
       w.fail_next(model_.starved ? "chunk_malloc PE Discovery Table ID Chunk" : "");
     }
     if (pick_.one_in(20)) {
-      auto &routes = model_.rib[pick_.of(p_.drawn.tables)];
+      auto &routes = w.rib[pick_.of(p_.drawn.tables)];
       routes.clear();
       for (unsigned n = pick_.below(p_.often.rib_routes + 1); n > 0; --n)
         routes.push_back(pick_.of(p_.drawn.hosts));

@@ -167,33 +167,47 @@ ended in_child(const std::function<void()> &part) {
 
 // ------------------------------------ the agent's services ------------------------------------
 
-int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
-  int best = -1;
-  for (const std::string &route : w.routes) {
+std::string world::route_to(uint32_t host) const {
+  std::string best;
+  int longest = -1;
+  for (const std::string &route : routes) {
     const size_t slash = route.find('/');
     const int length = std::stoi(route.substr(slash + 1));
-    const uint32_t prefix = host(route.substr(0, slash).c_str());
-    const uint32_t mask = length == 0 ? 0 : ~0u << (32 - length);
-    if ((ntohl(info->nhop_addr) & mask) != prefix || length <= best) continue;
-    best = length;
-    info->prefix = htonl(prefix);
-    info->prefix_len = static_cast<uint8_t>(length);
+    const uint64_t first = ::host(route.substr(0, slash).c_str());
+    if (host < first || host >= first + (uint64_t{1} << (32 - length)) || length <= longest)
+      continue;
+    longest = length;
+    best = route;
   }
-  if (best < 0) *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
-  return best >= 0 ? 0 : -1;
+  return best;
+}
+
+int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
+  const std::string route = w.route_to(ntohl(info->nhop_addr));
+  *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
+  if (route.empty()) return -1;
+  const size_t slash = route.find('/');
+  info->prefix = htonl(host(route.substr(0, slash).c_str()));
+  info->prefix_len = static_cast<uint8_t>(std::stoi(route.substr(slash + 1)));
+  return 0;
+}
+
+static void report_routes(uint32_t table_id) {
+  for (const uint32_t host : w.rib[table_id])
+    tarvo_nd_enqueue_nhop_update(table_id, htonl(host), 5);
 }
 
 int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
   w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
          (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
-  if (w.refused.count(table_id) != 0) return -1;
-  if (on != 0 && w.asked) w.asked(table_id);
+  if (w.refused.contains(table_id)) return -1;
+  if (on != 0) report_routes(table_id);
   return 0;
 }
 
 int tarvo_rib_ipv4_redist_reset(uint32_t table_id) {
   w.note("rib reset " + std::to_string(table_id));
-  if (w.asked) w.asked(table_id);
+  report_routes(table_id);
   return -1;  // not looked at
 }
 

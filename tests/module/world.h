@@ -26,11 +26,11 @@ struct world {
   /// What it must not do is "wrong: ...", so that it spoils every expectation.
   texts did;
 
-  /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch.
+  /// The RIB: covering prefixes ("10.0.0.0/8"), tables it refuses to switch, and by table the next
+  /// hops that it reports at once when asked for its routes.
   std::set<std::string> routes;
   std::set<uint32_t> refused;
-  /// What the RIB does when asked for the routes of a table; it may queue reports.
-  std::function<void(uint32_t table_id)> asked;
+  std::map<uint32_t, std::vector<uint32_t>> rib;
 
   /// The n-th call of an operation fails (for thread calls: with `error`), and so do later ones
   /// when `for_good`. "chunk_malloc", or with the object: "chunk_malloc PE Discovery NHop Chunk".
@@ -55,6 +55,8 @@ struct world {
   bool step();
   void client(uint32_t id, const char *vrf = nullptr);
   void expire();  ///< delivers the timer event
+  /// The longest route that covers an address; empty when there is none.
+  std::string route_to(uint32_t host) const;
   /// What was done since the last call.
   texts take();
 
