@@ -256,6 +256,10 @@ class model {
         tell(id, "ADD", host, hop.route);
   }
 
+  /// A registered client, or none of them.
+  uint32_t some_client(uint32_t none) const {
+    return held.clients.empty() ? none : held.clients.rbegin()->second.front();
+  }
   size_t clients() const {
     size_t count = 0;
     for (const auto &[name, group] : held.clients) count += group.size();

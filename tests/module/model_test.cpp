@@ -96,8 +96,11 @@ class pair_of {
       if (pick_.one_in(60)) set_interval();
       if (pick_.one_in(p_.often.time_in)) pass(pick_.below(p_.often.most_seconds * 10));
     }
-    printf("%lu requests, %lu notifications, %lu refreshes, limit met %lu times, %.2f years\n",
-           handled_, told_, refreshes_, limit_met_, static_cast<double>(model_.now) / 1e9 / kYear);
+    printf(
+        "%lu requests, %lu notifications, %lu refreshes, %lu deactivations, limit met %lu times, "
+        "%.2f years\n",
+        handled_, told_, refreshes_, deactivations_, limit_met_,
+        static_cast<double>(model_.now) / 1e9 / kYear);
     if (testing::Test::HasFailure())
       printf("request %lu, of kind %d; replay: MODEL_SEED=%lu MODEL_REQUESTS=%lu\n", handled_,
              kind_, seed_, handled_);
@@ -109,7 +112,7 @@ class pair_of {
   const uint64_t seed_, limit_;
   uint64_t handled_ = 0;
   int kind_ = -1;  // of the last request
-  uint64_t told_ = 0, refreshes_ = 0, limit_met_ = 0;
+  uint64_t told_ = 0, refreshes_ = 0, limit_met_ = 0, deactivations_ = 0;
   model model_;
 
   bool going_on() const { return handled_ < limit_ && !testing::Test::HasFailure(); }
@@ -150,6 +153,7 @@ class pair_of {
       EXPECT_EQ(tarvo_pe_discovery_register(r.id, name, tell), TARVO_ND_OK);
     } else if (what < 5) {
       r.what = request::client_unreg;
+      if (pick_.one_in(2)) r.id = model_.some_client(r.id);
       EXPECT_EQ(tarvo_pe_discovery_unregister(r.id), TARVO_ND_OK);
     } else if (what < 7) {
       r.what = request::table;
@@ -189,10 +193,12 @@ class pair_of {
   void handle_all() {
     while (going_on() && !model_.queue.empty()) {
       kind_ = model_.queue.front().what;
+      const bool active = model_.held.active;
       model_.step();
       EXPECT_TRUE(w.step()) << "a request is lost";
       ++handled_;
       refreshes_ += kind_ == request::refresh && model_.held.active;
+      deactivations_ += active && !model_.held.active;
       agree();
     }
     if (going_on()) {
