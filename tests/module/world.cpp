@@ -198,6 +198,7 @@ static void report_routes(uint32_t table_id) {
 }
 
 int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
+  require(on == 0 || on == 1, "neither on nor off");
   w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
          (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
   if (w.refused.contains(table_id)) return -1;
@@ -382,7 +383,8 @@ static const char *pool_name(const void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
   return pool == tarvo_nd_nhop_chunk ? "PE Discovery NHop Chunk" : "PE Discovery Table ID Chunk";
 }
 
-static const char *tree_name(const void *tree) {
+static const char *tree_name(const void *tree, bool of_one_order) {
+  require(of_one_order, "the trees have one order");
   return tree == &tarvo_nd_nhop_tree ? "next hops" : "references";
 }
 
@@ -400,10 +402,10 @@ WRAPPED(void *, calloc_named, known(name, {size, n}), (size_t n, size_t size, co
         nullptr, keep(__real_calloc_named(n, size, name), name))
 WRAPPED(void *, avl_insert, root == &tarvo_nd_vrf_tree ? "VRFs" : "client groups",
         (void *root, void *node, tree_cmp cmp), nullptr, __real_avl_insert(root, node, cmp))
-WRAPPED(int, wavl_init, tree_name(tree),
+WRAPPED(int, wavl_init, tree_name(tree, n == 1 && zero == 0),
         (wavl_tree_t * tree, unsigned long n, unsigned long zero, tree_cmp cmp), 12,
         __real_wavl_init(tree, n, zero, cmp))
-WRAPPED(void *, wavl_insert_thread, tree_name(tree),
+WRAPPED(void *, wavl_insert_thread, tree_name(tree, n == 0),
         (wavl_tree_t * tree, unsigned long n, void *node), nullptr,
         __real_wavl_insert_thread(tree, n, node))
 WRAPPED(int, sigemptyset, "", (sigset_t * set), 1, __real_sigemptyset(set))
