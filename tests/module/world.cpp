@@ -249,8 +249,9 @@ int event_async_attach(void *mgr, unsigned kind, event_handler attached, void *c
   return 5;
 }
 
-int event_init_sigevent(void *mgr, int code, long, long, sigevent *event) {
+int event_init_sigevent(void *mgr, int code, long x, long y, sigevent *event) {
   errno = w.error;
+  require(x == 0 && y == 0, "another kind of event");
   static const sigevent kZeroed = {};
   require(memcmp(event, &kZeroed, sizeof kZeroed) == 0, "the event is not zeroed");
   event->sigev_value.sival_int = code;
@@ -269,13 +270,15 @@ static void note_of(const char *what, const mgd_timer_leaf *leaf, const std::str
   w.note(std::string(what) + name + more);
 }
 
-void *mgd_timer_tree_new(sigevent *event, int) {
+void *mgd_timer_tree_new(sigevent *event, int unused) {
   errno = w.error;
+  require(unused == 0, "another kind of timer tree");
   return w.failing("timer_tree") || event->sigev_value.sival_int != 5 ? nullptr : &leaves;
 }
 
-void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
+void *mgd_timer_leaf_new(void *tree, int unused, unsigned type, int flags) {
   errno = w.error;
+  require(tree == &leaves && unused == 0 && flags == 0, "another kind of timer");
   if (w.failing("timer_leaf", type == 7 ? "refresh" : "clear")) return nullptr;
   return &leaves.emplace_back(mgd_timer_leaf{type, kStopped});
 }
