@@ -249,9 +249,9 @@ int event_async_attach(void *mgr, unsigned kind, event_handler attached, void *c
   return 5;
 }
 
-int event_init_sigevent(void *mgr, int code, long x, long y, sigevent *event) {
+int event_init_sigevent(void *mgr, int code, long zero1, long zero2, sigevent *event) {
   errno = w.error;
-  require(x == 0 && y == 0, "another kind of event");
+  require(zero1 == 0 && zero2 == 0, "another kind of event");
   static const sigevent kZeroed = {};
   require(memcmp(event, &kZeroed, sizeof kZeroed) == 0, "the event is not zeroed");
   event->sigev_value.sival_int = code;
@@ -270,15 +270,15 @@ static void note_of(const char *what, const mgd_timer_leaf *leaf, const std::str
   w.note(std::string(what) + name + more);
 }
 
-void *mgd_timer_tree_new(sigevent *event, int unused) {
+void *mgd_timer_tree_new(sigevent *event, int zero) {
   errno = w.error;
-  require(unused == 0, "another kind of timer tree");
+  require(zero == 0, "another kind of timer tree");
   return w.failing("timer_tree") || event->sigev_value.sival_int != 5 ? nullptr : &leaves;
 }
 
-void *mgd_timer_leaf_new(void *tree, int unused, unsigned type, int flags) {
+void *mgd_timer_leaf_new(void *tree, int zero1, unsigned type, int zero2) {
   errno = w.error;
-  require(tree == &leaves && unused == 0 && flags == 0, "another kind of timer");
+  require(tree == &leaves && zero1 == 0 && zero2 == 0, "another kind of timer");
   if (w.failing("timer_leaf", type == 7 ? "refresh" : "clear")) return nullptr;
   return &leaves.emplace_back(mgd_timer_leaf{type, kStopped});
 }
