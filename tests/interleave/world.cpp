@@ -13,8 +13,7 @@
 #include "tarvo/discovery.h"
 #include "tests/interleave/interleave.h"
 
-// --------------------------- What is wrapped, with what must hold there
-// ---------------------------
+// ------------------------ What is wrapped, with what must hold there ------------------------
 
 #define CHECKED(result, name, parameters, arguments, check) \
   extern "C" result __real_##name parameters;               \

@@ -2,6 +2,7 @@
 // the tests record what was done. Addresses in host byte order.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "tests/module/database_view.h"
+#include "tests/module/world.h"
 
 struct request {
   enum kind {
@@ -28,60 +30,326 @@ struct request {
   std::string name;
 };
 
+constexpr int64_t kSecond = 1000000000;
+
+inline std::string text_of(uint32_t n) { return std::to_string(n); }
+
 class model {
  public:
   database held;
   std::deque<request> queue;
   std::vector<std::string> did;
 
-  // The surroundings.
-  std::set<std::string> routes;
-  std::map<uint32_t, std::vector<uint32_t>> rib;  // what the RIB reports when asked, by table
-  std::set<uint32_t> refused;
+  // The surroundings, with what the world's RIB says.
+  bool starved = false;           // of memory for references
   int64_t now = 0, deadline = 0;  // nanoseconds
 
-  /// Queues what the entry calls queue of it.
-  void offer(request r);
-  /// Handles the request at the head.
-  void step();
-  void set_interval(uint32_t seconds);
-  size_t clients() const;
+  // ---- Timers ----
+
+  uint32_t clear_phase() const { return interval_ > 28 ? 29 : interval_ / 2; }
   bool timer_runs() const { return timer_ != 0; }
-  /// The timer handler.
-  void expire();
+
   /// For `held`.
-  int64_t seconds_left() const;
+  int64_t seconds_left() const {
+    const int64_t left = (deadline - now) / kSecond + (timer_ == 7 ? clear_phase() : 0);
+    return static_cast<int32_t>(static_cast<uint32_t>(left));
+  }
+
+  void start(int which) {
+    timer_ = which;
+    const uint32_t seconds = which == 7 ? interval_ - clear_phase() : clear_phase();
+    deadline = now + seconds * kSecond;
+    did.push_back((which == 7 ? "start refresh " : "start clear ") + text_of(seconds));
+  }
+
+  void stop_running() {
+    if (timer_ != 0) did.push_back(timer_ == 7 ? "stop refresh" : "stop clear");
+    timer_ = 0;
+  }
+
+  void set_interval(uint32_t seconds) {
+    interval_ = std::max(seconds, 1u);
+    if (!held.active) return;
+    stop_running();
+    start(7);
+  }
+
+  /// The timer handler.
+  void expire() {
+    while (timer_ != 0 && deadline <= now) {
+      const int expired = timer_;
+      const char *const name = expired == 7 ? "Refresh" : "Clear";
+      did.push_back(std::string("trace 13/1 DISC: ") + name + " interval expired");
+      stop_running();
+      queue.emplace_back().what = expired == 7 ? request::refresh : request::clear;
+      start(expired == 7 ? 8 : 7);
+    }
+  }
+
+  // ---- Routes and notifications ----
+
+  void tell(uint32_t id, const char *event, uint32_t host, const std::string &route) {
+    const std::string what = dotted(host) + " " + route;
+    did.push_back("tell " + text_of(id) + " " + event + " " + what);
+    did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event + " (" + what +
+                  ")");
+  }
+
+  void tell_end(uint32_t id, const char *event) {
+    did.push_back("tell " + text_of(id) + " " + event);
+    did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event);
+  }
+
+  void tell_group(const std::string &name, bool add, uint32_t host) {
+    const auto group = held.clients.find(name);
+    if (group == held.clients.end()) return;
+    for (const uint32_t id : group->second)
+      tell(id, add ? "ADD" : "REMOVE", host, held.hops[host].route);
+  }
+
+  void tell_table(uint32_t table, bool add, uint32_t host) {
+    const auto vrf = held.vrfs.find(table);
+    if (vrf != held.vrfs.end() && !vrf->second.empty()) tell_group(vrf->second, add, host);
+  }
+
+  void tell_all(bool add, uint32_t host) {
+    tell_group("", add, host);
+    for (const auto &[table, count] : held.hops[host].tables) tell_table(table, add, host);
+  }
+
+  // ---- Reports ----
+
+  void drop_table(uint32_t host, uint32_t table) {
+    if (!held.hops[host].route.empty()) tell_table(table, false, host);
+    held.hops[host].tables.erase(table);
+  }
+
+  void drop_if_bare(uint32_t host) {
+    if (!held.hops[host].tables.empty()) return;
+    if (!held.hops[host].route.empty()) tell_group("", false, host);
+    held.hops.erase(host);
+    limit_logged_ = false;
+  }
+
+  void add_report(const request &r) {
+    if (!held.hops.contains(r.host) && held.hops.size() == 500) {
+      if (!limit_logged_)
+        did.push_back("log 6 DISC_LIMIT Discovered PE targets has exceeded the maximum number");
+      limit_logged_ = true;
+      return;
+    }
+    next_hop &hop = held.hops[r.host];
+    if (hop.marked || hop.route.empty()) {
+      const std::string route = w.route_to(r.host);
+      if (hop.marked && route.empty()) {
+        tell_all(false, r.host);
+        hop.route.clear();
+      } else if (route != hop.route) {
+        hop.route = route;
+        tell_all(true, r.host);
+      }
+    }
+    hop.marked = false;
+    const bool is_new = !hop.tables.contains(r.id);
+    if (is_new && starved) {
+      did.push_back("log 4 ERR_MEM During mallocing Nhop TableId Chunk");
+      return;
+    }
+    ++hop.tables[r.id];
+    if (is_new && !hop.route.empty()) tell_table(r.id, true, r.host);
+  }
+
+  void delete_report(const request &r) {
+    if (!held.hops.contains(r.host)) return;
+    auto &tables = held.hops[r.host].tables;
+    if (tables.contains(r.id) && tables[r.id] > 1) {
+      --tables[r.id];
+      return;
+    }
+    if (tables.contains(r.id)) drop_table(r.host, r.id);
+    drop_if_bare(r.host);
+  }
+
+  void mark() {
+    for (auto &[host, hop] : held.hops) {
+      hop.marked = !hop.route.empty();
+      for (auto &[table, count] : hop.tables) count = 0;
+    }
+  }
+
+  void sweep() {
+    const auto before = held.hops;
+    for (const auto &[host, hop] : before) {
+      if (hop.tables.empty()) continue;  // an add for it may be on its way
+      for (const auto &[table, count] : hop.tables)
+        if (count == 0) drop_table(host, table);
+      drop_if_bare(host);
+    }
+  }
+
+  // ---- Tables ----
+
+  void reported(uint32_t table) {
+    for (const uint32_t host : w.rib[table]) offer({request::report, table, host, true, ""});
+  }
+
+  void switch_on(uint32_t table) {
+    did.push_back("rib on " + text_of(table) + (held.active ? "" : " while inactive"));
+    if (w.refused.contains(table)) return;
+    redistributed_.insert(table);
+    reported(table);
+  }
+
+  void switch_off(uint32_t table) {
+    if (!redistributed_.contains(table)) return;
+    did.push_back("rib off " + text_of(table) + (held.active ? "" : " while inactive"));
+    if (!w.refused.contains(table)) redistributed_.erase(table);
+  }
+
+  void redistribute(bool reset, bool restart) {
+    if (restart) redistributed_.clear();
+    for (const auto &[table, name] : held.vrfs) {
+      if (!redistributed_.contains(table)) {
+        switch_on(table);
+      } else if (reset) {
+        did.push_back("rib reset " + text_of(table));
+        reported(table);
+      }
+    }
+  }
+
+  void add_table(const request &r) {
+    if (held.vrfs.contains(r.id)) return;
+    held.vrfs[r.id] = r.name;
+    if (held.active) switch_on(r.id);
+  }
+
+  void delete_table(uint32_t table) {
+    if (!held.vrfs.contains(table)) return;
+    if (held.active) {
+      switch_off(table);
+      const auto before = held.hops;
+      for (const auto &[host, hop] : before) {
+        if (!hop.tables.contains(table)) continue;
+        drop_table(host, table);
+        drop_if_bare(host);
+      }
+      std::erase_if(queue,
+                    [=](const request &q) { return q.what == request::report && q.id == table; });
+    }
+    held.vrfs.erase(table);
+    redistributed_.erase(table);
+  }
+
+  // ---- Clients ----
+
+  void replay(uint32_t id, const std::string &name) {
+    if (!held.active) return;
+    uint32_t wanted = 0;
+    if (!name.empty()) {
+      const auto vrf = std::ranges::find_if(held.vrfs, [&](auto &v) { return v.second == name; });
+      if (vrf == held.vrfs.end() || vrf->first == 0) return;
+      wanted = vrf->first;
+    }
+    for (const auto &[host, hop] : held.hops)
+      if (!hop.route.empty() && (wanted == 0 || hop.tables.contains(wanted)))
+        tell(id, "ADD", host, hop.route);
+  }
+
+  /// A registered client, or none of them.
+  uint32_t some_client(uint32_t none) const {
+    return held.clients.empty() ? none : held.clients.rbegin()->second.front();
+  }
+  size_t clients() const {
+    size_t count = 0;
+    for (const auto &[name, group] : held.clients) count += group.size();
+    return count;
+  }
+
+  void add_client(const request &r) {
+    held.clients[r.name].push_back(r.id);
+    if (held.active) {
+      replay(r.id, r.name);
+    } else {
+      redistribute(false, false);
+      start(7);
+      held.active = true;
+    }
+    tell_end(r.id, "END");
+  }
+
+  void remove_client(uint32_t id) {
+    for (auto &[name, group] : held.clients) {
+      const auto found = std::ranges::find(group, id);
+      if (found == group.end()) continue;
+      group.erase(found);
+      if (group.empty()) held.clients.erase(name);
+      break;
+    }
+    if (held.active && held.clients.empty()) deactivate();
+  }
+
+  void deactivate() {
+    held.active = false;
+    for (const auto &[table, name] : held.vrfs) switch_off(table);
+    did.insert(did.end(), {"stop refresh", "stop clear"});
+    timer_ = 0;
+    if (!held.hops.empty()) limit_logged_ = false;
+    held.hops.clear();
+  }
+
+  // ---- Requests ----
+
+  /// Queues what the entry calls queue of it.
+  void offer(request r) {
+    if (r.what == request::table && r.id == 0xe0000000) return;
+    r.name = r.name.substr(0, 244);
+    queue.push_back(std::move(r));
+  }
+
+  /// Handles the request at the head.
+  void step() {
+    const request r = std::move(queue.front());
+    queue.pop_front();
+    switch (r.what) {
+      case request::client_reg:
+        return add_client(r);
+      case request::client_unreg:
+        return remove_client(r.id);
+      case request::table:
+        return r.add ? add_table(r) : delete_table(r.id);
+      case request::resend: {
+        const auto group = held.clients.find(r.name);
+        if (group == held.clients.end() || std::ranges::count(group->second, r.id) == 0) return;
+        replay(r.id, r.name);
+        tell_end(r.id, "RESEND_END");
+        return;
+      }
+      default:
+        break;
+    }
+    if (!held.active) return;
+    switch (r.what) {
+      case request::report:
+        return r.add ? add_report(r) : delete_report(r);
+      case request::refresh:
+        mark();
+        return redistribute(true, false);
+      case request::clear:
+        return sweep();
+      case request::restart:
+        stop_running();
+        mark();
+        redistribute(false, true);
+        return start(8);
+      default:
+        return;
+    }
+  }
 
  private:
   uint32_t interval_ = 300;
   int timer_ = 0;  // 7 refresh, 8 clear, 0 none
   bool limit_logged_ = false;
   std::set<uint32_t> redistributed_;
-
-  uint32_t clear_phase() const { return interval_ > 28 ? 29 : interval_ / 2; }
-  void start(int which);
-  void stop_running();
-
-  std::string lookup(uint32_t host) const;
-  void tell(uint32_t id, const char *event, uint32_t host, const std::string &route);
-  void tell_group(const std::string &name, bool add, uint32_t host);
-  void tell_table(uint32_t table, bool add, uint32_t host);
-  void tell_all(bool add, uint32_t host);
-  void drop_table(uint32_t host, uint32_t table);
-  void drop_if_bare(uint32_t host);
-
-  void add_report(const request &r);
-  void delete_report(const request &r);
-  void mark();
-  void sweep();
-  void reported(uint32_t table);
-  void switch_on(uint32_t table);
-  void switch_off(uint32_t table);
-  void redistribute(bool reset, bool restart);
-  void add_table(const request &r);
-  void delete_table(uint32_t table);
-  void replay(uint32_t id, const std::string &name);
-  void add_client(const request &r);
-  void remove_client(uint32_t id);
-  void deactivate();
 };

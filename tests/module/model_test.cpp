@@ -11,7 +11,6 @@
 #include <random>
 
 #include "tarvo/discovery.h"
-#include "tests/module/in_child.h"
 #include "tests/module/model.h"
 #include "tests/module/world.h"
 
@@ -24,12 +23,14 @@ struct profile {
   probes drawn;
   std::vector<std::string> routes;
   std::vector<uint32_t> intervals;
-  unsigned reports;       ///< among 1000 requests
-  unsigned time_in;       ///< one draw in so many lets time pass,
-  unsigned most_seconds;  ///< up to this
-  unsigned rib_routes;    ///< routes that the RIB knows of a table, at most
-  unsigned clients;       ///< registrations that it tends to stay well below
-  uint64_t view_every;    ///< requests between two looks at the whole database
+  struct {
+    unsigned reports;       ///< among 1000 requests
+    unsigned time_in;       ///< one draw in so many lets time pass,
+    unsigned most_seconds;  ///< up to this
+    unsigned rib_routes;    ///< routes that the RIB knows of a table, at most
+    unsigned clients;       ///< registrations that it tends to stay well below
+    uint64_t view_every;    ///< requests between two looks at the whole database
+  } often;
 };
 
 std::vector<uint32_t> scattered(uint32_t count) {
@@ -47,30 +48,15 @@ const std::vector<std::string> kNames = {
 const profile kSmall = {{kFewHosts, {0, 1, 2, 3, 0xe0000000, 0xffffffff}, kNames},
                         {"0.0.0.0/0", "10.0.0.0/8", "10.0.0.0/24", "10.0.0.3/32", "128.0.0.0/1"},
                         {0, 1, 2, 5, 28, 29, 57, 300, 0xffffffff},
-                        500,
-                        3,
-                        40,
-                        3,
-                        4,
-                        1};
+                        {500, 3, 40, 3, 4, 1}};
 const profile kLarge = {{scattered(700), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, kNames},
                         {"10.0.0.0/9", "10.64.0.0/10", "10.128.0.0/9"},
                         {2, 60, 300},
-                        985,
-                        60,
-                        100,
-                        250,
-                        8,
-                        256};
+                        {985, 60, 100, 250, 8, 256}};
 const profile kCycles = {{kFewHosts, {0, 1, 2}, {"", "A", "B"}},
                          {"10.0.0.0/8", "0.0.0.0/0"},
                          {300},
-                         700,
-                         1,
-                         14400,
-                         6,
-                         8,
-                         256};
+                         {700, 1, 14400, 6, 8, 256}};
 
 class Random {
  public:
@@ -96,11 +82,7 @@ class pair_of {
  public:
   pair_of(const profile &p, uint64_t seed, uint64_t requests)
       : p_(p), pick_(seed), seed_(seed), limit_(requests) {
-    w.tracing = false;
-    w.asked = [this](uint32_t table) {
-      for (const uint32_t host : model_.rib[table])
-        tarvo_nd_enqueue_nhop_update(table, htonl(host), 1);
-    };
+    w.for_good = true;
     EXPECT_EQ(w.start(), TARVO_ND_OK);
     w.take();
   }
@@ -112,10 +94,13 @@ class pair_of {
       for (unsigned i = pick_.below(4); i > 0; --i) offer();
       handle_all();
       if (pick_.one_in(60)) set_interval();
-      if (pick_.one_in(p_.time_in)) pass(pick_.below(p_.most_seconds * 10));
+      if (pick_.one_in(p_.often.time_in)) pass(pick_.below(p_.often.most_seconds * 10));
     }
-    printf("%lu requests, %lu notifications, %lu refreshes, limit met %lu times, %.2f years\n",
-           handled_, told_, refreshes_, limit_met_, static_cast<double>(model_.now) / 1e9 / kYear);
+    printf(
+        "%lu requests, %lu notifications, %lu refreshes, %lu deactivations, limit met %lu times, "
+        "%.2f years\n",
+        handled_, told_, refreshes_, deactivations_, limit_met_,
+        static_cast<double>(model_.now) / 1e9 / kYear);
     if (testing::Test::HasFailure())
       printf("request %lu, of kind %d; replay: MODEL_SEED=%lu MODEL_REQUESTS=%lu\n", handled_,
              kind_, seed_, handled_);
@@ -127,26 +112,27 @@ class pair_of {
   const uint64_t seed_, limit_;
   uint64_t handled_ = 0;
   int kind_ = -1;  // of the last request
-  uint64_t told_ = 0, refreshes_ = 0, limit_met_ = 0;
+  uint64_t told_ = 0, refreshes_ = 0, limit_met_ = 0, deactivations_ = 0;
   model model_;
 
   bool going_on() const { return handled_ < limit_ && !testing::Test::HasFailure(); }
 
   void change_surroundings() {
     if (pick_.one_in(8)) {
-      toggle(model_.routes, pick_.of(p_.routes));
-      w.routes = model_.routes;
+      toggle(w.routes, pick_.of(p_.routes));
     }
     if (pick_.one_in(20)) {
-      model_.refused.clear();
-      for (unsigned n = pick_.below(3); n > 0; --n)
-        model_.refused.insert(pick_.of(p_.drawn.tables));
-      w.refused = model_.refused;
+      w.refused.clear();
+      for (unsigned n = pick_.below(3); n > 0; --n) w.refused.insert(pick_.of(p_.drawn.tables));
     }
     if (pick_.one_in(20)) {
-      auto &routes = model_.rib[pick_.of(p_.drawn.tables)];
+      model_.starved = pick_.one_in(10);
+      w.fail_next(model_.starved ? "chunk_malloc PE Discovery Table ID Chunk" : "");
+    }
+    if (pick_.one_in(20)) {
+      auto &routes = w.rib[pick_.of(p_.drawn.tables)];
       routes.clear();
-      for (unsigned n = pick_.below(p_.rib_routes + 1); n > 0; --n)
+      for (unsigned n = pick_.below(p_.often.rib_routes + 1); n > 0; --n)
         routes.push_back(pick_.of(p_.drawn.hosts));
     }
   }
@@ -158,15 +144,16 @@ class pair_of {
     r.name = pick_.of(p_.drawn.names);
     const char *name = r.name.empty() && pick_.one_in(2) ? nullptr : r.name.c_str();
     const unsigned what = pick_.below(10);
-    if (pick_.below(1000) < p_.reports) {
+    if (pick_.below(1000) < p_.often.reports) {
       r.what = request::report;
       r.host = pick_.of(p_.drawn.hosts);
       EXPECT_EQ(tarvo_nd_enqueue_nhop_update(r.id, htonl(r.host), r.add ? 5 : 0), 1);
-    } else if (what < 5 && pick_.below(p_.clients) >= model_.clients()) {
+    } else if (what < 5 && pick_.below(p_.often.clients) >= model_.clients()) {
       r.what = request::client_reg;
       EXPECT_EQ(tarvo_pe_discovery_register(r.id, name, tell), TARVO_ND_OK);
     } else if (what < 5) {
       r.what = request::client_unreg;
+      if (pick_.one_in(2)) r.id = model_.some_client(r.id);
       EXPECT_EQ(tarvo_pe_discovery_unregister(r.id), TARVO_ND_OK);
     } else if (what < 7) {
       r.what = request::table;
@@ -206,16 +193,17 @@ class pair_of {
   void handle_all() {
     while (going_on() && !model_.queue.empty()) {
       kind_ = model_.queue.front().what;
+      const bool active = model_.held.active;
       model_.step();
       EXPECT_TRUE(w.step()) << "a request is lost";
       ++handled_;
       refreshes_ += kind_ == request::refresh && model_.held.active;
+      deactivations_ += active && !model_.held.active;
       agree();
     }
     if (going_on()) {
       EXPECT_FALSE(w.step()) << "a request too many";
     }
-    w.waits.clear();
   }
 
   void agree() {
@@ -228,10 +216,10 @@ class pair_of {
     }
     w.did.clear();
     model_.did.clear();
-    if (handled_ % p_.view_every != 0) return;
+    if (handled_ % p_.often.view_every != 0) return;
     model_.held.seconds_left = model_.seconds_left();
     probes ask = p_.drawn;
-    if (p_.view_every > 1) ask.hosts = {pick_.of(ask.hosts), pick_.of(ask.hosts)};
+    if (p_.often.view_every > 1) ask.hosts = {pick_.of(ask.hosts), pick_.of(ask.hosts)};
     const std::string seen = view_of_module(ask), expected = view_of(model_.held, ask);
     if (seen != expected) {
       EXPECT_EQ(seen, expected);

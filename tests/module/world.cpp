@@ -1,10 +1,14 @@
 #include "tests/module/world.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <utility>
@@ -14,12 +18,14 @@
 #include "engine/shared_words.h"
 #include "engine/state.h"
 #include "engine/timers.h"
+#include "engine/work_request.h"
 #include "engine/worker.h"
 #include "platform/bag.h"
 #include "platform/event.h"
 #include "platform/message_log.h"
 #include "platform/ods.h"
 #include "platform/pool.h"
+#include "platform/queue.h"
 #include "platform/thread_diag.h"
 #include "platform/timer.h"
 #include "platform/tree.h"
@@ -34,14 +40,17 @@ static std::string format(const char *text, va_list arguments) {
   return buffer;
 }
 
-uint32_t addr(const char *text) {
-  in_addr a;
-  return inet_pton(AF_INET, text, &a) == 1 ? a.s_addr : 0;
-}
+uint32_t host(const char *text) { return ntohl(inet_addr(text)); }
 
-std::string dotted(uint32_t address) {
+std::string dotted(uint32_t host) {
+  const in_addr address = {htonl(host)};
   char buffer[INET_ADDRSTRLEN];
   return inet_ntop(AF_INET, &address, buffer, sizeof buffer);
+}
+
+static std::string route_text(const tarvo_nd_nhop_info_t *info) {
+  return dotted(ntohl(info->nhop_addr)) + " " + dotted(ntohl(info->prefix)) + "/" +
+         std::to_string(info->prefix_len);
 }
 
 void world::note(std::string text) {
@@ -50,12 +59,13 @@ void world::note(std::string text) {
 }
 
 bool world::failing(const char *operation, const char *object) {
-  if (fail.empty() && !counting) return false;
+  if (object == nullptr || (fail.empty() && !counting)) return false;
   const std::string call = operation + std::string(*object == '\0' ? "" : " ") + object;
   if (counting) ++calls[call];
-  const auto found = fail.find(operation);
+  auto found = fail.find(operation);
+  if (found == fail.end()) found = fail.find(call);
   if (found == fail.end()) return false;
-  const int nth = ++nth_[operation];
+  const int nth = ++nth_[found->first];
   if (for_good ? nth < found->second : nth != found->second) return false;
   failed.push_back(call);
   return true;
@@ -64,11 +74,11 @@ bool world::failing(const char *operation, const char *object) {
 void world::fail_next(const std::string &operation, int nth, int with) {
   nth_.clear();
   failed.clear();
-  fail = {{operation, nth}};
+  fail.clear();
+  if (!operation.empty()) fail[operation] = nth;
   error = with;
 }
 
-// What the module must not do is noted, so that it spoils every expectation.
 static void require(bool holds, const char *what) {
   if (!holds) w.note(std::string("wrong: ") + what);
 }
@@ -79,7 +89,7 @@ static bool locks_failed() {
                                w.failed.back().starts_with("pthread_mutex_unlock"));
 }
 
-std::vector<std::string> world::take() {
+texts world::take() {
   std::lock_guard hold(guard);
   return std::exchange(did, {});
 }
@@ -88,21 +98,25 @@ void tell(uint32_t client_id, uint32_t event, const void *data) {
   static const char *const kNames[] = {"?", "ADD", "REMOVE", "END", "RESEND_END"};
   std::string text = "tell " + std::to_string(client_id) + " " + kNames[event];
   if (data == nullptr) text += " null";
-  if (event <= TARVO_ND_EVENT_REMOVE) {
-    const auto *info = static_cast<const tarvo_nd_nhop_info_t *>(data);
-    text += " " + dotted(info->nhop_addr) + " " + dotted(info->prefix) + "/" +
-            std::to_string(info->prefix_len);
-  }
+  if (event <= TARVO_ND_EVENT_REMOVE)
+    text += " " + route_text(static_cast<const tarvo_nd_nhop_info_t *>(data));
   w.note(std::move(text));
 }
 
 uint32_t world::start() { return tarvo_nd_init(this); }
 
-static std::map<void *, std::string> &named_memory = *new std::map<void *, std::string>;
+// Memory that the module has to free, by what it is.
+static std::map<const void *, std::string> &kept = *new std::map<const void *, std::string>;
+
+static void *keep(void *memory, const char *what) {
+  std::lock_guard hold(w.guard);
+  if (memory != nullptr) kept[memory] = what;
+  return memory;
+}
 
 std::map<std::string, uint64_t> in_use() {
   std::map<std::string, uint64_t> found;
-  for (const auto &[memory, name] : named_memory) ++found[name];
+  for (const auto &[memory, what] : kept) ++found[what];
   chunk_walk_pools(
       [](const chunk_info_t *info, void *arg) {
         (*static_cast<std::map<std::string, uint64_t> *>(arg))[info->name] += info->in_use;
@@ -131,45 +145,70 @@ void world::client(uint32_t id, const char *vrf) {
   run();
 }
 
-void world::report(uint32_t table, const char *address, bool add) {
-  tarvo_nd_enqueue_nhop_update(table, addr(address), add);
-  run();
-}
-
-void world::table(uint32_t id, const char *name, bool add) {
-  tarvo_nd_enqueue_table_update(name, id, add);
-  run();
+ended in_child(const std::function<void()> &part) {
+  FILE *const output = tmpfile();
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    dup2(fileno(output), STDOUT_FILENO);
+    dup2(fileno(output), STDERR_FILENO);
+    part();
+    exit(testing::Test::HasFailure() ? 1 : 0);  // by exit, where the leak checker does its work
+  }
+  ended result = {-1, ""};
+  waitpid(child, &result.status, 0);
+  rewind(output);
+  char buffer[4096];
+  for (size_t n = 0; (n = fread(buffer, 1, sizeof buffer, output)) > 0;)
+    result.output.append(buffer, n);
+  fclose(output);
+  return result;
 }
 
 // ------------------------------------ the agent's services ------------------------------------
 
-int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
-  int best = -1;
-  for (const std::string &route : w.routes) {
+std::string world::route_to(uint32_t host) const {
+  std::string best;
+  int longest = -1;
+  for (const std::string &route : routes) {
     const size_t slash = route.find('/');
     const int length = std::stoi(route.substr(slash + 1));
-    const uint32_t prefix = addr(route.substr(0, slash).c_str());
-    const uint32_t mask = length == 0 ? 0 : htonl(~0u << (32 - length));
-    if ((info->nhop_addr & mask) != prefix || length <= best) continue;
-    best = length;
-    info->prefix = prefix;
-    info->prefix_len = static_cast<uint8_t>(length);
+    const uint64_t first = ::host(route.substr(0, slash).c_str());
+    if (host < first || host >= first + (uint64_t{1} << (32 - length)) || length <= longest)
+      continue;
+    longest = length;
+    best = route;
   }
-  if (best < 0) *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
-  return best >= 0 ? 0 : -1;
+  return best;
+}
+
+int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
+  const std::string route = w.route_to(ntohl(info->nhop_addr));
+  *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
+  if (route.empty()) return -1;
+  const size_t slash = route.find('/');
+  info->prefix = htonl(host(route.substr(0, slash).c_str()));
+  info->prefix_len = static_cast<uint8_t>(std::stoi(route.substr(slash + 1)));
+  return 0;
+}
+
+static void report_routes(uint32_t table_id) {
+  for (const uint32_t host : w.rib[table_id])
+    tarvo_nd_enqueue_nhop_update(table_id, htonl(host), 5);
 }
 
 int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
+  require(on == 0 || on == 1, "neither on nor off");
   w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
          (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
-  if (w.refused.count(table_id) != 0) return -1;
-  if (on != 0 && w.asked) w.asked(table_id);
+  if (w.refused.contains(table_id)) return -1;
+  if (on != 0) report_routes(table_id);
   return 0;
 }
 
 int tarvo_rib_ipv4_redist_reset(uint32_t table_id) {
   w.note("rib reset " + std::to_string(table_id));
-  if (w.asked) w.asked(table_id);
+  report_routes(table_id);
   return -1;  // not looked at
 }
 
@@ -182,31 +221,22 @@ void tarvo_sa_lstrace(uint64_t mask, uint64_t id, const char *text, uint32_t cod
 }
 
 void tarvo_sa_debug(uint32_t category, uint32_t level, const char *text, ...) {
-  if (!w.tracing) return;
   va_list arguments;
   va_start(arguments, text);
-  std::lock_guard hold(w.guard);
-  w.traces.push_back(std::to_string(category) + "/" + std::to_string(level) + " " +
-                     format(text, arguments));
+  w.note("trace " + std::to_string(category) + "/" + std::to_string(level) + " " +
+         format(text, arguments));
   va_end(arguments);
 }
 
-int tarvoDiscoverySetODSFns(const tarvo_nd_ods_fns_t *fns) {
-  w.note(fns == &tarvoMplsDiscoveryODSFns ? "register ods" : "?");
-  return -1;
-}
-int tarvo_ital_cb_fn_set(const tarvo_nd_ital_fns_t *fns) {
-  w.note(fns == &tarvoMplsDiscoveryItalFns ? "register ital" : "?");
-  return -1;
-}
-int tarvo_rib_cb_fn_set(const tarvo_nd_rib_fns_t *fns) {
-  w.note(fns == &tarvoMplsDiscoveryRibFns ? "register rib" : "?");
-  return -1;
-}
-int tarvo_cfg_cb_fn_set(const tarvo_nd_cfg_fns_t *fns) {
-  w.note(fns == &tarvoMplsDiscoveryCfgFns ? "register cfg" : "?");
-  return -1;
-}
+#define REGISTERED(name, call, fns_t, table)                 \
+  int call(const fns_t *fns) {                               \
+    w.note(fns == &table ? "register " name : "register ?"); \
+    return -1; /* not looked at */                           \
+  }
+REGISTERED("ods", tarvoDiscoverySetODSFns, tarvo_nd_ods_fns_t, tarvoMplsDiscoveryODSFns)
+REGISTERED("ital", tarvo_ital_cb_fn_set, tarvo_nd_ital_fns_t, tarvoMplsDiscoveryItalFns)
+REGISTERED("rib", tarvo_rib_cb_fn_set, tarvo_nd_rib_fns_t, tarvoMplsDiscoveryRibFns)
+REGISTERED("cfg", tarvo_cfg_cb_fn_set, tarvo_nd_cfg_fns_t, tarvoMplsDiscoveryCfgFns)
 
 // ---------------------------------- faked platform services ----------------------------------
 
@@ -219,8 +249,9 @@ int event_async_attach(void *mgr, unsigned kind, event_handler attached, void *c
   return 5;
 }
 
-int event_init_sigevent(void *mgr, int code, long, long, sigevent *event) {
+int event_init_sigevent(void *mgr, int code, long zero1, long zero2, sigevent *event) {
   errno = w.error;
+  require(zero1 == 0 && zero2 == 0, "another kind of event");
   static const sigevent kZeroed = {};
   require(memcmp(event, &kZeroed, sizeof kZeroed) == 0, "the event is not zeroed");
   event->sigev_value.sival_int = code;
@@ -229,86 +260,63 @@ int event_init_sigevent(void *mgr, int code, long, long, sigevent *event) {
 
 struct mgd_timer_leaf {
   unsigned type;
-  bool running;
-  int64_t deadline;
+  int64_t deadline;  // kStopped: it does not run
 };
+constexpr int64_t kStopped = INT64_MAX;
 static std::deque<mgd_timer_leaf> &leaves = *new std::deque<mgd_timer_leaf>;
-static std::recursive_mutex timers;
 
-static std::string name_of(const mgd_timer_leaf *leaf) {
-  return leaf->type == 7 ? "refresh" : leaf->type == 8 ? "clear" : "other";
+static void note_of(const char *what, const mgd_timer_leaf *leaf, const std::string &more = "") {
+  const char *name = leaf->type == 7 ? "refresh" : leaf->type == 8 ? "clear" : "other";
+  w.note(std::string(what) + name + more);
 }
 
-void *mgd_timer_tree_new(sigevent *event, int) {
+void *mgd_timer_tree_new(sigevent *event, int zero) {
   errno = w.error;
+  require(zero == 0, "another kind of timer tree");
   return w.failing("timer_tree") || event->sigev_value.sival_int != 5 ? nullptr : &leaves;
 }
 
-void *mgd_timer_leaf_new(void *, int, unsigned type, int) {
+void *mgd_timer_leaf_new(void *tree, int zero1, unsigned type, int zero2) {
   errno = w.error;
+  require(tree == &leaves && zero1 == 0 && zero2 == 0, "another kind of timer");
   if (w.failing("timer_leaf", type == 7 ? "refresh" : "clear")) return nullptr;
-  leaves.push_back({type, false, 0});
-  return &leaves.back();
+  return &leaves.emplace_back(mgd_timer_leaf{type, kStopped});
 }
 
 void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
-  std::lock_guard hold(timers);
-  require(tarvo_nd_mutex.mutex.__data.__owner != 0 || locks_failed(),
-          "a timer is started without the lock");
-  for (const mgd_timer_leaf &other : leaves)
-    require(!other.running || &other == leaf, "two timers run");
-  leaf->running = true;
+  std::lock_guard hold(w.guard);
   leaf->deadline = w.now + delay->tv_sec * 1000000000 + delay->tv_nsec;
-  w.note("start " + name_of(leaf) + " " + std::to_string(delay->tv_sec));
+  note_of("start ", leaf, " " + std::to_string(delay->tv_sec));
 }
 
 void mgd_timer_leaf_stop(mgd_timer_leaf *leaf) {
-  std::lock_guard hold(timers);
-  leaf->running = false;
-  w.note("stop " + name_of(leaf));
+  std::lock_guard hold(w.guard);
+  leaf->deadline = kStopped;
+  note_of("stop ", leaf);
 }
 
 int mgd_timer_leaf_running(mgd_timer_leaf *leaf) {
-  std::lock_guard hold(timers);
-  return leaf->running;
+  std::lock_guard hold(w.guard);
+  return leaf->deadline != kStopped;
 }
 
 void mgd_timer_leaf_remaining(mgd_timer_leaf *leaf, timespec *left) {
-  std::lock_guard hold(timers);
-  const int64_t ns = leaf->running ? std::max<int64_t>(leaf->deadline - w.now, 0) : 0;
+  const int64_t ns = mgd_timer_leaf_running(leaf) ? std::max(leaf->deadline - w.now, 0L) : 0;
   *left = {ns / 1000000000, ns % 1000000000};
 }
 
-static mgd_timer_leaf *next_due() {
-  std::lock_guard hold(timers);
-  mgd_timer_leaf *first = nullptr;
-  for (mgd_timer_leaf &leaf : leaves)
-    if (leaf.running && (first == nullptr || leaf.deadline < first->deadline)) first = &leaf;
-  return first;
-}
-
+// At most one runs, but for a stray one.
 mgd_timer_leaf *mgd_timer_tree_first_expired(void *) {
-  std::lock_guard hold(timers);
-  mgd_timer_leaf *due = next_due();
-  return due != nullptr && due->deadline <= w.now ? due : nullptr;
+  std::lock_guard hold(w.guard);
+  const auto due = std::ranges::find_if(leaves, [](auto &l) { return l.deadline <= w.now; });
+  return due == leaves.end() ? nullptr : &*due;
 }
 
-void add_stray_timer() { leaves.push_back({9, true, w.now}); }
+void add_stray_timer() { leaves.push_back({9, w.now}); }
 
 unsigned mgd_timer_leaf_type(mgd_timer_leaf *leaf) { return leaf->type; }
 
 void world::expire() { handler(nullptr); }
-
-void world::pass(double seconds) {
-  const int64_t end = now + static_cast<int64_t>(seconds * 1e9);
-  for (const mgd_timer_leaf *due = next_due(); due != nullptr && due->deadline <= end;
-       due = next_due()) {
-    now = std::max(now.load(), due->deadline);
-    expire();
-    run();
-  }
-  now = end;
-}
 
 void oxa_errmsg(const oxa_msg_rec_t *message, int severity, ...) {
   va_list arguments;
@@ -326,32 +334,39 @@ void remove_thread_name(void *unused) {
   require(unused == nullptr, "an argument for remove_thread_name");
   w.note("unname");
 }
+
+// One wait at a time, announced before and withdrawn after.
+static thread_local const void *waits_for;
+
+static void begin_wait(const void *object) {
+  require(object != nullptr && waits_for == nullptr, "a wait is announced for nothing or twice");
+  waits_for = object;
+}
+
+// The failing operations tell "nd" from "workQ". Other mutexes are the test framework's.
+static const char *lock_name(const void *lock) {
+  if (lock == &tarvo_nd_workq_mutex.mutex) return "workQ";
+  return lock == &tarvo_nd_mutex.mutex || lock == &tarvo_nd_mutex.revival_mutex ? "nd" : nullptr;
+}
+
 void ptd_set_mutex_block(void *lock, const char *caller, int line) {
+  begin_wait(lock);
   require(line > 1, "a lock site has no line");
-  const bool workq = lock == &tarvo_nd_workq_mutex;
-  w.note(std::string(lock == &tarvo_nd_mutex ? "block nd "
-                     : workq                 ? "block workQ "
-                                             : "? ") +
-         caller);
+  const char *name = lock_name(&static_cast<guarded_mutex_t *>(lock)->mutex);
+  w.note("block " + std::string(name == nullptr ? "?" : name) + " " + caller);
 }
-void ptd_unset_mutex_block() { w.note("unblock"); }
+void ptd_unset_mutex_block() { waits_for = nullptr; }
 void ptd_set_syscall_block_internal(int kind, void *object, long, long) {
-  require(object != nullptr, "a wait for nothing");
-  std::lock_guard hold(w.guard);
-  w.waits.push_back("wait " + std::to_string(kind));
+  begin_wait(object);
+  require(kind == PTD_WAIT_CONDITION, "another kind of wait");
 }
-void ptd_set_syscall_unblock() {
-  std::lock_guard hold(w.guard);
-  w.waits.push_back("waited");
-}
+void ptd_set_syscall_unblock() { waits_for = nullptr; }
 
 // ------------ real services: the linker leads through here, so that they can fail ------------
 
-#define WRAPPED(result, name, object, parameters, arguments, failed)    \
-  extern "C" result __real_##name parameters;                           \
-  extern "C" result __wrap_##name parameters {                          \
-    return w.failing(#name, object) ? failed : __real_##name arguments; \
-  }
+#define WRAPPED(result, name, object, parameters, failed, made) \
+  extern "C" result __real_##name parameters;                   \
+  extern "C" result __wrap_##name parameters { return w.failing(#name, object) ? failed : made; }
 
 // Named memory with the sizes it may be asked for.
 static const char *known(const char *name, std::initializer_list<unsigned long> numbers) {
@@ -361,7 +376,7 @@ static const char *known(const char *name, std::initializer_list<unsigned long> 
       "PE Discovery workQ Chunk 280 100 513",   "PE Discovery NHop Chunk 136 100 769",
       "PE Discovery Table ID Chunk 32 250 769", "TARVO DISC Client Entry 24 1",
       "TARVO DISC Client Info 296 1",           "TARVO DISC VRF Info 280 1"};
-  require(kRequests.count(request) != 0, request.c_str());
+  require(kRequests.contains(request), request.c_str());
   return name;
 }
 
@@ -371,47 +386,52 @@ static const char *pool_name(const void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
   return pool == tarvo_nd_nhop_chunk ? "PE Discovery NHop Chunk" : "PE Discovery Table ID Chunk";
 }
 
-static const char *tree_name(const void *tree) {
+static const char *tree_name(const void *tree, bool of_one_order) {
+  require(of_one_order, "the trees have one order");
   return tree == &tarvo_nd_nhop_tree ? "next hops" : "references";
 }
 
-static const char *root_name(const void *root) TARVO_NO_THREAD_SAFETY_ANALYSIS {
-  return root == &tarvo_nd_vrf_tree ? "VRFs" : "client groups";
-}
-
-extern "C" void *__real_chunk_create(const char *, unsigned long, unsigned long, unsigned long,
-                                     unsigned long, unsigned long);
-extern "C" void *__wrap_chunk_create(const char *name, unsigned long size, unsigned long count,
-                                     unsigned long flags, unsigned long x, unsigned long y) {
-  known(name, {size, count, flags + x + y});
-  if (w.failing("chunk_create", name)) return nullptr;
-  void *pool = __real_chunk_create(name, size, count, flags, x, y);
+static void *first_pool(void *pool) {
   if (w.workq_pool == nullptr) w.workq_pool = pool;
   return pool;
 }
-WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), (pool), nullptr)
-WRAPPED(void *, avl_insert, root_name(root), (void *root, void *node, tree_cmp c), (root, node, c),
-        nullptr)
-WRAPPED(void *, wavl_insert_thread, tree_name(t), (wavl_tree_t * t, unsigned long n, void *node),
-        (t, n, node), nullptr)
-WRAPPED(int, sigemptyset, "", (sigset_t * s), (s), 1)
-WRAPPED(int, sigaddset, n == SIGRTMIN + 6 ? "6" : "10", (sigset_t * s, int n), (s, n), 1)
-WRAPPED(int, pthread_sigmask, "", (int how, const sigset_t *s, sigset_t *o), (how, s, o), 1)
 
-extern "C" void *__real_calloc_named(size_t, size_t, const char *);
-extern "C" void *__wrap_calloc_named(size_t n, size_t size, const char *name) {
-  if (w.failing("calloc_named", name)) return nullptr;
-  void *memory = __real_calloc_named(n, size, known(name, {size, n}));
-  std::lock_guard hold(w.guard);
-  named_memory[memory] = name;
-  return memory;
-}
+WRAPPED(void *, chunk_create, known(name, {size, count, flags + x + y}),
+        (const char *name, unsigned long size, unsigned long count, unsigned long flags,
+         unsigned long x, unsigned long y),
+        nullptr, first_pool(__real_chunk_create(name, size, count, flags, x, y)))
+WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), nullptr, __real_chunk_malloc(pool))
+WRAPPED(void *, calloc_named, known(name, {size, n}), (size_t n, size_t size, const char *name),
+        nullptr, keep(__real_calloc_named(n, size, name), name))
+WRAPPED(void *, avl_insert, root == &tarvo_nd_vrf_tree ? "VRFs" : "client groups",
+        (void *root, void *node, tree_cmp cmp), nullptr, __real_avl_insert(root, node, cmp))
+WRAPPED(int, wavl_init, tree_name(tree, n == 1 && zero == 0),
+        (wavl_tree_t * tree, unsigned long n, unsigned long zero, tree_cmp cmp), 12,
+        __real_wavl_init(tree, n, zero, cmp))
+WRAPPED(void *, wavl_insert_thread, tree_name(tree, n == 0),
+        (wavl_tree_t * tree, unsigned long n, void *node), nullptr,
+        __real_wavl_insert_thread(tree, n, node))
+WRAPPED(int, sigemptyset, "", (sigset_t * set), 1, __real_sigemptyset(set))
+WRAPPED(int, sigaddset, n == SIGRTMIN + 6 ? "6" : "10", (sigset_t * set, int n), 1,
+        __real_sigaddset(set, n))
+WRAPPED(int, pthread_sigmask, "", (int how, const sigset_t *set, sigset_t *old), 1,
+        __real_pthread_sigmask(how, set, old))
+WRAPPED(int, rmx_wait_on_revival_condvar, "", (void *lock), w.error,
+        __real_rmx_wait_on_revival_condvar(lock))
+WRAPPED(int, pthread_mutex_lock, lock_name(m), (pthread_mutex_t * m), w.error,
+        __real_pthread_mutex_lock(m))
+WRAPPED(int, pthread_mutex_unlock, lock_name(m), (pthread_mutex_t * m), w.error,
+        __real_pthread_mutex_unlock(m))
+WRAPPED(int, pthread_mutex_trylock, lock_name(m), (pthread_mutex_t * m), w.error,
+        __real_pthread_mutex_trylock(m))
+WRAPPED(int, pthread_mutex_timedlock, lock_name(m), (pthread_mutex_t * m, const timespec *until),
+        w.error, __real_pthread_mutex_timedlock(m, until))
 
 extern "C" void __real_free(void *);
 extern "C" void __wrap_free(void *memory) {
   {
     std::lock_guard hold(w.guard);
-    named_memory.erase(memory);
+    kept.erase(memory);
   }
   __real_free(memory);
 }
@@ -425,114 +445,10 @@ extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
   return w.failing("pthread_cond_signal") ? w.error : __real_pthread_cond_signal(cond);
 }
 
-extern "C" int __real_rmx_wait_on_revival_condvar(void *lock);
-extern "C" int __wrap_rmx_wait_on_revival_condvar(void *lock) {
-  if (w.failing("rmx_wait_on_revival_condvar")) return w.error;
-  return w.pass_revival_wait ? 0 : __real_rmx_wait_on_revival_condvar(lock);
-}
-
-// The test framework's own mutexes come through here too; only the module's fail.
-static bool fails(const char *operation, const pthread_mutex_t *mutex) {
-  const bool ours = mutex == &tarvo_nd_mutex.mutex || mutex == &tarvo_nd_mutex.revival_mutex ||
-                    mutex == &tarvo_nd_workq_mutex.mutex;
-  return ours && w.failing(operation, mutex == &tarvo_nd_workq_mutex.mutex ? "workQ" : "nd");
-}
-
-// The next-hop tree lives from its initialisation to its finish; nobody looks at it in between.
-static std::atomic<bool> tree_lives;
-
-static void check_lives(wavl_tree_t *tree) {
-  require(tree != &tarvo_nd_nhop_tree || tree_lives, "a finished tree is touched");
-}
-
-extern "C" int __real_wavl_init(wavl_tree_t *, unsigned long, unsigned long, tree_cmp);
-extern "C" int __wrap_wavl_init(wavl_tree_t *tree, unsigned long threads, unsigned long zero,
-                                tree_cmp cmp) {
-  if (w.failing("wavl_init", tree_name(tree))) return 12;
-  require(tree != &tarvo_nd_nhop_tree || !tree_lives.exchange(true), "a live tree is initialised");
-  return __real_wavl_init(tree, threads, zero, cmp);
-}
-
-extern "C" void __real_wavl_finish(wavl_tree_t *);
-extern "C" void __wrap_wavl_finish(wavl_tree_t *tree) {
-  if (tree == &tarvo_nd_nhop_tree) tree_lives = false;
-  __real_wavl_finish(tree);
-}
-
-#define WRAPPED_TREE(name, parameters, arguments) \
-  extern "C" void *__real_##name parameters;      \
-  extern "C" void *__wrap_##name parameters {     \
-    check_lives(tree);                            \
-    return __real_##name arguments;               \
-  }
-WRAPPED_TREE(wavl_search, (wavl_tree_t * tree, const void *key, unsigned long n), (tree, key, n))
-WRAPPED_TREE(wavl_get_first, (wavl_tree_t * tree, unsigned long n), (tree, n))
-WRAPPED_TREE(wavl_get_next, (wavl_tree_t * tree, const void *key, unsigned long n), (tree, key, n))
-
-// The store and the encoder: never under the nd mutex, all that they do is noted.
-static void outside(const std::string &text) {
-  require(tarvo_nd_mutex.mutex.__data.__owner != gettid() || locks_failed(),
-          "the store is called under the lock");
-  w.note(text);
-}
-
-#define WRAPPED_OUTSIDE(name, parameters, arguments, text)                              \
-  extern "C" uint32_t __real_##name parameters;                                         \
-  extern "C" uint32_t __wrap_##name parameters {                                        \
-    outside(text);                                                                      \
-    return w.failing(#name) ? static_cast<uint32_t>(w.error) : __real_##name arguments; \
-  }
-#define WRAPPED_CREATE(name, text)                                               \
-  extern "C" uint32_t __real_##name(void **list, ods_path_t *path, void *more);  \
-  extern "C" uint32_t __wrap_##name(void **list, ods_path_t *path, void *more) { \
-    /* The tests hand the path on as the further arguments. */                   \
-    outside(*list == nullptr && path == more ? text : "?");                      \
-    if (!w.failing(#name)) return __real_##name(list, path, more);               \
-    *list = list; /* what a failed call leaves is not looked at */               \
-    return static_cast<uint32_t>(w.error);                                       \
-  }
-#define WRAPPED_VOID(name, parameters, arguments, text) \
-  extern "C" void __real_##name parameters;             \
-  extern "C" void __wrap_##name parameters {            \
-    outside(text);                                      \
-    __real_##name arguments;                            \
-  }
-
-WRAPPED_CREATE(ods_list_create, "list")
-WRAPPED_CREATE(ods_datalist_create, "datalist")
-WRAPPED_OUTSIDE(ods_list_add, (void *list, const char *key, uint32_t rank, uint32_t flags),
-                (list, key, rank, flags),
-                rank == 0xffffffff && flags == 0 ? std::string("add ") + key : "?")
-WRAPPED_OUTSIDE(ods_datalist_add,
-                (void *list, const char *key, uint32_t type, uint32_t flags, const void *buffer,
-                 uint32_t length),
-                (list, key, type, flags, buffer, length),
-                type == 7 && flags == 0 ? std::string("add ") + key : "?")
-WRAPPED_OUTSIDE(bag_encode, (void **buffer, uint32_t *length, const void *native, const void *d),
-                (buffer, length, native, d), *buffer == nullptr && *length == 0 ? "encode" : "?")
-WRAPPED_OUTSIDE(bag_register_start, (void *registry), (registry), registry == &w ? "open" : "?")
-WRAPPED_OUTSIDE(bag_register, (const void *d), (d),
-                std::string("register ") + static_cast<const bag_descriptor_t *>(d)->name)
-WRAPPED_OUTSIDE(bag_register_end, (), (), "close")
-WRAPPED_VOID(bag_register_abort, (), (), "abort")
-WRAPPED_VOID(ods_list_set_more_flag, (void *list), (list), "more")
-WRAPPED_VOID(ods_list_free, (void *list), (list), "free")
-WRAPPED_VOID(ods_datalist_free, (void *list), (list), "free data")
-
-#define WRAPPED_MUTEX(name, parameters, arguments)                  \
-  extern "C" int __real_##name parameters;                          \
-  extern "C" int __wrap_##name parameters {                         \
-    return fails(#name, mutex) ? w.error : __real_##name arguments; \
-  }
-WRAPPED_MUTEX(pthread_mutex_lock, (pthread_mutex_t * mutex), (mutex))
-WRAPPED_MUTEX(pthread_mutex_unlock, (pthread_mutex_t * mutex), (mutex))
-WRAPPED_MUTEX(pthread_mutex_trylock, (pthread_mutex_t * mutex), (mutex))
-WRAPPED_MUTEX(pthread_mutex_timedlock, (pthread_mutex_t * mutex, const timespec *until),
-              (mutex, until))
-
 extern "C" int __real_pthread_cond_wait(pthread_cond_t *, pthread_mutex_t *);
 extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex) {
   if (w.threaded) return __real_pthread_cond_wait(cond, mutex);
+  require(waits_for == cond, "a wait that was not announced");
   idle = true;
   return w.failing("pthread_cond_wait") ? w.error : 0;
 }
@@ -549,3 +465,88 @@ extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *at
   w.worker = *thread;
   return result;
 }
+
+// A request is zero but for its type and what the type uses, so a reader of any body is safe.
+static void check_unused(const tarvo_nd_work_req_t &request) {
+  static constexpr size_t kUsed[] = {264, 8, 8, 264, 4, 264, 264, 0, 0, 0, 264};
+  const auto *body = reinterpret_cast<const char *>(&request.nhop);
+  const size_t used = request.type < std::size(kUsed) ? kUsed[request.type] : 0;
+  const auto is_set = [](char byte) { return byte != 0; };
+  require(std::find_if(body + used, body + 264, is_set) == body + 264,
+          "a request holds what its type does not use");
+}
+
+extern "C" void *__real_queue_dequeue(queue_t *q);
+extern "C" void *__wrap_queue_dequeue(queue_t *q) {
+  void *element = __real_queue_dequeue(q);
+  if (element == nullptr) return nullptr;
+  check_unused(*static_cast<tarvo_nd_work_req_t *>(element));
+  ++w.handled;
+  return element;
+}
+
+// Of the module's queues, only the work queue is purged.
+extern "C" void __real_queue_remqueue(queue_t *q, void *element, void *previous);
+extern "C" void __wrap_queue_remqueue(queue_t *q, void *element, void *previous) {
+  ++w.purged;
+  __real_queue_remqueue(q, element, previous);
+}
+
+// ------------------------------ the store and the encoder ------------------------------
+
+// They are never called under the nd mutex. The tests hand a list's path on as its `more`.
+static const char *outside(bool as_it_should) {
+  require(tarvo_nd_mutex.mutex.__data.__owner != gettid() || locks_failed(),
+          "the store is called under the lock");
+  require(as_it_should, "the store is called with other arguments");
+  return "";
+}
+
+static uint32_t failure() { return static_cast<uint32_t>(w.error); }
+
+// What the call left behind is to be freed when it succeeded.
+static uint32_t kept_as(const char *what, void *const *place, uint32_t status) {
+  if (status == 0) keep(*place, what);
+  return status;
+}
+
+// What a failed call leaves is not looked at.
+static uint32_t spoilt(void **place) {
+  *place = place;
+  return failure();
+}
+
+WRAPPED(uint32_t, ods_list_create, outside(*list == nullptr && path == more),
+        (void **list, ods_path_t *path, void *more), spoilt(list),
+        kept_as("list", list, __real_ods_list_create(list, path, more)))
+WRAPPED(uint32_t, ods_datalist_create, outside(*list == nullptr && path == more),
+        (void **list, ods_path_t *path, void *more), spoilt(list),
+        kept_as("data list", list, __real_ods_datalist_create(list, path, more)))
+WRAPPED(uint32_t, ods_list_add, outside(rank == ODS_RANK_LAST && flags == 0),
+        (void *list, const char *key, uint32_t rank, uint32_t flags), failure(),
+        __real_ods_list_add(list, key, rank, flags))
+WRAPPED(uint32_t, ods_datalist_add, outside(type == 7 && flags == 0),
+        (void *list, const char *key, uint32_t type, uint32_t flags, const void *buffer,
+         uint32_t length),
+        failure(), __real_ods_datalist_add(list, key, type, flags, buffer, length))
+WRAPPED(uint32_t, bag_encode, outside(*buffer == nullptr && *length == 0),
+        (void **buffer, uint32_t *length, const void *native, const void *record), spoilt(buffer),
+        kept_as("record", buffer, __real_bag_encode(buffer, length, native, record)))
+
+#define WRAPPED_FREE(name, what)                                             \
+  extern "C" void __real_##name(void *list);                                 \
+  extern "C" void __wrap_##name(void *list) {                                \
+    {                                                                        \
+      std::lock_guard hold(w.guard);                                         \
+      require(list == nullptr || kept[list] == what, "another list's free"); \
+      kept.erase(list);                                                      \
+    }                                                                        \
+    __real_##name(list);                                                     \
+  }
+WRAPPED_FREE(ods_list_free, "list")
+WRAPPED_FREE(ods_datalist_free, "data list")
+
+WRAPPED(uint32_t, bag_register_start, outside(registry == &w), (void *registry), failure(),
+        __real_bag_register_start(registry))
+WRAPPED(uint32_t, bag_register, "", (const void *record), failure(), __real_bag_register(record))
+WRAPPED(uint32_t, bag_register_end, "", (), failure(), __real_bag_register_end())

@@ -1,5 +1,5 @@
 // The module's world in the tests: a fake agent, fake timers and a recording of everything that
-// the module does to its surroundings, around the platform's real queues, pools and trees.
+// the module does to its surroundings, around the platform's real queues, pools, trees and lists.
 //
 // The worker is single-stepped: run() handles every queued request on the calling thread and stops
 // when the worker would wait. With `threaded` set before start(), the real thread runs instead.
@@ -18,54 +18,49 @@
 
 #include "tarvo/discovery.h"
 
+using texts = std::vector<std::string>;
+
 struct world {
   /// Everything the module did, in order, as text: "tell 1 ADD 10.0.0.1 10.0.0.0/8",
-  /// "rib on 7", "start refresh 271", "log 4 ERR_MEM During mallocing ...".
-  std::vector<std::string> did;
-  std::vector<std::string> traces;  ///< debug traces
-  bool tracing = true;
-  std::vector<std::string> waits;  ///< announcements of the worker's wait, and its name
+  /// "rib on 7", "start refresh 271", "log 4 ERR_MEM During mallocing ...", "trace 13/1 DISC: ...".
+  /// What it must not do is "wrong: ...", so that it spoils every expectation.
+  texts did;
 
-  /// What the RIB answers: covering prefixes ("10.0.0.0/8"), and tables it refuses to switch.
+  /// The RIB: covering prefixes ("10.0.0.0/8"), tables it refuses to switch, and by table the next
+  /// hops that it reports at once when asked for its routes.
   std::set<std::string> routes;
   std::set<uint32_t> refused;
-  /// What the RIB does when asked for the routes of a table; it may queue reports.
-  std::function<void(uint32_t table_id)> asked;
+  std::map<uint32_t, std::vector<uint32_t>> rib;
 
   /// The n-th call of an operation fails (for thread calls: with `error`), and so do later ones
-  /// when `for_good`. Operations: "chunk_malloc", "pthread_cond_signal", "timer_leaf", ...
+  /// when `for_good`. "chunk_malloc", or with the object: "chunk_malloc PE Discovery NHop Chunk".
   std::map<std::string, int, std::less<>> fail;
   bool for_good = false;
   int error = 11;
-  std::vector<std::string>
-      failed;  ///< the calls that failed: "chunk_malloc PE Discovery NHop Chunk"
+  texts failed;  ///< the calls that failed, with their objects
   /// While `counting`, how often each call was made that can fail.
   std::map<std::string, int> calls;
   bool counting = false;
-  bool pass_revival_wait = false;  ///< a wait for a revival returns 0 at once
 
   std::atomic<int64_t> now = 0;  ///< fake time, nanoseconds
   bool threaded = false;
   pthread_t worker = {};
-  void *workq_pool = nullptr;  ///< the first pool of all
-  std::mutex guard;            ///< for `did` and `traces` when threads run
+  void *workq_pool = nullptr;                ///< the first pool of all
+  std::atomic<int> handled = 0, purged = 0;  ///< work requests that left the queue
+  std::recursive_mutex guard;                ///< for what is recorded, when threads run
 
   uint32_t start();  ///< tarvo_nd_init
   void run();
   /// One request. False when there was none, and the worker would wait.
   bool step();
-  /// Lets fake time pass, handling expiries when they are due, and runs the worker after each.
-  void pass(double seconds);
-  void advance(int64_t seconds) { now += seconds * 1000000000; }
-  void expire();  ///< delivers the timer event
-  /// What was done since the last call.
-  std::vector<std::string> take();
-
   void client(uint32_t id, const char *vrf = nullptr);
-  void report(uint32_t table, const char *address, bool add = true);
-  void table(uint32_t id, const char *name, bool add = true);
+  void expire();  ///< delivers the timer event
+  /// The longest route that covers an address; empty when there is none.
+  std::string route_to(uint32_t host) const;
+  /// What was done since the last call.
+  texts take();
 
-  /// Whether this call of an operation, on an object of that name, is to fail.
+  /// Whether this call of an operation, on an object of that name, is to fail. Null: not ours.
   bool failing(const char *operation, const char *object = "");
   /// Makes the n-th call from now fail; none for an empty name.
   void fail_next(const std::string &operation, int nth = 1, int with = 11);
@@ -78,7 +73,8 @@ struct world {
 /// Each test runs in a process of its own, and this is its world.
 extern world &w;
 
-/// Elements in use by pool, and pieces of named memory by name; a pool that is gone is missing.
+/// Elements in use by pool, and pieces of memory by name; a pool that is gone is missing. Memory:
+/// what is allocated by name, encoded records, lists of the store.
 std::map<std::string, uint64_t> in_use();
 
 /// Next hops in the database's own count.
@@ -90,5 +86,14 @@ void add_stray_timer();
 /// A callback that records "tell ID EVENT address prefix".
 void tell(uint32_t client_id, uint32_t event, const void *data);
 
-uint32_t addr(const char *dotted);
-std::string dotted(uint32_t address);
+/// The host byte order's address as text, and back.
+std::string dotted(uint32_t host);
+uint32_t host(const char *dotted);
+
+struct ended {
+  int status;  ///< as waitpid tells it; 0: it ran to its end, no expectation failed, no leak
+  std::string output;  ///< standard output and error
+};
+
+/// A part of a test in a process of its own: the module starts as it was loaded.
+ended in_child(const std::function<void()> &part);
