@@ -13,9 +13,12 @@ target_include_directories(tarvo_platform INTERFACE $<INSTALL_INTERFACE:${includ
 
 install(TARGETS tarvo_mpls_discovery tarvo_platform EXPORT targets)
 install(TARGETS tarvo-agent)
+install(FILES docs/tarvo-agent.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES docs/tarvo-platform-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES agent/tarvo-agent.service DESTINATION lib/systemd/system)
 install(DIRECTORY include/tarvo DESTINATION ${include_dir} FILES_MATCHING PATTERN *.h)
 install(DIRECTORY platform DESTINATION ${include_dir}
-  FILES_MATCHING PATTERN *.h PATTERN *_private.h EXCLUDE)
+  FILES_MATCHING PATTERN *.h PATTERN *_private.h EXCLUDE PATTERN check EXCLUDE)
 
 install(EXPORT targets NAMESPACE tarvo:: DESTINATION ${package_dir}
   FILE tarvo_mpls_discovery-targets.cmake)
