@@ -1,10 +1,13 @@
 #include "agent/clients.h"
 
 #include <atomic>
+#include <chrono>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "agent/fence.h"
+#include "agent/oper_data.h"
 #include "agent/output.h"
 #include "agent/rib_thread.h"
 #include "tarvo/discovery.h"
@@ -16,6 +19,15 @@ namespace {
 std::atomic<clients *> the_clients{nullptr};
 
 constexpr const char *kNoMemory = "no memory for the request";
+
+/// With its last client the module has nobody to answer any more, so it is asked.
+void await_inactive() {
+  constexpr std::chrono::milliseconds kLook{1}, kPatience{1000};
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  json state;
+  while (oper_state(state) == 0 && std::chrono::steady_clock::now() < limit)
+    std::this_thread::sleep_for(kLook);
+}
 
 }  // namespace
 
@@ -78,7 +90,9 @@ void clients::forget(uint32_t id) {
     watches_.erase(id);
     last = watches_.empty();
   }
-  if (last) pace_.close();
+  if (!last) return;
+  pace_.close();
+  if (!pace_.is_open()) await_inactive();
 }
 
 void clients::on_event(uint32_t client_id, uint32_t event, const void *data) {

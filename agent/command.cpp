@@ -6,6 +6,7 @@
 #include <charconv>
 #include <optional>
 
+#include "agent/text.h"
 #include "tarvo/records.h"
 
 namespace agent {
@@ -222,7 +223,7 @@ std::string expected_at(const std::vector<candidate> &candidates, size_t index) 
 
 command_error wrong_word(const std::vector<candidate> &candidates, size_t index, const word &w) {
   constexpr size_t kShown = 60;
-  std::string shown(w.text.substr(0, kShown));
+  std::string shown = printable(w.text.substr(0, kShown));
   if (w.text.size() > kShown) shown += "...";
   return {w.begin + 1, "expected " + expected_at(candidates, index) + ", not '" + shown + '\''};
 }

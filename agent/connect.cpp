@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "agent/command.h"
+#include "agent/control.h"
 #include "agent/descriptor.h"
 #include "agent/json.h"
 #include "agent/line_reader.h"
@@ -49,8 +50,11 @@ class connected {
       complain(path_ + ": " + strerror(errno));
       return false;
     }
-    answer empty;
-    return !json_ || ask("json", empty);
+    if (!json_) return true;
+    answer got;
+    if (!ask("json", got)) return false;
+    if (!got.error.empty()) complain(path_ + ": " + got.error);
+    return got.error.empty();
   }
 
   /// False: the connection is at its end, which was told.
@@ -97,25 +101,23 @@ class connected {
     if (of.lines.empty()) return true;
     constexpr std::string_view kError = "error: ";
     const std::string &first = of.lines.front();
-    if (json_) {
+    if (first.starts_with(kError)) {  // also before the agent knows of the other form
+      of.error = first.substr(kError.size());
+    } else if (json_) {
       const json object = json::parse(first, nullptr, false);
-      if (!object.is_object() || !object.contains("error")) return true;
+      if (!object.is_object()) return true;
       const json column = object.value("column", json());
       of.error = (column.is_number() ? "column " + column.dump() + ": " : "") +
-                 object["error"].get<std::string>();
-    } else if (first.starts_with(kError)) {
-      of.error = first.substr(kError.size());
-    } else {
-      return true;
+                 object.value("error", std::string());
     }
-    of.lines.clear();
+    if (!of.error.empty()) of.lines.clear();
     return true;
   }
 
   const std::string path_;
   const bool json_;
   const descriptor fd_;
-  line_reader in_{fd_.number};
+  line_reader in_{fd_.number, 2 * control::kMaxUnsent};  // the agent keeps no longer line for us
 };
 
 class session {
@@ -126,16 +128,19 @@ class session {
     if (!agent_.open()) return 1;
     if (given_.commands.empty() && prompt::possible()) return at_prompt();
     for (const std::string &line : given_.commands)
-      if (!run_line("--command '" + line + "'", line)) return 1;
-    if (given_.commands.empty() && !run_input()) return 1;
+      if (!run_line("--command '" + line + "'", line)) break;
+    if (given_.commands.empty()) run_input();
     return failed_ ? 1 : 0;
   }
 
  private:
-  /// False: no further line can be run.
+  /// False: no further line is run.
   bool run_line(const std::string &where, const std::string &line) {
     answer got;
-    if (!agent_.ask(line, got)) return false;
+    if (!agent_.ask(line, got)) {
+      failed_ = true;
+      return false;
+    }
     if (!got.error.empty()) complain(where + ": " + got.error);
     failed_ |= !got.error.empty();
     std::string text;
@@ -152,17 +157,15 @@ class session {
     return c != nullptr && c->what == verb::quit;
   }
 
-  /// False: it ended before its end.
-  bool run_input() {
-    line_reader input(STDIN_FILENO);
+  void run_input() {
+    // A line that is cut there is still too long for the agent, who says so.
+    line_reader input(STDIN_FILENO, line_reader::kMaxLine + 1);
     for (bool more = true; more;) {
       more = input.read_some();
       while (const auto line = input.next()) {
-        if (!run_line("standard input:" + std::to_string(input.number()), *line))
-          return is_quit(*line);
+        if (!run_line("standard input:" + std::to_string(input.number()), *line)) return;
       }
     }
-    return true;
   }
 
   int at_prompt() {

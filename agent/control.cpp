@@ -47,7 +47,7 @@ std::string remove_stale(const std::string &path, const sockaddr_un &address) {
   struct stat found {};
   if (lstat(path.c_str(), &found) != 0) return error_text(path);
   if (!S_ISSOCK(found.st_mode)) return path + ": exists and is no socket";
-  const descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const descriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   if (connect(probe.number, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
     return path + ": another process listens there";
   if (errno != ECONNREFUSED) return error_text(path);
@@ -135,7 +135,12 @@ void control::serve(std::span<const pollfd> polled) {
     }
   }
   std::erase_if(clients_, [](const auto &c) { return c->fd.number < 0; });
-  if (polled[0].revents != 0) accept_ready();
+  if (polled[0].revents == 0) return;
+  try {
+    accept_ready();
+  } catch (const std::bad_alloc &) {
+    diagnose("tarvo-agent: control: out of memory; a connection was closed");
+  }
 }
 
 void control::accept_ready() {

@@ -21,7 +21,7 @@ bool line_reader::read_some() {
 }
 
 std::optional<std::string> line_reader::next() {
-  size_t end = pending_.find('\n');
+  size_t end = pending_.find('\n', searched_);
   if (cutting_) {
     pending_.erase(0, end == std::string::npos ? end : end + 1);
     if (end == std::string::npos) return std::nullopt;
@@ -30,13 +30,15 @@ std::optional<std::string> line_reader::next() {
   }
   const bool whole = end != std::string::npos;
   const size_t length = whole ? end : pending_.size();
-  too_long_ = length > kMaxLine;
+  too_long_ = length > limit_;
+  searched_ = length;
   if (!whole && !too_long_ && (!at_end_ || pending_.empty())) return std::nullopt;
 
   ++number_;
-  std::string line = pending_.substr(0, std::min(length, kMaxLine));
+  std::string line = pending_.substr(0, std::min(length, limit_));
   cutting_ = !whole && !at_end_;
   pending_.erase(0, whole ? end + 1 : length);
+  searched_ = 0;
   return line;
 }
 

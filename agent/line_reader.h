@@ -1,6 +1,6 @@
 // Lines from a descriptor that is read when it is ready, so that nothing waits inside stdio.
 //
-// One thread uses it. A line longer than kMaxLine is given cut, and says so.
+// One thread uses it. A line longer than the limit is given cut, and says so.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ class line_reader {
  public:
   static constexpr size_t kMaxLine = 65536;
 
-  explicit line_reader(int fd) : fd_(fd) {}
+  explicit line_reader(int fd, size_t limit = kMaxLine) : fd_(fd), limit_(limit) {}
 
   /// Reads what is there, once. False at the end, also when reading fails.
   bool read_some();
@@ -25,8 +25,10 @@ class line_reader {
   bool too_long() const { return too_long_; }
 
  private:
-  int fd_;
+  const int fd_;
+  const size_t limit_;
   std::string pending_;
+  size_t searched_ = 0;  ///< so far without a line's end
   size_t number_ = 0;
   bool at_end_ = false;
   bool cutting_ = false;  ///< the rest of a line that was too long is still to come

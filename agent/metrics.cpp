@@ -19,16 +19,6 @@ namespace agent {
 
 namespace {
 
-/// A backslash, a quote or a line's end would end the label.
-std::string escaped(const std::string &label) {
-  std::string text;
-  for (const char c : label) {
-    if (c == '\\' || c == '"') text += '\\';
-    text += c == '\n' ? "\\n" : std::string(1, c);
-  }
-  return text;
-}
-
 /// The page while it is written. A metric's values follow its description.
 class page {
  public:
@@ -44,7 +34,8 @@ class page {
   }
   void value(uint64_t number) { text_ += name_ + ' ' + std::to_string(number) + '\n'; }
   void value(const char *label, const std::string &of, uint64_t number) {
-    text_ += name_ + '{' + label + "=\"" + escaped(of) + "\"} " + std::to_string(number) + '\n';
+    // A label is quoted as in JSON, and has to be UTF-8 too, which a VRF's name need not be.
+    text_ += name_ + '{' + label + '=' + one_line(of) + "} " + std::to_string(number) + '\n';
   }
   std::string take() { return std::move(text_); }
 
@@ -59,13 +50,14 @@ struct vrf_figures {
 };
 
 void add_discovery(page &to, const std::vector<vrf_config> &vrfs) {
-  json state;
-  const bool active = oper_state(state) == 0;
   std::vector<oper_nexthop> nexthops;
-  // What can't be asked for is not shown: a figure that is missing is seen, a wrong one isn't.
-  uint32_t code = active ? oper_nexthops(nexthops) : 0;
+  uint32_t code = oper_nexthops(nexthops);
   if (code == 0) code = oper_prefixes(nexthops);
+  // What can't be asked for is not shown: a figure that is missing is seen, a wrong one isn't.
   const bool readable = code == 0 || code == TARVO_ODS_ERR_NOT_FOUND;
+  // Asked last: where discovery ended in the middle, what was found is not all.
+  json state = json::object();
+  const bool active = oper_state(state) == 0;
 
   std::map<std::string, vrf_figures> figures;
   for (const vrf_config &vrf : vrfs) figures[vrf.name];

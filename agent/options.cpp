@@ -90,6 +90,10 @@ bool read_options(int argc, char **argv, options &into, int &status) {
   app.set_version_flag("--version", "tarvo-agent " TARVO_VERSION);
   describe_agent(app, into);
   describe_others(app, into);
+  // As when a script's variable is not set; without its file each would do something else.
+  for (const char *name : {"--config", "--check-config", "--replay", "--control", "--connect"})
+    app.get_option(name)->check(
+        [](const std::string &path) { return path.empty() ? "no name" : ""; });
   app.footer(
       "Commands come from --config, then --command, then standard input; `help` lists them.\n"
       "With --listen, --control or --metrics the agent runs until a signal or `quit`; else it\n"

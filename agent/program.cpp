@@ -276,6 +276,7 @@ class agent_program {
 
   /// With nobody to listen to, the agent ends with its commands.
   void await_end() {
+    if (ended()) return;
     if (options_.listen.empty() && !control_.is_open() && !metrics_.is_open()) return;
     complain("standard input is at its end; listening until SIGINT or SIGTERM");
     await_input(false);

@@ -172,6 +172,7 @@ const struct {
     {"--check-config " + kConfig, "", 0, "", "watch 1\nquit\nwatch 1"},
     {"--check-config " + kConfig + " --listen 0", "", 2, "excludes"},
     {"--check-config /", "", 1, "/: Is a directory"},
+    {"--check-config ''", "", 2, "--check-config: no name"},
     {"--connect /nonexistent", "", 1, "/nonexistent: No such file"},
     {"--connect " + std::string(200, 'x'), "", 1, "File name too long"},
     {"--control /nonexistent/x", "", 1, "/nonexistent/x: No such file"},
@@ -243,10 +244,21 @@ TEST(Agent, TakesCommandsOnItsControlSocket) {
   const std::string socket = kConfig + ".sock", connect = "--connect " + socket + ' ';
   child agent(kReplay + " --control " + socket);
   after(agent, "standard input is at its end");
+  std::string import, listed;
+  while (import.size() < 40000) import += " 1:1", listed += "\"1:1\",";
+  listed.pop_back();
   const struct {
     std::string arguments, input, told;
     int status;
   } rows[] = {
+      {"--json --command quit --command 'show it'", "", "", 0},
+      {"--json", "vrf add C table 9 import" + import + "\nshow vrfs\nvrf del C",
+       R"({"schema":1,"show":"vrfs","vrfs":[)"
+       R"({"vrf":"CUST-A","table":101,"import":["65000:1"],"routes":5,"nexthops":3},)"
+       R"({"vrf":"CUST-B","table":102,"import":["10.255.1.1:7","4200000002:9"],"routes":3,"nexthops":3},)"
+       R"({"vrf":"C","table":9,"import":[)" +
+           listed + "],\"routes\":0,\"nexthops\":0}]}\n",
+       0},
       {"--command 'show prefix 10.255.2.2'", "",
        "FIELD          VALUE\nTargetMask     24\nTargetAddress  10.255.2.0\n", 0},
       {"", "unwatch 2\n# nothing\nunwatch 2\nshow nexthop 10.255.2.2\nquit\nshow it",
@@ -302,6 +314,11 @@ TEST(Agent, ShowsItsMetricsAndNothingElse) {
   child agent(kReplay + " --metrics 0");
   const std::string port = after(agent, "metrics on 127.0.0.1:");
   after(agent, "standard input is at its end");
+  child idle("--metrics 0");
+  const std::string other = after(idle, "metrics on 127.0.0.1:");
+  const std::string inactive = ask_http(other, "GET /metrics");
+  EXPECT_NE(inactive.find("\ntarvo_discovery_active 0\n"), std::string::npos) << inactive;
+  EXPECT_EQ(inactive.find("tarvo_vrf_pes{"), std::string::npos);
   EXPECT_TRUE(ask_http(port, "POST /metrics").starts_with("HTTP/1.1 405 "));
   EXPECT_TRUE(ask_http(port, "GET /").starts_with("HTTP/1.1 404 "));
   const std::string head = ask_http(port, "HEAD /metrics"), page = ask_http(port, "GET /metrics");
