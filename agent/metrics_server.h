@@ -1,7 +1,7 @@
 // `/metrics` over HTTP: read only, GET and HEAD alone.
 //
-// libmicrohttpd serves from one thread of its own. Bounds: 16 connections, 10 seconds for a request
-// or of silence, 32 KiB of memory a connection beside the page.
+// libmicrohttpd serves from one thread of its own. Bounds: 16 connections, 10 seconds of
+// silence, 32 KiB of memory a connection beside the page.
 #pragma once
 
 #include <functional>
