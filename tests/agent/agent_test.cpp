@@ -1,5 +1,6 @@
 // The agent as its operator sees it: the built program, its lines, its exit status.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -311,7 +312,7 @@ std::string ask_http(const std::string &port, const std::string &request) {
 
 // The page has the metrics that docs/metrics.md describes, and no others.
 TEST(Agent, ShowsItsMetricsAndNothingElse) {
-  child agent(kReplay + " --metrics 0");
+  child agent(kReplay + " --metrics 0 --command 'route del 10.255.3.3/32' --command 'rib restart'");
   const std::string port = after(agent, "metrics on 127.0.0.1:");
   after(agent, "standard input is at its end");
   child idle("--metrics 0");
@@ -319,16 +320,31 @@ TEST(Agent, ShowsItsMetricsAndNothingElse) {
   const std::string inactive = ask_http(other, "GET /metrics");
   EXPECT_NE(inactive.find("\ntarvo_discovery_active 0\n"), std::string::npos) << inactive;
   EXPECT_EQ(inactive.find("tarvo_vrf_pes{"), std::string::npos);
-  EXPECT_TRUE(ask_http(port, "POST /metrics").starts_with("HTTP/1.1 405 "));
+  const sockaddr_in to{AF_INET, htons(uint16_t(std::stoi(other))), {htonl(INADDR_LOOPBACK)}, {}};
+  const timeval patience{5, 0};
+  int last = -1;
+  for (int i = 0; i < 17; ++i) {  // one too many; they end with the test
+    last = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    setsockopt(last, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    EXPECT_EQ(connect(last, reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
+  }
+  char byte;
+  EXPECT_TRUE(read(last, &byte, 1) == 0 || errno == ECONNRESET);
+  for (const char *refused : {"POST /metrics", "PUT /metrics"})
+    EXPECT_TRUE(ask_http(port, refused).starts_with("HTTP/1.1 405 "));
   EXPECT_TRUE(ask_http(port, "GET /").starts_with("HTTP/1.1 404 "));
   const std::string head = ask_http(port, "HEAD /metrics"), page = ask_http(port, "GET /metrics");
   EXPECT_TRUE(head.starts_with("HTTP/1.1 200 ") && head.ends_with("\r\n\r\n")) << head;
   for (const char *line :
        {"tarvo_discovery_active 1", "tarvo_vrf_pes{vrf=\"CUST-A\"} 3",
-        "tarvo_vrf_reachable_pes{vrf=\"CUST-B\"} 3", "tarvo_vrf_routes{vrf=\"CUST-A\"} 5",
-        "tarvo_bmp_messages_total 48", "tarvo_bmp_sessions_opened_total 1",
-        "tarvo_requests_queued 0", "tarvo_notifications_lost_total 0"})
+        "tarvo_vrf_reachable_pes{vrf=\"CUST-B\"} 2", "tarvo_vrf_routes{vrf=\"CUST-A\"} 5",
+        "tarvo_bmp_messages_total 48", "tarvo_bmp_sessions_opened_total 1", "tarvo_rib_paths 8",
+        "tarvo_notifications_total 13", "tarvo_requests_queued 0",
+        "tarvo_notifications_lost_total 0"})
     EXPECT_NE(page.find(std::string("\n") + line + '\n'), std::string::npos) << line << page;
+
+  EXPECT_EQ(page.find("tarvo_pool_bytes{pool=\"PE Discovery workQ Chunk\"} 0\n"),
+            std::string::npos);
 
   std::istringstream lines(page);
   std::string described, text;

@@ -280,10 +280,12 @@ TEST(BmpStation, KeepsConnectionsApart) {
   router steady(port);
   steady.send(kInitiation + kGood);
   {
-    router lost(port), broken(port), leaving(port);
+    router lost(port), broken(port), leaving(port), garbled(port);
     lost.send(kInitiation + kToB);
     EXPECT_TRUE(w.comes_to(" A1*1 B2*1"));
     broken.send(kToC + "no BMP");
+    garbled.send("no BMP");
+    EXPECT_TRUE(garbled.closed());
     leaving.send(kToC + kTermination);
     EXPECT_TRUE(broken.closed());
     EXPECT_TRUE(leaving.closed());
@@ -292,9 +294,18 @@ TEST(BmpStation, KeepsConnectionsApart) {
   EXPECT_TRUE(w.comes_to(" A1*1"));
 
   std::multiset<std::string> sessions;
-  for (const session_info &s : w.station.sessions())
+  session_totals sum;
+  for (const session_info &s : w.station.sessions()) {
     sessions.insert(s.up ? "up" : s.malformed.empty() ? "down" : s.malformed.begin()->first);
-  EXPECT_EQ(sessions, (std::multiset<std::string>{"bmp-version", "down", "down", "up"}));
+    sum.messages += s.messages, sum.routes_read += s.routes_read;
+    sum.peers += s.up ? s.peers : 0;
+  }
+  EXPECT_EQ(sessions,
+            (std::multiset<std::string>{"bmp-version", "bmp-version", "down", "down", "up"}));
+  const session_totals all = w.station.totals();
+  EXPECT_EQ(std::tuple(all.up, all.opened, all.peers, all.messages, all.routes_read),
+            std::tuple(1u, 5u, sum.peers, sum.messages, sum.routes_read));
+  EXPECT_EQ(all.malformed.at("bmp-version"), 2u);
 }
 
 TEST(BmpStation, RefusesWhatItHasNoRoomFor) {

@@ -10,6 +10,7 @@
 
 #include "agent/control.h"
 #include "agent/explain.h"
+#include "agent/ledger.h"
 #include "agent/progress.h"
 #include "agent/report_times.h"
 #include "agent/service_manager.h"
@@ -242,17 +243,27 @@ TEST(Progress, RewritesALineOrAddsOneNowAndThen) {
 TEST(Watchdog, IsFedOnlyWhileAlive) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
-  kPlace.copy(address.sun_path, sizeof address.sun_path - 1);
+  // A name outside the file system.
+  const size_t length = kPlace.copy(address.sun_path + 1, sizeof address.sun_path - 2);
   const descriptor manager(socket(AF_UNIX, SOCK_DGRAM, 0));
-  ASSERT_EQ(bind(manager.number, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-  setenv("NOTIFY_SOCKET", kPlace.c_str(), 1);
+  ASSERT_EQ(bind(manager.number, reinterpret_cast<sockaddr *>(&address),
+                 socklen_t(offsetof(sockaddr_un, sun_path) + 1 + length)),
+            0);
+  setenv("NOTIFY_SOCKET", ('@' + kPlace).c_str(), 1);
+  const timeval patience{5, 0};
+  setsockopt(manager.number, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   std::atomic<int> asked = 0;
-  watchdog fed(std::chrono::milliseconds(3), [&] { return ++asked >= 3; });
-  char text[20];
-  EXPECT_EQ(std::string(text, size_t(recv(manager.number, text, sizeof text, 0))), "WATCHDOG=1");
+  const auto begun = std::chrono::steady_clock::now();
+  constexpr std::chrono::milliseconds kLimit{300};
+  char text[20] = "";
+  {
+    watchdog fed(kLimit, [&] { return ++asked >= 3; });
+    recv(manager.number, text, sizeof text, 0);
+  }
+  EXPECT_EQ(std::string(text, 10), "WATCHDOG=1");
   EXPECT_GE(asked, 3);
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, 4 * kLimit) << "three times in the limit";
   unsetenv("NOTIFY_SOCKET");
-  unlink(kPlace.c_str());
 
   for (const auto &[limit, process, expected] :
        {std::tuple{"5", std::to_string(getpid()), 5}, {"5", std::string("1"), 0}}) {
@@ -304,6 +315,15 @@ TEST(Explain, SaysWhatTheNextSweepDoes) {
                                                                                  << text;
     const auto object = json::parse(show_explanation(show_as::object, e))["vrfs"][0];
     EXPECT_EQ(object["next_sweep"], row.word) << row.text;
+  }
+}
+
+TEST(Explain, KnowsTheIntervalThatWasSet) {
+  ledger made;
+  EXPECT_EQ(made.interval(), 300u);
+  for (const auto &[line, seconds] : {std::pair("interval 7", 7u), {"interval 0", 1u}}) {
+    made.enter(std::get<command>(parse_command(line)));
+    EXPECT_EQ(made.interval(), seconds);
   }
 }
 
