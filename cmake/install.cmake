@@ -15,7 +15,6 @@ install(TARGETS tarvo_mpls_discovery tarvo_platform EXPORT targets)
 install(TARGETS tarvo-agent)
 install(FILES docs/tarvo-agent.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES docs/tarvo-platform-check.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES agent/tarvo-agent.service DESTINATION lib/systemd/system)
 install(DIRECTORY include/tarvo DESTINATION ${include_dir} FILES_MATCHING PATTERN *.h)
 install(DIRECTORY platform DESTINATION ${include_dir}
   FILES_MATCHING PATTERN *.h PATTERN *_private.h EXCLUDE PATTERN check EXCLUDE)
@@ -28,6 +27,11 @@ install(FILES cmake/tarvo_mpls_discovery-config.cmake
   ${PROJECT_BINARY_DIR}/tarvo_mpls_discovery-config-version.cmake DESTINATION ${package_dir})
 
 # Written at installation, since its prefix may be another than the configured one.
+install(CODE "
+  file(READ ${PROJECT_SOURCE_DIR}/agent/tarvo-agent.service unit)
+  string(REPLACE /usr/bin/ \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/ unit \"\${unit}\")
+  file(WRITE \$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/lib/systemd/system/tarvo-agent.service
+    \"\${unit}\")")
 foreach(name tarvo-mpls-discovery tarvo-platform)
   install(CODE "
     set(PROJECT_VERSION ${PROJECT_VERSION})
