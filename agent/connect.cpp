@@ -57,7 +57,7 @@ class connected {
     return got.error.empty();
   }
 
-  /// False: the connection is at its end, which was told.
+  /// False: the connection is at its end, which was told; or a signal came.
   bool ask(std::string line, answer &to) {
     std::ranges::replace(line, '\n', ' ');
     line += '\n';
@@ -71,11 +71,15 @@ class connected {
         if (got->empty()) return settle(to);
         to.lines.push_back(*got);
       }
+      if (!await_answer()) return false;
       more = in_.read_some();
     }
     complain(path_ + ": the agent closed the connection");
     return false;
   }
+
+  /// Questions are given up once a signal can be read from this descriptor.
+  void give_up_by(int signals) { signals_ = signals; }
 
   /// The names that the agent knows, for completion.
   std::vector<std::string> vrf_names() {
@@ -96,6 +100,14 @@ class connected {
   }
 
  private:
+  /// False: a signal came first.
+  bool await_answer() const {
+    std::array<pollfd, 2> fds{{{signals_, POLLIN, 0}, {fd(), POLLIN, 0}}};
+    while (poll(fds.data(), fds.size(), -1) < 0) {
+    }
+    return fds[0].revents == 0;
+  }
+
   /// Takes an error out of the lines.
   bool settle(answer &of) const {
     if (of.lines.empty()) return true;
@@ -117,6 +129,7 @@ class connected {
   const std::string path_;
   const bool json_;
   const descriptor fd_;
+  int signals_ = -1;
   line_reader in_{fd_.number, 2 * control::kMaxUnsent};  // the agent keeps no longer line for us
 };
 
@@ -178,6 +191,7 @@ class session {
     sigaddset(&ending, SIGINT);
     sigaddset(&ending, SIGTERM);
     const descriptor signals(signalfd(-1, &ending, SFD_CLOEXEC));
+    agent_.give_up_by(signals.number);
     for (bool going_on = true; going_on;) {
       sigprocmask(SIG_BLOCK, &ending, nullptr);
       terminal.show();

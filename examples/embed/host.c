@@ -4,7 +4,7 @@
  * It provides the services of tarvo/agent_services.h, starts the module, prints what the client is
  * told, and then reads the same through a query and through the operational data. Its routes are
  * constants, so it needs no locks of its own; a host whose routes change must not hold the lock of
- * its RIB while it calls the module, if its RIB services below take that lock too.
+ * its RIB while it queries the module, if its RIB services below take that lock too.
  */
 #include <arpa/inet.h>
 #include <pthread.h>
