@@ -125,7 +125,7 @@ class host {
 std::string write_temporary(const bench::stream_shape &shape) {
   std::string path = "/tmp/ingest-XXXXXX";
   int fd = mkstemp(path.data());
-  const std::vector<uint8_t> stream = bench::make_bmp_stream(shape);
+  const std::vector<uint8_t> stream = bench::make_stream(shape);
   bool written = fd >= 0 && write(fd, stream.data(), stream.size()) == ssize_t(stream.size());
   if (fd >= 0) close(fd);
   return written ? path : "";
