@@ -70,8 +70,8 @@ class rib {
   attr_id acquire(uint32_t nexthop, std::span<const route_target> targets);
   void release(attr_id attributes);
 
-  /// Tells of keys to be announced or withdrawn next, so that their buckets come from memory side by
-  /// side, and not each in its turn. Changes nothing.
+  /// Tells of keys to be announced or withdrawn next, so that their buckets come from memory side
+  /// by side, and not each in its turn. Changes nothing.
   void expect(std::span<const nlri> keys) const;
   /// A path's key is its source and the whole NLRI; announced again, it takes other attributes.
   /// False: refused, since there are too many paths, in all, of the source's account or of this
