@@ -339,7 +339,7 @@ std::vector<route_count> rib::count_routes() const {
 void rib::visit_nexthop(uint32_t nexthop,
                         const std::function<void(const path_info &)> &visit) const {
   for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
-    prefetch(bucket + kPrefetchAhead);
+    prefetch_after(bucket);
     for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
       const path &p = at(index);
       if (!p.vpn || attrs_.nexthop(p.attributes) != nexthop) continue;
