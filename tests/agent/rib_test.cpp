@@ -338,10 +338,9 @@ TEST(Fence, WithoutMemoryNothingHangs) {
   world w;
   w.module.no_memory = true;
   w.pace.wait();
-  w.pace.passed(fence::kReportsPerFence);
-  EXPECT_TRUE(w.pace.admit());
+  EXPECT_TRUE(w.pace.pass(fence::kReportsPerFence, [] {}));
   w.pace.close();
-  EXPECT_FALSE(w.pace.admit());
+  EXPECT_FALSE(w.pace.pass(1, [] { ADD_FAILURE() << "handed over behind a closed fence"; }));
   EXPECT_FALSE(w.pace.open());
   w.pace.wait();
 }
