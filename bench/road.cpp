@@ -75,9 +75,9 @@ class bare_road {
     }
     std::thread([this] { work(); }).detach();  // like the module's, it lasts as long as the process
   }
-  void report_route(const report &r) { enqueue({request::kRoute, r, ""}); }
+  void report_route(const report &r) { enqueue({request::kRoute, r, {}}); }
   void fence() {
-    request resend{request::kResend, {}, ""};
+    request resend{request::kResend, {}, {}};
     memcpy(resend.vrf, kFenceVrf, sizeof kFenceVrf);
     enqueue(resend);
   }
