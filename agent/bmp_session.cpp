@@ -374,6 +374,7 @@ void bmp_session::announce(peer &from, const bgp_reach &reach,
                            std::span<const route_target> targets) {
   if (!from.source) from.source = routes_.open_source(paths_);
   uint64_t refused = 0;
+  routes_.expect(reach.routes);
   if (const held_attributes held(routes_, reach.nexthop, targets); held.id != attr_store::kNone) {
     for (const nlri &route : reach.routes)
       refused += !routes_.announce(*from.source, route, held.id);

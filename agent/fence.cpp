@@ -113,18 +113,14 @@ bool fence::module_answers() {
   return true;
 }
 
-bool fence::admit() {
+bool fence::pass(size_t reports, const std::function<void()> &hand_over) {
   scoped_lock held(lock_);
   await_room();
-  return open_;
-}
-
-void fence::passed(size_t reports) {
-  scoped_lock held(lock_);
+  if (!open_) return false;
+  if (reports_ + reports >= kReportsPerFence) issue();
   reports_ += reports;
-  if (reports_ < kReportsPerFence) return;
-  await_room();
-  if (open_) issue();
+  hand_over();
+  return true;
 }
 
 }  // namespace agent

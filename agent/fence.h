@@ -3,12 +3,15 @@
 // It is a client of the module under a VRF name that no table can have: its resend brings
 // RESEND_END and nothing else, in queue order. It is registered while anyone watches. The lock
 // covers the counters; it is held while a resend is queued, so that tickets are numbered in queue
-// order (nd mutex, then this lock, then the workQ mutex), and never while waiting. There is one
-// fence a process, since the module's callback carries no context.
+// order (nd mutex, then this lock, then the workQ mutex), and never while waiting. It is also held
+// while a burst of reports is queued: the worker, that comes to the fence before the burst first,
+// waits there, and not for each report of the burst anew, which would cost a switch of threads
+// every few reports. There is one fence a process, since the module's callback carries no context.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 
 #include "agent/mutex.h"
 
@@ -20,8 +23,8 @@ class fence {
   static constexpr uint32_t kClientId = 0xffffffff;
   /// One fence for so many reports, and so many fences outstanding: no more than their product,
   /// and a burst, is ever queued.
-  static constexpr uint32_t kReportsPerFence = 4000;
-  static constexpr uint32_t kMaxOutstanding = 2;
+  static constexpr uint32_t kReportsPerFence = 1000;
+  static constexpr uint32_t kMaxOutstanding = 8;
 
   fence();
   ~fence();
@@ -45,11 +48,9 @@ class fence {
   /// from the RIB thread.
   bool module_answers();
 
-  /// Before a burst of reports: waits while too much is queued. False: closed, so that the reports
-  /// would reach nobody.
-  bool admit();
-  /// After the burst: counts it, and issues the fence that is due.
-  void passed(size_t reports);
+  /// Queues a burst of so many reports by `hand_over`, which must not call the fence; waits first
+  /// while too much is queued. False: closed, so that the reports would reach nobody.
+  bool pass(size_t reports, const std::function<void()> &hand_over);
 
  private:
   static void on_event(uint32_t client_id, uint32_t event, const void *data);

@@ -135,14 +135,11 @@ void redistribution::hand_over(const pending_report &report, uint32_t now) {
 
 void redistribution::flush() {
   if (buffer_.empty()) return;
-  if (pace_.admit()) {
-    {
-      const uint32_t now = seconds_now();
-      scoped_lock held(lock_);
-      for (const pending_report &report : buffer_) hand_over(report, now);
-    }
-    pace_.passed(buffer_.size());
-  }
+  pace_.pass(buffer_.size(), [this] {
+    const uint32_t now = seconds_now();
+    scoped_lock held(lock_);
+    for (const pending_report &report : buffer_) hand_over(report, now);
+  });
   buffer_.clear();
 }
 

@@ -74,7 +74,7 @@ void rib::close_source(source_id id) {
 void rib::settle() {
   if (closing_.empty()) return;
   for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
-    prefetch(bucket + kPrefetchAhead);
+    prefetch_after(bucket);
     sweep_bucket(bucket);
   }
   for (source_id id : closing_) {
@@ -118,6 +118,12 @@ rib::place rib::locate(source_id source, const nlri &key) const {
     index = p.next;
   }
   return where;
+}
+
+void rib::expect(std::span<const nlri> keys) const {
+  for (const nlri &key : keys) __builtin_prefetch(&heads_[bucket_of(key)]);
+  for (const nlri &key : keys) prefetch_first(bucket_of(key));
+  for (const nlri &key : keys) prefetch_second(bucket_of(key));
 }
 
 bool rib::announce(source_id source, const nlri &key, attr_id attributes) {
@@ -214,7 +220,8 @@ void rib::double_buckets() {
   ++bucket_bits_;
   // From the end, so that no bucket is overwritten before its turn.
   for (size_t bucket = buckets; bucket-- > 0;) {
-    if (bucket >= kPrefetchAhead) prefetch(bucket - kPrefetchAhead);
+    if (bucket >= 2 * kPrefetchAhead) prefetch_first(bucket - 2 * kPrefetchAhead);
+    if (bucket >= kPrefetchAhead) prefetch_second(bucket - kPrefetchAhead);
     split_bucket(heads_[bucket], bucket);
   }
   reports_.doubled();
@@ -230,11 +237,6 @@ void rib::split_bucket(path_index first, size_t bucket) {
     head = index;
     index = next;
   }
-}
-
-void rib::prefetch(size_t bucket) const {
-  if (bucket >= heads_.size() || heads_[bucket] == kNone) return;
-  __builtin_prefetch(&at(heads_[bucket]));
 }
 
 // ---- Changes ----
@@ -301,7 +303,7 @@ void rib::dump_slice() {
   size_t first = reports_.position();
   size_t visited = std::min(heads_.size(), kSliceBuckets);
   for (size_t bucket = first; bucket < first + visited; ++bucket) {
-    prefetch(bucket + kPrefetchAhead);
+    prefetch_after(bucket);
     dump_bucket(bucket);
   }
   reports_.advance(visited, heads_.size());
@@ -317,7 +319,7 @@ void rib::dump_bucket(size_t bucket) {
 std::vector<route_count> rib::count_routes() const {
   std::unordered_map<uint64_t, uint64_t, seeded_hash> counts;  // by slot and next hop
   for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
-    prefetch(bucket + kPrefetchAhead);
+    prefetch_after(bucket);
     visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {
       if (first_to_give(bucket, index, slot)) ++counts[uint64_t{slot} << 32 | nexthop];
     });
@@ -337,7 +339,7 @@ std::vector<route_count> rib::count_routes() const {
 void rib::visit_nexthop(uint32_t nexthop,
                         const std::function<void(const path_info &)> &visit) const {
   for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
-    prefetch(bucket + kPrefetchAhead);
+    prefetch_after(bucket);
     for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
       const path &p = at(index);
       if (!p.vpn || attrs_.nexthop(p.attributes) != nexthop) continue;

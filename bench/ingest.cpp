@@ -1,15 +1,15 @@
 // What a BMP feed costs from its first byte to the last notification, with the module active.
 //
-// The agent's own parts run in this process, with one client of all VPNs. Printed are the CPU
-// time of all threads and the memory grown (peak, so the queue's backlog is in it), both by route,
-// and the time of a RIB restart until the module has handled every report of it.
+// The agent's own parts run in this process, with clients of all VPNs. Printed is a header and a
+// row of a table: the feed's shape, then microseconds of CPU (all threads) and bytes of memory
+// (grown at the peak, so the queue's backlog is in it), both a route, microseconds a route of a RIB
+// restart until the module has handled every report of it, notifications, and the RIB's own bytes a
+// route.
 #include <arpa/inet.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -31,25 +31,20 @@ namespace {
 
 using namespace agent;
 
-struct cost {
-  double wall = 0;  // seconds
-  double cpu = 0;   // seconds, all threads
-};
-
-cost now() {
-  rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
-  std::chrono::duration<double> wall = std::chrono::steady_clock::now().time_since_epoch();
-  return {wall.count(), seconds(usage.ru_utime) + seconds(usage.ru_stime)};
-}
-
+/// CPU seconds of all threads, as `work` runs.
 template <typename Work>
-cost measure(Work work) {
-  cost before = now();
+double cpu_of(Work work) {
+  const auto now = [] {
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &t) {
+      return double(t.tv_sec) + double(t.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  };
+  const double before = now();
   work();
-  cost after = now();
-  return {after.wall - before.wall, after.cpu - before.cpu};
+  return now() - before;
 }
 
 /// A line of /proc/self/status in bytes, as "VmRSS:" or "VmHWM:".
@@ -70,14 +65,15 @@ void on_event(uint32_t, uint32_t event, const void *) {
 
 class host {
  public:
-  bool start(const bench::stream_shape &shape) {
+  bool start(const bench::stream_shape &shape, uint32_t clients) {
     install_services(reports_, global_);
     void *manager = event_mgr_create();
     if (manager == nullptr || tarvo_nd_init(manager) != TARVO_ND_OK) return false;
     // The module has no shutdown, so its manager and the thread that serves it end with us.
     std::thread([manager] { event_mgr_dispatch(manager); }).detach();
     if (!fence_.open()) return false;
-    tarvo_pe_discovery_register(1, nullptr, on_event);
+    for (uint32_t client = 1; client <= clients; ++client)
+      tarvo_pe_discovery_register(client, nullptr, on_event);
     for (uint32_t pe = 0; pe < shape.pes; ++pe) global_.add(bench::pe_address(pe), 32);
     for (uint32_t v = 1; v <= shape.vrfs; ++v) {
       std::string name = "VRF-" + std::to_string(v);
@@ -101,15 +97,8 @@ class host {
     loop_.call([&] { bytes = routes_.memory(); });
     return bytes;
   }
-  size_t count_routes() {
-    size_t routes = 0;
-    loop_.call([&] {
-      for (const route_count &c : routes_.count_routes()) routes += c.routes;
-    });
-    return routes;
-  }
-  void stop() {
-    tarvo_pe_discovery_unregister(1);
+  void stop(uint32_t clients) {
+    for (uint32_t client = 1; client <= clients; ++client) tarvo_pe_discovery_unregister(client);
     fence_.close();
   }
 
@@ -125,7 +114,7 @@ class host {
 std::string write_temporary(const bench::stream_shape &shape) {
   std::string path = "/tmp/ingest-XXXXXX";
   int fd = mkstemp(path.data());
-  const std::vector<uint8_t> stream = bench::make_bmp_stream(shape);
+  const std::vector<uint8_t> stream = bench::make_stream(shape);
   bool written = fd >= 0 && write(fd, stream.data(), stream.size()) == ssize_t(stream.size());
   if (fd >= 0) close(fd);
   return written ? path : "";
@@ -136,11 +125,13 @@ std::string write_temporary(const bench::stream_shape &shape) {
 int main(int argc, char **argv) {
   CLI::App app("Measures the road of VPN routes from BMP to notifications.");
   bench::stream_shape shape;
+  uint32_t clients = 1;
   bench::add_stream_options(app, shape);
+  app.add_option("--clients", clients, "of all VPNs")->check(CLI::Range(1, 1000000));
   CLI11_PARSE(app, argc, argv);
 
   static host agent;
-  if (!agent.start(shape)) return fprintf(stderr, "ingest: the agent doesn't start\n"), 1;
+  if (!agent.start(shape, clients)) return fprintf(stderr, "ingest: the agent doesn't start\n"), 1;
 
   // Before the stream is made: memory that its making leaves to the heap counts as grown.
   const double before = memory("VmRSS:");
@@ -148,18 +139,16 @@ int main(int argc, char **argv) {
   if (path.empty()) return perror("ingest: temporary file"), 1;
   std::ofstream("/proc/self/clear_refs") << 5;  // the peak begins anew
   std::string error;
-  const cost feed = measure([&] { error = agent.replay(path); });
+  const double feed = cpu_of([&] { error = agent.replay(path); });
   unlink(path.c_str());
   const double grown = memory("VmHWM:") - before;
-  const double changes = double(shape.routes) + std::min(shape.withdrawals, shape.routes);
-  printf("changes              %.0f, %zu routes left, %lu notifications%s\n", changes,
-         agent.count_routes(), events.load(), error.c_str());
-  printf("CPU per change       %.3f us, %.0f a CPU second\n", feed.cpu / changes * 1e6,
-         changes / feed.cpu);
-  printf("wall                 %.3f s\n", feed.wall);
-  printf("memory per route     %.1f bytes at the peak, RIB %.1f\n", grown / shape.routes,
-         double(agent.rib_memory()) / shape.routes);
-  const cost restart = measure([&] { agent.restart(); });
-  printf("RIB restart          %.3f s, %.3f CPU s\n", restart.wall, restart.cpu);
-  agent.stop();
+  const double restart = cpu_of([&] { agent.restart(); });
+  if (!error.empty()) return fprintf(stderr, "ingest: %s\n", error.c_str()), 1;
+
+  const double routes = shape.routes;
+  printf("routes\tvrfs\tnexthops\tclients\tcpu\tmemory\trestart\tnotifications\trib\n");
+  printf("%u\t%u\t%u\t%u\t%.3f\t%.1f\t%.3f\t%lu\t%.1f\n", shape.routes, shape.vrfs, shape.pes,
+         clients, feed / routes * 1e6, grown / routes, restart / routes * 1e6, events.load(),
+         double(agent.rib_memory()) / routes);
+  agent.stop(clients);
 }

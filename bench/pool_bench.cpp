@@ -1,7 +1,11 @@
-// Pools beside malloc. Times are per element allocated and freed; elements are work requests' size.
+// Pools beside malloc and Boost's pool. Times are per element allocated and freed; elements are
+// work requests' size.
 #include <benchmark/benchmark.h>
 
+#include <boost/pool/pool.hpp>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "platform/pool.h"
@@ -22,6 +26,14 @@ struct c_heap {
   explicit c_heap(unsigned long flags) : zero((flags & CHUNK_ZERO) != 0) {}
   void *allocate() { return zero ? calloc(1, kSize) : malloc(kSize); }
   void release(void *element) { free(element); }
+  bool zero;
+};
+
+struct boost_heap {
+  explicit boost_heap(unsigned long flags) : pool(kSize, 100), zero((flags & CHUNK_ZERO) != 0) {}
+  void *allocate() { return zero ? memset(pool.malloc(), 0, kSize) : pool.malloc(); }
+  void release(void *element) { pool.free(element); }
+  boost::pool<> pool;
   bool zero;
 };
 
@@ -50,11 +62,22 @@ void breathe(benchmark::State &state) {
 constexpr unsigned long kQueue = CHUNK_GROW | CHUNK_TRIM;
 constexpr unsigned long kZeroed = kQueue | CHUNK_ZERO;
 
-BENCHMARK(pair<pool_heap, kQueue>);
-BENCHMARK(pair<c_heap, kQueue>);
-BENCHMARK(pair<pool_heap, kZeroed>);
-BENCHMARK(pair<c_heap, kZeroed>);
-BENCHMARK(breathe<pool_heap, kQueue>)->Arg(8000)->Arg(1000000);
-BENCHMARK(breathe<c_heap, kQueue>)->Arg(8000)->Arg(1000000);
+template <typename heap>
+void register_all(const char *name) {
+  const auto add = [name](const char *operation, void (*run)(benchmark::State &)) {
+    return benchmark::RegisterBenchmark((std::string(operation) + "/" + name).c_str(), run);
+  };
+  add("pair", pair<heap, kQueue>);
+  add("zeroed-pair", pair<heap, kZeroed>);
+  add("queue", breathe<heap, kQueue>)->Arg(8000)->Arg(1000000);
+}
 
 }  // namespace
+
+int main(int argc, char **argv) {
+  register_all<pool_heap>("platform");
+  register_all<c_heap>("malloc");
+  register_all<boost_heap>("boost");
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+}

@@ -3,7 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "bench/bmp_stream.h"
+#include "bench/route_stream.h"
 
 namespace bench {
 

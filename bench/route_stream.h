@@ -1,4 +1,5 @@
-// Synthetic BMP stream: VPNv4 routes of one router's Loc-RIB, the same bytes for the same shape.
+// Synthetic stream of one router's VPNv4 routes, the same bytes for the same shape: a BMP session
+// of its Loc-RIB, or a BGP session with the same UPDATEs.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +7,10 @@
 
 namespace bench {
 
+enum class protocol { bmp, bgp };
+
 struct stream_shape {
+  protocol speaks = protocol::bmp;
   uint32_t routes = 1000000;  ///< up to 16 million: each has a /24 of its own
   uint32_t vrfs = 100;        ///< VRF v imports and exports target 65000:v, v from 1
   uint32_t pes = 400;         ///< next hops 10.255.0.1 and up
@@ -20,6 +24,8 @@ constexpr uint32_t pe_address(uint32_t n) { return 0x0aff0001 + n; }
 /// Route target 65000:v as in its extended community.
 constexpr uint64_t vrf_target(uint32_t v) { return 0x0002fde800000000 | v; }
 
-std::vector<uint8_t> make_bmp_stream(const stream_shape &shape);
+/// Whatever the other side sends is to be read and may be ignored: the BGP session has no hold
+/// time, and goes on to its UPDATEs at once.
+std::vector<uint8_t> make_stream(const stream_shape &shape);
 
 }  // namespace bench
