@@ -129,7 +129,9 @@ struct module_source {
   }
   static answer ref(which query, uint32_t host, uint32_t table = 0) {
     auto out = untouched<tarvo_nd_nhop_table_t>(), expected = out;
-    auto name = untouched<tarvo_nd_vrf_name_copy_t>(), no_name = name;
+    auto name = untouched<tarvo_nd_vrf_name_copy_t>();
+    name.known = false;  // what was left in it is no truth value
+    const auto no_name = name;
     const uint32_t code = query == kFirst ? tarvo_nd_first_tableid(htonl(host), &out, &name)
                                           : tarvo_nd_next_tableid(htonl(host), table, &out, &name);
     if (code == TARVO_ND_OK) expected.table_id = out.table_id, expected.ref_count = out.ref_count;
