@@ -41,7 +41,6 @@ bool fence::open() {
   // Open first: registering activates discovery, and the dumps that this brings must not be lost.
   open_ = true;
   registered_ = false;
-  reports_ = 0;
   if (tarvo_pe_discovery_register(kClientId, kVrfName, on_event) != TARVO_ND_OK) {
     open_ = false;
     return false;
@@ -64,7 +63,7 @@ void fence::close() {
   scoped_lock held(lock_);
   if (!open_) return;
   open_ = false;
-  while (handled_ < issued_) changed_.wait(lock_);
+  await(issued_);
   // Without memory for the request discovery stays active, and so does the fence.
   if (tarvo_pe_discovery_unregister(kClientId) != TARVO_ND_OK) open_ = true;
 }
@@ -74,23 +73,20 @@ bool fence::is_open() const {
   return open_;
 }
 
-void fence::await_room() {
-  while (open_ && issued_ >= handled_ + kMaxOutstanding) changed_.wait(lock_);
-}
-
 // A resend that finds no memory issues nothing; whoever waits then waits for the fence before.
 void fence::issue() {
-  if (tarvo_pe_discovery_resend(kClientId, kVrfName) != TARVO_ND_OK) return;
-  ++issued_;
-  reports_ = 0;
+  if (tarvo_pe_discovery_resend(kClientId, kVrfName) == TARVO_ND_OK) ++issued_;
+}
+
+void fence::await(uint64_t ticket) {
+  while (handled_ < ticket) changed_.wait(lock_);
 }
 
 void fence::wait() {
   scoped_lock held(lock_);
-  await_room();
   if (!open_) return;
   issue();
-  for (uint64_t ticket = issued_; handled_ < ticket;) changed_.wait(lock_);
+  await(issued_);
 }
 
 bool fence::module_answers() {
@@ -113,13 +109,14 @@ bool fence::module_answers() {
   return true;
 }
 
-bool fence::pass(size_t reports, const std::function<void()> &hand_over) {
+bool fence::pass(const std::function<void()> &hand_over) {
   scoped_lock held(lock_);
-  await_room();
+  await(burst_);
   if (!open_) return false;
-  if (reports_ + reports >= kReportsPerFence) issue();
-  reports_ += reports;
+  issue();
   hand_over();
+  issue();
+  burst_ = issued_;
   return true;
 }
 

@@ -3,10 +3,13 @@
 // It is a client of the module under a VRF name that no table can have: its resend brings
 // RESEND_END and nothing else, in queue order. It is registered while anyone watches. The lock
 // covers the counters; it is held while a resend is queued, so that tickets are numbered in queue
-// order (nd mutex, then this lock, then the workQ mutex), and never while waiting. It is also held
-// while a burst of reports is queued: the worker, that comes to the fence before the burst first,
-// waits there, and not for each report of the burst anew, which would cost a switch of threads
-// every few reports. There is one fence a process, since the module's callback carries no context.
+// order (nd mutex, then this lock, then the workQ mutex), and never while waiting.
+//
+// Reports are queued in bursts, and one of the two threads works on the queue at a time: together
+// they would wait for each other's lock and cache lines at each report, which costs twice the CPU
+// and no less time. So the lock is held while a burst is queued, behind a fence at which the worker
+// waits, and the next burst waits until the worker is through with this one. There is one fence a
+// process, since the module's callback carries no context.
 #pragma once
 
 #include <condition_variable>
@@ -21,10 +24,6 @@ class fence {
  public:
   /// The fence's own client ID; no watch may use it.
   static constexpr uint32_t kClientId = 0xffffffff;
-  /// One fence for so many reports, and so many fences outstanding: no more than their product,
-  /// and a burst, is ever queued.
-  static constexpr uint32_t kReportsPerFence = 1000;
-  static constexpr uint32_t kMaxOutstanding = 8;
 
   fence();
   ~fence();
@@ -48,15 +47,15 @@ class fence {
   /// from the RIB thread.
   bool module_answers();
 
-  /// Queues a burst of so many reports by `hand_over`, which must not call the fence; waits first
-  /// while too much is queued. False: closed, so that the reports would reach nobody.
-  bool pass(size_t reports, const std::function<void()> &hand_over);
+  /// Queues a burst of reports by `hand_over`, which must not call the fence, once the burst before
+  /// is handled. False: closed, so that the reports would reach nobody.
+  bool pass(const std::function<void()> &hand_over);
 
  private:
   static void on_event(uint32_t client_id, uint32_t event, const void *data);
   void handle(uint32_t event);
-  void await_room() TARVO_REQUIRES(lock_);
   void issue() TARVO_REQUIRES(lock_);
+  void await(uint64_t ticket) TARVO_REQUIRES(lock_);
 
   mutable mutex lock_;
   std::condition_variable_any changed_;
@@ -64,7 +63,7 @@ class fence {
   bool registered_ TARVO_GUARDED_BY(lock_) = false;
   uint64_t issued_ TARVO_GUARDED_BY(lock_) = 0;   ///< resends queued
   uint64_t handled_ TARVO_GUARDED_BY(lock_) = 0;  ///< RESEND_ENDs seen
-  size_t reports_ TARVO_GUARDED_BY(lock_) = 0;    ///< since the last fence
+  uint64_t burst_ TARVO_GUARDED_BY(lock_) = 0;    ///< the last burst's ticket
 };
 
 }  // namespace agent

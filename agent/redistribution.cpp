@@ -1,13 +1,20 @@
 #include "agent/redistribution.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <numeric>
+#include <span>
 
 #include "agent/fence.h"
 
 namespace agent {
 
-redistribution::redistribution(fence &pace) : pace_(pace) { buffer_.reserve(kBurst); }
+redistribution::redistribution(fence &pace) : pace_(pace) {
+  changes_.reserve(kBurst);
+  dumped_.reserve(kDumped);
+  grouped_.reserve(kDumped);
+}
 
 void redistribution::set_callbacks(const tarvo_nd_rib_fns_t *callbacks) {
   scoped_lock held(lock_);
@@ -103,7 +110,7 @@ void redistribution::adopt() {
 
 bool redistribution::idle() const {
   scoped_lock held(lock_);
-  return requested_.empty() && dumping_ == 0 && buffer_.empty();
+  return requested_.empty() && dumping_ == 0 && changes_.empty() && dumped_.empty();
 }
 
 void redistribution::advance(size_t visited, size_t buckets) {
@@ -133,14 +140,38 @@ void redistribution::hand_over(const pending_report &report, uint32_t now) {
   reported_.store(reported() + 1, std::memory_order_relaxed);
 }
 
+void redistribution::hand_over_all(std::vector<pending_report> &reports) {
+  for (size_t done = 0; done < reports.size();) {
+    const auto burst = std::span(reports).subspan(done, std::min(reports.size() - done, kBurst));
+    pace_.pass([&] {
+      const uint32_t now = seconds_now();
+      scoped_lock held(lock_);
+      for (const pending_report &report : burst) hand_over(report, now);
+    });
+    done += burst.size();
+  }
+  reports.clear();
+}
+
+// By a hash of the next hop: two passes, whatever the next hops are.
+void redistribution::group_dumped() {
+  if (dumped_.empty()) return;
+  constexpr unsigned kLaneBits = 10;
+  const auto lane = [](const pending_report &report) {
+    return uint32_t(report.nexthop * 0x9e3779b1u) >> (32 - kLaneBits);
+  };
+  std::array<uint32_t, (1u << kLaneBits) + 1> place{};
+  for (const pending_report &report : dumped_) ++place[lane(report) + 1];
+  std::partial_sum(place.begin(), place.end(), place.begin());
+  grouped_.resize(dumped_.size());
+  for (const pending_report &report : dumped_) grouped_[place[lane(report)]++] = report;
+  dumped_.swap(grouped_);
+}
+
 void redistribution::flush() {
-  if (buffer_.empty()) return;
-  pace_.pass(buffer_.size(), [this] {
-    const uint32_t now = seconds_now();
-    scoped_lock held(lock_);
-    for (const pending_report &report : buffer_) hand_over(report, now);
-  });
-  buffer_.clear();
+  hand_over_all(changes_);
+  group_dumped();
+  hand_over_all(dumped_);
 }
 
 std::optional<uint32_t> redistribution::seconds_since_report(uint32_t nexthop) const {
@@ -150,7 +181,8 @@ std::optional<uint32_t> redistribution::seconds_since_report(uint32_t nexthop) c
 }
 
 size_t redistribution::memory() const {
-  return times_.memory() + buffer_.capacity() * sizeof(pending_report) +
+  return times_.memory() +
+         (changes_.capacity() + dumped_.capacity() + grouped_.capacity()) * sizeof(pending_report) +
          tables_.capacity() * sizeof(table);
 }
 

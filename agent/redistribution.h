@@ -31,9 +31,12 @@ class fence;
 
 class redistribution {
  public:
-  /// Reports handed over in one burst. Each burst is one holding of the lock, which the worker may
-  /// wait for; many small ones would each wake the worker.
-  static constexpr size_t kBurst = 1000;
+  /// Reports handed over in one burst. Each burst is one holding of the lock, which the worker, and
+  /// a query behind it, may wait for, a quarter of a millisecond; and it costs four switches of
+  /// threads.
+  static constexpr size_t kBurst = 4096;
+  /// Reports of dumps collected before they are handed over.
+  static constexpr size_t kDumped = 16384;
 
   explicit redistribution(fence &pace);
 
@@ -72,10 +75,16 @@ class redistribution {
     return t.on && (!t.dumping || visited(t.start, bucket));
   }
   void report(uint32_t slot, uint32_t nexthop, bool add) {
-    buffer_.push_back({slot, tables_[slot].generation, nexthop, add});
-    if (buffer_.size() >= kBurst) flush();
+    changes_.push_back({slot, tables_[slot].generation, nexthop, add});
+    if (changes_.size() >= kBurst) flush();
   }
-  /// Hands the reports over; waits while too much is queued.
+  /// A route that the pass came by. These are handed over by next hop, many at a time: a pass finds
+  /// another one with each route, and the module searches faster for one that it has just seen.
+  void report_dumped(uint32_t slot, uint32_t nexthop) {
+    dumped_.push_back({slot, tables_[slot].generation, nexthop, true});
+    if (dumped_.size() >= kDumped) flush();
+  }
+  /// Hands the reports over, changes first: a pass follows them. Waits while too much is queued.
   void flush();
 
   /// Reports handed over. Any thread.
@@ -109,6 +118,8 @@ class redistribution {
 
   void set(uint32_t slot, bool on) TARVO_REQUIRES(lock_);
   void hand_over(const pending_report &report, uint32_t now) TARVO_REQUIRES(lock_);
+  void hand_over_all(std::vector<pending_report> &reports);
+  void group_dumped();
   void stop_dump(table &t);
   bool visited(size_t start, size_t bucket) const {
     if (start <= position_) return bucket >= start && bucket < position_;
@@ -126,7 +137,9 @@ class redistribution {
   fence &pace_;
   std::vector<table> tables_;  ///< by slot
   std::vector<uint32_t> free_slots_;
-  std::vector<pending_report> buffer_;
+  std::vector<pending_report> changes_;
+  std::vector<pending_report> dumped_;   ///< empty between the turns of the pass
+  std::vector<pending_report> grouped_;  ///< what group_dumped() works in
   size_t position_ = 0;
   size_t dumping_ = 0;
   report_times times_;

@@ -312,7 +312,7 @@ void rib::dump_slice() {
 void rib::dump_bucket(size_t bucket) {
   visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {
     if (reports_.dumping(slot) && first_to_give(bucket, index, slot))
-      reports_.report(slot, nexthop, true);
+      reports_.report_dumped(slot, nexthop);
   });
 }
 

@@ -114,7 +114,7 @@ class rib {
   static constexpr unsigned kSegmentBits = 16;
   static constexpr size_t kSegmentPaths = size_t{1} << kSegmentBits;
   static constexpr unsigned kMinBucketBits = 10;
-  static constexpr size_t kSliceBuckets = 2048;
+  static constexpr size_t kSliceBuckets = 16384;
   static constexpr size_t kPrefetchAhead = 8;
 
   struct path {
