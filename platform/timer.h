@@ -40,7 +40,8 @@ PLATFORM_API void *mgd_timer_leaf_new(void *tree, int zero1, unsigned type, int 
 
 /**
  * (Re)starts the leaf: it expires `delay` from now. A delay of zero, or a negative one, has expired
- * at once; any 32-bit number of seconds is exact.
+ * at once; any 32-bit number of seconds is exact. No delay overflows, up to the greatest time_t and
+ * 999999999 ns: one that is too long for the deadline is shortened, to 2^32 s at least.
  */
 PLATFORM_API void mgd_timer_leaf_start(mgd_timer_leaf_t *l, const struct timespec *delay);
 

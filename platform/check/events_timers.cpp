@@ -117,18 +117,23 @@ TEST(timers, AgreeWithAList) {
   for (int step = 0; step < 3000; ++step) {
     mgd_timer_leaf_t *l = leaves[random() % 5];
     const auto &[delay, least] = kDelays[random() % 6];
+    const long nanoseconds = delay < kLimit ? 0 : 999'999'999;
     const bool stop = random() % 4 == 0, expires = !stop && least == 0;
+    const std::string at = "step " + std::to_string(step) +
+                           (stop ? ": stopped"
+                                 : ": started with " + std::to_string(delay) + " s " +
+                                       std::to_string(nanoseconds) + " ns");
     for (auto t = steady_clock::now(); t == steady_clock::now();) continue;  // no equal deadlines
-    stop ? mgd_timer_leaf_stop(l) : start(l, delay, delay < kLimit ? 0 : 999'999'999);
+    stop ? mgd_timer_leaf_stop(l) : start(l, delay, nanoseconds);
     std::erase(expired, l);
     if (expires) expired.push_back(l);
-    ASSERT_TRUE(!expires || delivered(20));
+    ASSERT_TRUE(!expires || delivered(20)) << at;
     struct timespec left = {};
     mgd_timer_leaf_remaining(l, &left);
-    ASSERT_EQ(left.tv_sec + left.tv_nsec == 0, stop || expires);
-    ASSERT_GE(left.tv_sec, stop ? 0 : least);
-    ASSERT_EQ(mgd_timer_leaf_running(l), !stop);
-    ASSERT_EQ(mgd_timer_tree_first_expired(tree), expired.empty() ? nullptr : expired[0]);
+    ASSERT_EQ(left.tv_sec + left.tv_nsec == 0, stop || expires) << at;
+    ASSERT_GE(left.tv_sec, stop ? 0 : least) << at;
+    ASSERT_EQ(mgd_timer_leaf_running(l), !stop) << at;
+    ASSERT_EQ(mgd_timer_tree_first_expired(tree), expired.empty() ? nullptr : expired[0]) << at;
   }
   EXPECT_FALSE(delivered(0)) << "once per start";
   mgd_timer_tree_destroy(tree);
