@@ -11,6 +11,9 @@ set_target_properties(tarvo_mpls_discovery tarvo_platform PROPERTIES
 target_include_directories(tarvo_mpls_discovery INTERFACE $<INSTALL_INTERFACE:${include_dir}>)
 target_include_directories(tarvo_platform INTERFACE $<INSTALL_INTERFACE:${include_dir}>)
 
+# Whoever loads the module calls the platform layer too.
+target_link_libraries(tarvo_mpls_discovery INTERFACE tarvo_platform)
+
 install(TARGETS tarvo_mpls_discovery tarvo_platform EXPORT targets)
 install(TARGETS tarvo-agent)
 install(FILES docs/tarvo-agent.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

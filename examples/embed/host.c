@@ -115,20 +115,29 @@ static void print_entry(uint32_t nexthop, const ods_entry_t *entry) {
   putchar('\n');
 }
 
+static void read_vrfs(uint32_t nexthop) {
+  ods_path_t path = {.item = TARVO_DISC_ITEM_VRF, .key = {&nexthop}};
+  ods_list_result_t vrfs = {0};
+  if (oper->datalist(NULL, &vrfs, &path, NULL) != 0) return;
+  for (uint32_t i = 0; i < vrfs.count; ++i) print_entry(nexthop, ods_list_entry(vrfs.list, i));
+  ods_datalist_free(vrfs.list);
+}
+
+/* A page of next hops at a time. A last page that is full promises more too: then the next is
+   TARVO_ODS_ERR_NOT_FOUND. */
 static void read_oper_data(void) {
-  const uint32_t from_the_start = 0;
-  ods_path_t path = {.item = TARVO_DISC_ITEM_NHOP, .key = {&from_the_start}};
-  ods_list_result_t nexthops = {0};
-  if (oper->list(NULL, &nexthops, &path, NULL) != 0) return;
-  for (uint32_t i = 0; i < nexthops.count; ++i) {
-    const uint32_t nexthop = (uint32_t)strtoul(ods_list_entry(nexthops.list, i)->key, NULL, 16);
-    ods_path_t of_nexthop = {.item = TARVO_DISC_ITEM_VRF, .key = {&nexthop}};
-    ods_list_result_t vrfs = {0};
-    if (oper->datalist(NULL, &vrfs, &of_nexthop, NULL) != 0) continue;
-    for (uint32_t v = 0; v < vrfs.count; ++v) print_entry(nexthop, ods_list_entry(vrfs.list, v));
-    ods_datalist_free(vrfs.list);
+  uint32_t nexthop = 0; /* from the start */
+  for (int more = 1; more;) {
+    ods_path_t path = {.item = TARVO_DISC_ITEM_NHOP, .key = {&nexthop}};
+    ods_list_result_t page = {0};
+    if (oper->list(NULL, &page, &path, NULL) != 0) return;
+    for (uint32_t i = 0; i < page.count; ++i) {
+      nexthop = (uint32_t)strtoul(ods_list_entry(page.list, i)->key, NULL, 16);
+      read_vrfs(nexthop);
+    }
+    more = ods_list_more(page.list);
+    ods_list_free(page.list);
   }
-  ods_list_free(nexthops.list);
 }
 
 /* ---- The host ---- */
