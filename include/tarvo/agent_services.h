@@ -86,7 +86,9 @@ TARVO_API int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info);
  * Switches the redistribution of a VPN routing table on (1) or off (0). On, also when it is on
  * already: report the next hop of every route of the table, one report per route, and then every
  * change. Off: once this has returned, no further report of the table is queued.
- * Returns 0 when accepted; a refusal to switch on is repeated at the next refresh.
+ * Returns 0 when accepted. A refusal to switch on is repeated at the next refresh. After a refusal
+ * to switch off the table is taken as on: the next activation does not switch it on, and refreshes
+ * only reset it.
  */
 TARVO_API int tarvo_rib_ipv4_redist(uint32_t table_id, int on);
 
@@ -100,10 +102,27 @@ TARVO_API uint32_t rtab_c_tbl_id_ipv4_ucast_dflt(void);
 
 /* ----------------------------------- Traces ----------------------------------- */
 
-/** Start-up trace: a failed step's text and its error number. On tarvo_nd_init's thread. */
+/**
+ * Start-up trace: the step that failed. On tarvo_nd_init's thread, before it returns its code.
+ *
+ * @param mask  class of the trace, always 0x100000
+ * @param id    place of the trace, always 0x10200106001
+ * @param text  the step, such as "create timer tree": plain text, no format, without a newline
+ * @param code  the step's error number, as in errno
+ *
+ * No further arguments are passed.
+ */
 TARVO_API void tarvo_sa_lstrace(uint64_t mask, uint64_t id, const char *text, uint32_t code, ...);
 
-/** Debug trace in printf format. Any thread, also with the nd mutex held. */
+/**
+ * Debug trace. Any thread, also with the nd mutex held: return soon, call no query.
+ *
+ * @param category  subject of the trace, always 13: discovery
+ * @param level     1, the only one
+ * @param format    printf format, without a newline at the end; begins "DISC: "
+ *
+ * The arguments are those of the format, %u and %s alone, valid during the call.
+ */
 TARVO_API void tarvo_sa_debug(uint32_t category, uint32_t level, const char *format, ...);
 
 #ifdef __cplusplus

@@ -24,13 +24,19 @@ extern "C" {
 /**
  * Starts the module: work queue, timers, worker thread; then registers the callback tables.
  *
- * @param event_mgr  the agent's event manager; the module's timer event is dispatched on its thread
+ * @param event_mgr  the agent's event manager; the module's timer event is dispatched on its
+ *                   thread. Not to be destroyed after this call
  * @return TARVO_ND_OK, or the code of the first step that failed: TARVO_ND_ERR_NOMEM,
  *         TARVO_ND_ERR_SYS | errno, TARVO_ND_ERR_TIMER, TARVO_ND_ERR_THREAD | error number.
  *         After a failure no table is registered; what was built stays, and nothing may be called.
  *
- * Call once, before any other call here. Blocks SIGRTMIN+6 and SIGRTMIN+10 in the calling thread
- * for good. There is no shutdown: the worker runs for the life of the process. A failing
+ * Call once, before any other call here. There is no shutdown: the worker runs for the life of the
+ * process, so the library may not be unloaded.
+ *
+ * Blocks SIGRTMIN+6 and SIGRTMIN+10 in the calling thread for good, so that the worker, which
+ * inherits the mask, is not interrupted by them. This platform layer sends no signals, so the agent
+ * has nothing to do. On a platform that delivers events or timers by these two, unblock them in the
+ * threads that are to receive them, the caller and what it starts from now on included. A failing
  * signal-set call ends the process with an assertion on standard error.
  */
 TARVO_API uint32_t tarvo_nd_init(void *event_mgr);
@@ -40,13 +46,20 @@ TARVO_API uint32_t tarvo_nd_init(void *event_mgr);
 /**
  * Reports that a route of a VPN routing table has, or no longer has, this next hop.
  *
- * @param table_id   VPN routing table that holds the route
+ * @param table_id   VPN routing table that holds the route; not checked
  * @param nhop_addr  BGP next hop of the route, network byte order
  * @param add        0: the route is gone; anything else: it is there
  * @return 1 queued; 0 not queued, since memory is gone (logged)
  *
- * One report per route: each add raises the table's count of that next hop, each delete lowers it.
- * Dropped by the worker while discovery is inactive.
+ * One report per route: each add raises the table's count of that next hop, each delete lowers it;
+ * at 0 the table no longer refers to the next hop. A delete of what is not counted is ignored. One
+ * that comes between a refresh and the reports that answer it finds the count at 0, and ends the
+ * reference at once. Dropped by the worker while discovery is inactive.
+ *
+ * The table need not be announced. What is reported of one that is not, be it withdrawn, the
+ * default table or 0, is counted all the same: all-VPN clients are told, clients of a VRF name are
+ * not. No refresh asks for such a table, so what was reported once is removed at the end of the
+ * next one.
  */
 TARVO_API int tarvo_nd_enqueue_nhop_update(uint32_t table_id, uint32_t nhop_addr, int add);
 
@@ -62,11 +75,19 @@ TARVO_API int tarvo_nd_enqueue_rib_restart(void);
  * Announces or withdraws a VPN routing table.
  *
  * @param vrf_name  name of the VRF that carries it, cut to 244 characters; null is the empty name
- * @param table_id  the routing table; the default IPv4 unicast table is ignored
+ * @param table_id  the routing table; the default IPv4 unicast table is ignored. Not 0: queries
+ *                  take it for all tables, replays to the clients of a VRF name for none
  * @param add       0: withdrawn; anything else: announced
  * @return 1 queued, or ignored; 0 not queued, since memory is gone (logged)
  *
- * Announcing a known table changes nothing, its name included. Names need not be unique.
+ * Announcing a known table changes nothing, its name included; to rename one, withdraw it and
+ * announce it again. Names need not be unique.
+ *
+ * A withdrawal while discovery is active switches redistribution of the table off, ends its
+ * references, with REMOVE to the clients of its VRF name for each reachable next hop and to the
+ * all-VPN clients for those that no other table refers to, and drops the reports of it that are
+ * queued. While it is inactive the table is just forgotten. A withdrawal's name is not looked at,
+ * and one of an unknown table does nothing.
  */
 TARVO_API int tarvo_nd_enqueue_table_update(const char *vrf_name, uint32_t table_id, int add);
 
@@ -88,7 +109,8 @@ TARVO_API void tarvo_nd_set_rib_refresh_interval(uint32_t interval);
  * every change.
  *
  * @param client_id  the caller's identifier, passed back in every notification. An identifier may
- *                   be registered more than once; each registration is told separately
+ *                   be registered more than once, also under one name; each registration is
+ *                   told separately
  * @param vrf_name   VRF to watch, cut to 244 characters; null or empty: all VPNs
  * @param notify     the client's callback
  * @return TARVO_ND_OK queued; TARVO_ND_ERR_INVALID_ARG without a callback; TARVO_ND_ERR_NOMEM
@@ -106,7 +128,8 @@ TARVO_API uint32_t tarvo_pe_discovery_register(uint32_t client_id, const char *v
  *
  * @return TARVO_ND_OK queued, also for an unknown client; TARVO_ND_ERR_NOMEM
  *
- * The callback may still run until the worker has handled the request.
+ * The callback may still run until the worker has handled the request; nobody is told when. The
+ * RESEND_END of another client's resend, asked for after this call, tells it.
  */
 TARVO_API uint32_t tarvo_pe_discovery_unregister(uint32_t client_id);
 
@@ -117,7 +140,13 @@ TARVO_API uint32_t tarvo_pe_discovery_unregister(uint32_t client_id);
  * @param vrf_name  as at its registration; a client not registered so is told nothing
  * @return TARVO_ND_OK queued; TARVO_ND_ERR_NOMEM
  *
- * Requests are handled in order, so RESEND_END also tells that every earlier request is done.
+ * Of an ID registered more than once under that name, the first registration is told, and no other:
+ * one resend is one RESEND_END.
+ *
+ * Requests are handled in order, so RESEND_END also tells that every earlier request is done. The
+ * reports that the RIB queues while it is asked (registration, announcement, RIB restart) come
+ * after a resend that is queued by then: to have them counted too, ask again when the RIB has
+ * queued them.
  */
 TARVO_API uint32_t tarvo_pe_discovery_resend(uint32_t client_id, const char *vrf_name);
 
