@@ -179,7 +179,7 @@ void control::serve_client(client &of) {
 void control::answer_line(client &of, const std::string &line, bool too_long) {
   answer given;
   if (too_long)
-    given.error = "more than " + std::to_string(line_reader::kMaxLine) + " characters";
+    given.error = line_reader::too_long_text();
   else if (line == "json")
     of.as = show_as::object;
   else

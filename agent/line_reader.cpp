@@ -16,8 +16,13 @@ bool line_reader::read_some() {
     pending_.append(chunk.data(), static_cast<size_t>(got));
   } else {
     at_end_ = true;
+    error_ = got < 0 ? errno : 0;
   }
   return !at_end_;
+}
+
+std::string line_reader::too_long_text() {
+  return "the line has more than " + std::to_string(kMaxLine) + " characters";
 }
 
 std::optional<std::string> line_reader::next() {
@@ -29,15 +34,16 @@ std::optional<std::string> line_reader::next() {
     end = pending_.find('\n');
   }
   const bool whole = end != std::string::npos;
-  const size_t length = whole ? end : pending_.size();
+  const size_t size = whole ? end : pending_.size();
+  const size_t length = size - (size > 0 && pending_[size - 1] == '\r' ? 1 : 0);
   too_long_ = length > limit_;
-  searched_ = length;
+  searched_ = size;
   if (!whole && !too_long_ && (!at_end_ || pending_.empty())) return std::nullopt;
 
   ++number_;
   std::string line = pending_.substr(0, std::min(length, limit_));
   cutting_ = !whole && !at_end_;
-  pending_.erase(0, whole ? end + 1 : length);
+  pending_.erase(0, whole ? end + 1 : size);
   searched_ = 0;
   return line;
 }

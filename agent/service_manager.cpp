@@ -4,6 +4,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -14,7 +16,7 @@
 
 namespace agent {
 
-void notify_service(std::string_view state) noexcept {
+void notify_service(std::string_view state, std::chrono::microseconds patience) noexcept {
   const char *path = getenv("NOTIFY_SOCKET");
   if (path == nullptr || (*path != '/' && *path != '@')) return;
   sockaddr_un address{};
@@ -26,8 +28,12 @@ void notify_service(std::string_view state) noexcept {
 
   const descriptor fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-  sendto(fd.number, state.data(), state.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
-         reinterpret_cast<const sockaddr *>(&address), size);
+  const timeval limit{patience.count() / 1000000, patience.count() % 1000000};
+  setsockopt(fd.number, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+  while (sendto(fd.number, state.data(), state.size(), MSG_NOSIGNAL,
+                reinterpret_cast<const sockaddr *>(&address), size) < 0 &&
+         errno == EINTR) {
+  }
 }
 
 std::chrono::microseconds watchdog_limit() {
@@ -38,7 +44,9 @@ std::chrono::microseconds watchdog_limit() {
 }
 
 watchdog::watchdog(std::chrono::microseconds limit, std::function<bool()> alive)
-    : period_(limit / 3), alive_(std::move(alive)), thread_([this] { run(); }) {}
+    : period_(std::max(limit / 3, std::chrono::microseconds(1))),
+      alive_(std::move(alive)),
+      thread_([this] { run(); }) {}
 
 watchdog::~watchdog() {
   {
@@ -52,7 +60,7 @@ watchdog::~watchdog() {
 void watchdog::run() {
   set_thread_name("watchdog", pthread_self());
   for (;;) {
-    if (alive_()) notify_service("WATCHDOG=1");
+    if (alive_()) notify_service("WATCHDOG=1", std::min(period_, kManagerPatience));
     scoped_lock held(lock_);
     const auto next = std::chrono::steady_clock::now() + period_;
     while (!stop_ && stopped_.wait_until(lock_, next) != std::cv_status::timeout) {

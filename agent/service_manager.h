@@ -15,8 +15,14 @@
 
 namespace agent {
 
-/// Sends "READY=1" and the like; lines. A manager that takes nothing is not waited for.
-void notify_service(std::string_view state) noexcept;
+/// How long a manager whose socket is full is waited for; without its "READY=1" it would end the
+/// agent.
+constexpr std::chrono::microseconds kManagerPatience = std::chrono::seconds(5);
+
+/// Sends "READY=1" and the like; lines. Lost when the manager takes nothing for `patience`, which
+/// is more than 0.
+void notify_service(std::string_view state,
+                    std::chrono::microseconds patience = kManagerPatience) noexcept;
 
 /// How often the manager wants to hear of this process at the least; 0: it doesn't.
 std::chrono::microseconds watchdog_limit();

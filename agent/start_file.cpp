@@ -1,12 +1,15 @@
 #include "agent/start_file.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <optional>
 #include <variant>
 
+#include "agent/descriptor.h"
 #include "agent/ledger.h"
+#include "agent/line_reader.h"
 
 namespace agent {
 
@@ -24,33 +27,42 @@ std::optional<ledger::refusal> refuses_at_start(const ledger &so_far, const comm
 
 bool read_start_file(const std::string &path, std::vector<start_line> &lines,
                      const std::function<void(const std::string &error)> &tell) {
-  std::ifstream file(path);
-  ledger so_far;
-  bool good = file.is_open(), runs = true;
-  std::string text;
-  for (size_t number = 1; std::getline(file, text); ++number) {
-    const auto wrong = [&](size_t column, const std::string &why) {
-      tell(path + ':' + std::to_string(number) + ':' + std::to_string(column) + ": " + why);
-      good = false;
-    };
-    const auto parsed = parse_command(text);
-    if (const auto *error = std::get_if<command_error>(&parsed)) {
-      wrong(error->column, error->text);
-      continue;
-    }
-    const command &c = std::get<command>(parsed);
-    runs = runs && c.what != verb::quit;
-    if (const auto refused = runs ? refuses_at_start(so_far, c) : std::nullopt)
-      wrong(c.columns[refused->word], refused->text);
-    else
-      so_far.enter(c);
-    lines.push_back({number, c});
-  }
-  if (!file.is_open() || file.bad()) {
+  const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (file.number < 0) {
     tell(path + ": " + strerror(errno));
     return false;
   }
-  return good;
+  ledger so_far;
+  line_reader input(file.number);
+  bool good = true, runs = true;
+  const auto wrong = [&](size_t column, const std::string &why) {
+    tell(path + ':' + std::to_string(input.number()) + ':' + std::to_string(column) + ": " + why);
+    good = false;
+  };
+  for (bool more = true; more;) {
+    more = input.read_some();
+    while (const auto text = input.next()) {
+      if (input.too_long()) {
+        wrong(line_reader::kMaxLine + 1, line_reader::too_long_text());
+        return false;
+      }
+      const auto parsed = parse_command(*text);
+      if (const auto *error = std::get_if<command_error>(&parsed)) {
+        wrong(error->column, error->text);
+        continue;
+      }
+      const command &c = std::get<command>(parsed);
+      runs = runs && c.what != verb::quit;
+      if (const auto refused = runs ? refuses_at_start(so_far, c) : std::nullopt)
+        wrong(c.columns[refused->word], refused->text);
+      else
+        so_far.enter(c);
+      lines.push_back({input.number(), c});
+    }
+  }
+  if (input.error() == 0) return good;
+  tell(path + ": " + strerror(input.error()));
+  return false;
 }
 
 }  // namespace agent

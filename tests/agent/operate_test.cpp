@@ -6,6 +6,7 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 
 #include "agent/control.h"
@@ -39,7 +40,7 @@ std::vector<std::string> errors_of(const std::string &text) {
 TEST(StartFile, TellsEveryErrorWithoutRunning) {
   EXPECT_EQ(errors_of("vrf add A table 1 import 1:1\nroute add 1.0.0.0/8\nwatch 1 A\nresend 1 A\n"
                       "resend 1\ninterval 5\nshow state\nshow nexthops A\nexplain 1.2.3.4 A\n"
-                      "unwatch 1\nwatch 1\nroute del 1.0.0.0/8\nvrf del A\nwatch 2 NOT-YET\n"
+                      "unwatch 1\r\nwatch 1\nroute del 1.0.0.0/8\n\r\nvrf del A\nwatch 2 NOT-YET\n"
                       "vrf add A table 1 import 1:1\nquit\nvrf del B\nwatch 1\n"),
             std::vector<std::string>{});
   EXPECT_EQ(
@@ -65,6 +66,10 @@ TEST(StartFile, TellsEveryErrorWithoutRunning) {
           "20:6: expected 'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions' or "
           "'pools', not 'it'",
           "22:7: expected a number from 0 to 4294967295, not 'x'"}));
+  // An endless line would be read for ever.
+  EXPECT_EQ(errors_of("help\n" + std::string(65536, '#') + "\r\n#" + std::string(65536, '#') +
+                      "\nwatch x"),
+            std::vector<std::string>{"3:65537: the line has more than 65536 characters"});
 }
 
 // ---- The control socket ----
@@ -123,7 +128,7 @@ TEST(Control, AnswersEachClientInItsForm) {
   ASSERT_EQ(w.served.open(kPlace, 0640), "");
   EXPECT_EQ(mode_of(kPlace), 0640u);
   peer text(kPlace), object(kPlace);
-  text.say("a\nb");
+  text.say("a\r\nb");
   object.say("json\nc\nwrong\nrefused\n");
   w.turn();
   EXPECT_EQ(text.heard(), "text a\n\n");
@@ -134,7 +139,7 @@ TEST(Control, AnswersEachClientInItsForm) {
   w.turn();
   EXPECT_EQ(text.heard(),
             "text bc\n\nerror: column 3: what\n\nerror: why\n\n"
-            "error: more than 65536 characters\n\n\n");
+            "error: the line has more than 65536 characters\n\n\n");
   EXPECT_EQ(text.heard(), "END");
   object.say("last");
   shutdown(object.fd.number, SHUT_WR);
@@ -240,7 +245,7 @@ TEST(Progress, RewritesALineOrAddsOneNowAndThen) {
 
 // ---- The service manager ----
 
-TEST(Watchdog, IsFedOnlyWhileAlive) {
+TEST(ServiceManager, IsWaitedForAndFedOnlyWhileAlive) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   // A name outside the file system.
@@ -263,6 +268,15 @@ TEST(Watchdog, IsFedOnlyWhileAlive) {
   EXPECT_EQ(std::string(text, 10), "WATCHDOG=1");
   EXPECT_GE(asked, 3);
   EXPECT_LT(std::chrono::steady_clock::now() - begun, 4 * kLimit) << "three times in the limit";
+
+  // The socket fills up: whoever says that he is ready waits for room, so long.
+  std::chrono::nanoseconds waited{};
+  for (int i = 0; i < 5000 && waited < kLimit / 4; ++i) {
+    const auto before = std::chrono::steady_clock::now();
+    notify_service("READY=1", kLimit / 2);
+    waited = std::chrono::steady_clock::now() - before;
+  }
+  EXPECT_GE(waited, kLimit / 4);
   unsetenv("NOTIFY_SOCKET");
 
   for (const auto &[limit, process, expected] :
