@@ -1,5 +1,5 @@
 // Sockets are read when poll() says so, 64 KiB a turn, so that no router keeps the RIB thread from
-// the others. Recordings are read on the caller's thread, which may block on a pipe, and handed
+// the others. Recordings are read on the caller's thread, which may wait for a pipe, and handed
 // over chunk by chunk, so that dumps and other jobs have their turn in between.
 #include "agent/bmp_station.h"
 
@@ -236,8 +236,9 @@ void bmp_station::end(connection &from, const std::string &error) {
   std::erase_if(connections_, [&](const auto &open) { return open.get() == &from; });
 }
 
-std::string bmp_station::replay(const std::string &path, progress *reading) {
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+std::string bmp_station::replay(const std::string &path, progress *reading, const awaiter &await) {
+  // Opening a pipe must not wait for its writer either.
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | (await ? O_NONBLOCK : 0));
   if (fd < 0) return error_text(path.c_str());
 
   bmp_session *session = nullptr;
@@ -252,8 +253,12 @@ std::string bmp_station::replay(const std::string &path, progress *reading) {
   uint64_t routes = 0;
   if (reading != nullptr) reading->begin(path, "routes read");
   for (bool more = true; more;) {
+    if (await && !await(fd)) {
+      error = "not read to its end";
+      break;
+    }
     const ssize_t size = read(fd, chunk.data(), chunk.size());
-    if (size < 0 && errno == EINTR) continue;
+    if (size < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (size < 0) error = error_text("read");
     more = size > 0;
     if (!more) break;

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -90,10 +91,14 @@ class bmp_station {
   /// what failed. Port 0 takes a free one; the diagnostics tell which.
   std::string listen(const std::string &address_port);
 
+  /// Returns once a descriptor can be read; false: it is not to be read any more.
+  using awaiter = std::function<bool(int fd)>;
+
   /// Reads a recorded byte stream to its end. Returns an empty string, or what failed. What it
-  /// brought stays. From any thread but the RIB thread. `reading` is told how
-  /// far it is.
-  std::string replay(const std::string &path, progress *reading = nullptr);
+  /// brought stays. From any thread but the RIB thread. `reading` is told how far it is; `await`
+  /// is called before each part is read, of 64 KiB at most.
+  std::string replay(const std::string &path, progress *reading = nullptr,
+                     const awaiter &await = nullptr);
 
   /// From any thread but the RIB thread.
   std::vector<session_info> sessions();

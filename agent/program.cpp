@@ -1,7 +1,8 @@
-// The main thread reads and runs commands, its own and the control socket's. Beside it there are
-// the event manager's thread, the RIB's, the output's writer, and the module's own; the metrics'
-// server and the watchdog's when asked for. All but the module's end before the main thread does;
-// the module has no shutdown, so it is left without clients, and its event manager stays.
+// The main thread reads the recording, then commands; those of the control socket it runs
+// meanwhile. Beside it there are the event manager's thread, the RIB's, the output's writer, and
+// the module's own; the metrics' server and the watchdog's when asked for. All but the module's end
+// before the main thread does; the module has no shutdown, so it is left without clients, and its
+// event manager stays.
 #include "agent/program.h"
 
 #include <fcntl.h>
@@ -122,7 +123,7 @@ class agent_program {
         metrics_([this] {
           return metrics_page({routes_, loop_, station_, out_});
         }) {
-    loop_.tell_progress_to(progress_);
+    loop_.tell_progress_to(dumps_);
   }
 
   /// The exit status.
@@ -175,11 +176,17 @@ class agent_program {
     return true;
   }
 
-  /// False: something can't be listened on, which was told.
-  bool open_sockets() {
+  /// For who looks at the agent. False: something can't be listened on, which was told.
+  bool open_to_operators() {
     std::string error;
     if (!options_.control.empty()) error = control_.open(options_.control, options_.control_mode);
     if (error.empty() && !options_.metrics.empty()) error = metrics_.listen(options_.metrics);
+    note(error);
+    return error.empty();
+  }
+
+  bool open_to_routers() {
+    std::string error;
     for (const std::string &address : options_.listen)
       if (error.empty()) error = station_.listen(address);
     note(error);
@@ -192,14 +199,20 @@ class agent_program {
     if (limit.count() > 0) watchdog_.emplace(limit, [this] { return pace_.module_answers(); });
   }
 
+  void replay() {
+    notify_service("STATUS=reading " + printable(options_.replay));
+    const std::string error =
+        station_.replay(options_.replay, &replay_, [this](int fd) { return await_input(fd); });
+    if (out_.closed()) return;  // a reader who left had enough of the recording too
+    note(error);
+    loop_.settle();
+  }
+
   void run_input() {
-    if (!options_.replay.empty()) {
-      notify_service("STATUS=reading " + printable(options_.replay));
-      note(station_.replay(options_.replay, &progress_));
-      loop_.settle();
-    }
     end_on_signals();  // until here there is nothing that a signal should not just end
-    if (!open_sockets()) return;
+    if (!open_to_operators()) return;
+    if (!options_.replay.empty()) replay();
+    if (ended() || !open_to_routers()) return;
     tell_ready();
     for (const std::string &line : options_.commands) {
       if (ended()) return;
@@ -219,6 +232,13 @@ class agent_program {
     failed_ = true;
     out_.flush();
     complain(error);
+  }
+
+  progress progress_line() {
+    return {isatty(STDERR_FILENO) != 0, std::chrono::steady_clock::now,
+            [this](std::string_view text) {
+              if (!terminal_.shown()) show_status(text);
+            }};
   }
 
   show_as form() const { return out_.json() ? show_as::object : show_as::table; }
@@ -260,11 +280,12 @@ class agent_program {
     note(execute(where, line));
   }
 
-  /// Waits for standard input, and serves the control socket meanwhile; false: the agent is to end.
-  bool await_input(bool input_open) {
+  /// Waits until `fd` can be read (-1: never), and serves the control socket meanwhile; false: the
+  /// agent is to end.
+  bool await_input(int fd) {
     constexpr size_t kWake = 0, kInput = 1, kControl = 2;
     while (!ended()) {
-      polled_.assign({{wake_fd, POLLIN, 0}, {input_open ? STDIN_FILENO : -1, POLLIN, 0}});
+      polled_.assign({{wake_fd, POLLIN, 0}, {fd, POLLIN, 0}});
       if (control_.is_open()) control_.add_polled(polled_);
       if (poll_or_tell(polled_, -1, told_poll_) == 0) continue;
       if (polled_[kWake].revents != 0) return false;
@@ -279,19 +300,18 @@ class agent_program {
     if (ended()) return;
     if (options_.listen.empty() && !control_.is_open() && !metrics_.is_open()) return;
     complain("standard input is at its end; listening until SIGINT or SIGTERM");
-    await_input(false);
+    await_input(-1);
   }
 
   void pipe_loop() {
     line_reader input(STDIN_FILENO);
-    while (await_input(true)) {
+    while (await_input(STDIN_FILENO)) {
       const bool more = input.read_some();
       while (const auto line = input.next()) {
         if (ended()) return;
         const std::string where = "standard input:" + std::to_string(input.number());
         if (input.too_long()) {
-          note(where + ": the line has more than " + std::to_string(line_reader::kMaxLine) +
-               " characters");
+          note(where + ": " + line_reader::too_long_text());
         } else {
           run_line(where, *line);
         }
@@ -302,7 +322,7 @@ class agent_program {
 
   void prompt_loop() {
     terminal_.show();
-    while (await_input(true)) {
+    while (await_input(STDIN_FILENO)) {
       std::optional<std::string> line;
       if (!terminal_.read_key(line)) continue;
       if (!line) return await_end();
@@ -334,10 +354,8 @@ class agent_program {
   control control_;
   metrics_server metrics_;
   std::optional<watchdog> watchdog_;
-  progress progress_{isatty(STDERR_FILENO) != 0, std::chrono::steady_clock::now,
-                     [this](std::string_view text) {
-                       if (!terminal_.shown()) show_status(text);
-                     }};
+  // A dump that the control socket asks for comes in the middle of the replay.
+  progress replay_ = progress_line(), dumps_ = progress_line();
 };
 
 }  // namespace

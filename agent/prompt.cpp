@@ -69,7 +69,7 @@ void prompt::show() {
 
 void prompt::hide() {
   scoped_lock held(lock_);
-  remove();
+  remove(false);
 }
 
 bool prompt::shown() const {
@@ -77,8 +77,12 @@ bool prompt::shown() const {
   return shown_;
 }
 
-void prompt::remove() {
-  if (std::exchange(shown_, false)) rl_callback_handler_remove();
+void prompt::remove(bool line_ended) {
+  if (!std::exchange(shown_, false)) return;
+  rl_callback_handler_remove();
+  if (line_ended) return;
+  putchar('\n');
+  fflush(stdout);
 }
 
 bool prompt::read_key(std::optional<std::string> &line) {
@@ -86,7 +90,7 @@ bool prompt::read_key(std::optional<std::string> &line) {
   rl_callback_read_char();
   if (!std::exchange(shared.line_done, false)) return false;
   line = std::exchange(shared.line, std::nullopt);
-  remove();
+  remove(line.has_value());
   return true;
 }
 

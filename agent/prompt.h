@@ -33,6 +33,7 @@ class prompt {
   static bool possible();
 
   void show() TARVO_EXCLUDES(lock_);
+  /// What follows begins a line.
   void hide() TARVO_EXCLUDES(lock_);
   bool shown() const TARVO_EXCLUDES(lock_);
 
@@ -45,7 +46,7 @@ class prompt {
   int print_above(const std::function<int()> &print) TARVO_EXCLUDES(lock_);
 
  private:
-  void remove() TARVO_REQUIRES(lock_);
+  void remove(bool line_ended) TARVO_REQUIRES(lock_);
 
   completer complete_;
   mutable mutex lock_;

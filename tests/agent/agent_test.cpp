@@ -1,7 +1,10 @@
 // The agent as its operator sees it: the built program, its lines, its exit status.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
+#include <pty.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -292,6 +295,68 @@ TEST(Agent, TakesCommandsOnItsControlSocket) {
   EXPECT_NE(access(socket.c_str(), F_OK), 0);
 }
 
+/// The program with a terminal at its ends.
+class terminal {
+ public:
+  explicit terminal(const std::string &arguments) {
+    pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
+    if (pid_ != 0) return;
+    setenv("TERM", "xterm", 1);
+    execl("/bin/sh", "sh", "-c", ("exec '" AGENT "' " + arguments).c_str(), nullptr);
+    _exit(127);
+  }
+  void type(const std::string &keys) {
+    EXPECT_EQ(write(fd_, keys.data(), keys.size()), ssize_t(keys.size()));
+  }
+  /// Reads on to the end of `part`, or of all.
+  std::string until(const std::string &part) {
+    std::string text;
+    pollfd more{fd_, POLLIN, 0};
+    for (char c; !text.ends_with(part) && poll(&more, 1, 10000) == 1 && read(fd_, &c, 1) == 1;)
+      text += c;
+    return text;
+  }
+  /// Hangs up, and gives the exit status, or the signal below 0.
+  int end() {
+    close(fd_);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  }
+
+ private:
+  int fd_ = -1;
+  pid_t pid_ = 0;
+};
+
+TEST(Agent, PromptsOnATerminal) {
+  const std::string socket = kConfig + ".sock";
+  child agent(kReplay + " --control " + socket);
+  after(agent, "standard input is at its end");
+  const struct {
+    std::string arguments, key;
+    int status;
+  } rows[] = {
+      {"--connect " + socket, "\x04", 0},
+      {"--connect " + socket, "\x03", -SIGINT},
+      {kReplay, "\x04", 0},
+      {kReplay, "\x03", 0},
+  };
+  const std::string answer = "10.255.3.3  10.255.3.3/32    CUST-A       1\r\n";
+  for (const auto &row : rows) {
+    terminal person(row.arguments);
+    person.until("tarvo> ");
+    for (const char *keys : {"sho\tnexthops C\tA\r", "\x1b[A\r"}) {  // completion; history
+      person.type(keys);
+      EXPECT_TRUE(person.until(answer).ends_with(answer)) << keys;
+      person.until("tarvo> ");
+    }
+    person.type(row.key);
+    EXPECT_TRUE(person.until("no such text").ends_with("\r\n")) << row.arguments;
+    EXPECT_EQ(person.end(), row.status) << row.arguments;
+  }
+}
+
 std::string ask_http(const std::string &port, const std::string &request) {
   const std::string shell =
       "exec 3<>/dev/tcp/127.0.0.1/" + port + "; printf '" + request +
@@ -361,6 +426,32 @@ TEST(Agent, ShowsItsMetricsAndNothingElse) {
   }
   const std::string docs = read_file(EXAMPLES "/../docs/metrics.md");
   EXPECT_EQ(docs.substr(docs.find("|---|---|---|---|\n") + 18), described);
+}
+
+TEST(Agent, CanBeLookedAtWhileItReplays) {
+  const std::string recording = kConfig + ".bmp", socket = kConfig + ".sock";
+  ASSERT_EQ(mkfifo(recording.c_str(), 0600), 0);
+  for (const bool whole : {true, false}) {
+    child agent("--config " + kExample + ".conf --replay " + recording + " --control " + socket +
+                " --metrics 0");
+    const std::string port = after(agent, "metrics on 127.0.0.1:");
+    if (whole) {
+      std::ofstream writer(recording);
+      writer << read_file(kExample + ".bmp") << std::flush;
+      const std::string shown = child("--json --connect " + socket, "show sessions").rest();
+      EXPECT_NE(shown.find("\"messages\":48,"), std::string::npos) << shown;
+      EXPECT_NE(ask_http(port, "GET /metrics").find("\ntarvo_bmp_messages_total 48\n"),
+                std::string::npos);
+      writer.close();
+      after(agent, "standard input is at its end");
+    }
+    agent.terminate();
+    const std::string told = agent.rest();
+    EXPECT_EQ(told.find(recording + ": not read to its end") == std::string::npos, whole) << told;
+    EXPECT_EQ(agent.end(), whole ? 0 : 1);
+    EXPECT_NE(access(socket.c_str(), F_OK), 0);
+  }
+  unlink(recording.c_str());
 }
 
 // All that is told to a service manager: ready once it listens, fed whether or not anybody watches.
