@@ -35,6 +35,8 @@ static bool tree_lives;
 static void check_tree(const wavl_tree_t *tree) {
   under_nd();
   require(tree != &tarvo_nd_nhop_tree || tree_lives, "a finished tree is touched");
+  require(tree->cmp == tarvo_nd_nhop_cmp || tree->cmp == tarvo_nd_tableid_cmp,
+          "a freed tree is touched");
 }
 
 #define CHECKED_TREE(result, name, parameters, arguments) \
@@ -54,8 +56,13 @@ CHECKED(void *, avl_get_first, (void *root), (root), under_nd())
 CHECKED(int, avl_walk, (void *root, int (*visit)(void *, void *), void *arg), (root, visit, arg),
         under_nd())
 
-// A freed element is spoilt, so that a late look at it shows; all have 32 bytes or more.
-CHECKED(void, chunk_free, (void *pool, void *element), (pool, element), memset(element, 0xdd, 32))
+// A freed element is spoilt, so that a late look at it shows.
+static size_t size_of_elements(const void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  if (pool == tarvo_nd_nhop_chunk) return sizeof(tarvo_nd_nhop_t);
+  return pool == tarvo_nd_table_chunk ? sizeof(tarvo_nd_nhop_table_t) : sizeof(tarvo_nd_work_req_t);
+}
+CHECKED(void, chunk_free, (void *pool, void *element), (pool, element),
+        memset(element, 0xdd, size_of_elements(pool)))
 
 static queue_t *workq;
 int ends, offered, handled, purged;

@@ -105,18 +105,19 @@ TEST(GuardedDeath, CompanionFailuresAreAsserted) {
 TEST(Locks, AreTakenUnderTheNameOfTheCall) {
   tarvo_nd_nhop_t out = {};
   tarvo_nd_nhop_table_t ref = {};
+  constexpr size_t kAlways = 4;  // from there on discovery is asked for before the lock is
   const std::vector<std::pair<std::function<void()>, std::set<std::string>>> kSites = {
       {[] { tarvo_nd_enqueue_rib_restart(); }, {"workQ tarvo_nd_work_enqueue"}},
       {[] { tarvo_nd_work_round(); },
        {"workQ tarvo_nd_process_work_req", "nd tarvo_nd_process_work_req"}},
-      {[] { tarvo_nd_set_rib_refresh_interval(300); }, {"nd tarvo_nd_set_rib_refresh_interval"}},
-      {[] { tarvo_nd_get_refresh_interval_remaining(); },
-       {"nd tarvo_nd_get_refresh_interval_remaining"}},
       {[] { w.now += 271000000000, w.expire(); },
        {"nd tarvo_nd_timer_handler", "workQ tarvo_nd_work_enqueue"}},
       {[] { tarvo_nd_enqueue_table_update("A", 7, 0), w.run(); },
        {"workQ tarvo_nd_work_enqueue", "workQ tarvo_nd_process_work_req",
         "nd tarvo_nd_process_work_req", "workQ tarvo_nd_del_nhop_update_from_work_req"}},
+      {[] { tarvo_nd_set_rib_refresh_interval(300); }, {"nd tarvo_nd_set_rib_refresh_interval"}},
+      {[] { tarvo_nd_get_refresh_interval_remaining(); },
+       {"nd tarvo_nd_get_refresh_interval_remaining"}},
       {[&] { tarvo_nd_first_nhop_by_tableid(0, &out); }, {"nd tarvo_nd_first_nhop"}},
       {[&] { tarvo_nd_next_nhop_by_tableid(0, 0, &out); }, {"nd tarvo_nd_next_nhop"}},
       {[&] { tarvo_nd_lookup_nhop_by_tableid(0, 0, &out); }, {"nd tarvo_nd_lookup_nhop"}},
@@ -129,16 +130,20 @@ TEST(Locks, AreTakenUnderTheNameOfTheCall) {
       {[&] { tarvo_nd_lookup_tableid(0, "", &ref); }, {"nd tarvo_nd_lookup_tableid"}}};
   w.start();
   tarvo_nd_enqueue_table_update("A", 7, 1);
-  w.client(1);
-  w.fail_next("pthread_mutex_trylock", 1, 16);  // as if busy, so that the lock is announced
+  w.run();
   w.for_good = true;
-  for (const auto &[call, expected] : kSites) {
-    w.take();
-    call();
-    std::set<std::string> names;
-    for (const std::string &line : w.take())
-      if (line.starts_with("block ")) names.insert(line.substr(6));
-    EXPECT_EQ(names, expected);
+  for (const bool active : {false, true}) {
+    w.fail_next("");
+    if (active) w.client(1);
+    w.fail_next("pthread_mutex_trylock", 1, 16);  // as if busy, so that the lock is announced
+    for (size_t i = active ? 0 : kAlways; i < kSites.size(); ++i) {
+      w.take();
+      kSites[i].first();
+      std::set<std::string> names;
+      for (const std::string &line : w.take())
+        if (line.starts_with("block ")) names.insert(line.substr(6));
+      EXPECT_EQ(names, active ? kSites[i].second : std::set<std::string>{}) << i;
+    }
   }
 }
 

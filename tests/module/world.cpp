@@ -279,6 +279,7 @@ void *mgd_timer_tree_new(sigevent *event, int zero) {
 void *mgd_timer_leaf_new(void *tree, int zero1, unsigned type, int zero2) {
   errno = w.error;
   require(tree == &leaves && zero1 == 0 && zero2 == 0, "another kind of timer");
+  require(type == (leaves.empty() ? 7 : 8), "the timers are made in another order");
   if (w.failing("timer_leaf", type == 7 ? "refresh" : "clear")) return nullptr;
   return &leaves.emplace_back(mgd_timer_leaf{type, kStopped});
 }
@@ -391,6 +392,12 @@ static const char *tree_name(const void *tree, bool of_one_order) {
   return tree == &tarvo_nd_nhop_tree ? "next hops" : "references";
 }
 
+// The next hops are walked while there is a place for them.
+static const char *walkable(const wavl_tree_t *tree) TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  require(tree != &tarvo_nd_nhop_tree || tarvo_nd_nhop_chunk != nullptr, "no tree is walked");
+  return nullptr;
+}
+
 static void *first_pool(void *pool) {
   if (w.workq_pool == nullptr) w.workq_pool = pool;
   return pool;
@@ -411,6 +418,8 @@ WRAPPED(int, wavl_init, tree_name(tree, n == 1 && zero == 0),
 WRAPPED(void *, wavl_insert_thread, tree_name(tree, n == 0),
         (wavl_tree_t * tree, unsigned long n, void *node), nullptr,
         __real_wavl_insert_thread(tree, n, node))
+WRAPPED(void *, wavl_get_first, walkable(tree), (wavl_tree_t * tree, unsigned long n), nullptr,
+        __real_wavl_get_first(tree, n))
 WRAPPED(int, sigemptyset, "", (sigset_t * set), 1, __real_sigemptyset(set))
 WRAPPED(int, sigaddset, n == SIGRTMIN + 6 ? "6" : "10", (sigset_t * set, int n), 1,
         __real_sigaddset(set, n))
@@ -459,6 +468,9 @@ extern "C" int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *at
                                      void *(*entry)(void *), void *argument) {
   if (entry != tarvo_nd_process_work_req)
     return __real_pthread_create(thread, attributes, entry, argument);
+  sigset_t blocked;
+  __real_pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  require(sigismember(&blocked, SIGRTMIN + 10) == 1, "the worker takes the signals");
   if (w.failing("pthread_create") || attributes != nullptr || argument != nullptr) return w.error;
   if (!w.threaded) return 0;
   const int result = __real_pthread_create(thread, attributes, entry, argument);
