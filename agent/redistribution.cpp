@@ -168,10 +168,11 @@ void redistribution::group_dumped() {
   dumped_.swap(grouped_);
 }
 
+// What the pass met is added before changes remove anything, so that no next hop goes and comes.
 void redistribution::flush() {
-  hand_over_all(changes_);
   group_dumped();
   hand_over_all(dumped_);
+  hand_over_all(changes_);
 }
 
 std::optional<uint32_t> redistribution::seconds_since_report(uint32_t nexthop) const {

@@ -84,7 +84,7 @@ class redistribution {
     dumped_.push_back({slot, tables_[slot].generation, nexthop, true});
     if (dumped_.size() >= kDumped) flush();
   }
-  /// Hands the reports over, changes first: a pass follows them. Waits while too much is queued.
+  /// Hands the reports over; waits while too much is queued.
   void flush();
 
   /// Reports handed over. Any thread.

@@ -56,6 +56,7 @@ class fake_module {
     }));
     return TARVO_ND_OK;
   }
+  size_t fences() const { return answers_.size(); }
   table_counts counts() {
     std::lock_guard held(lock_);
     return counts_;
@@ -343,6 +344,14 @@ TEST(Fence, WithoutMemoryNothingHangs) {
   EXPECT_FALSE(w.pace.pass([] { ADD_FAILURE() << "handed over behind a closed fence"; }));
   EXPECT_FALSE(w.pace.open());
   w.pace.wait();
+}
+
+TEST(Fence, StandsBeforeAndBehindABurst) {
+  world w;
+  size_t before = w.module.fences(), within = 0;
+  w.pace.pass([&] { within = w.module.fences(); });
+  EXPECT_EQ(within, before + 1);
+  EXPECT_EQ(w.module.fences(), before + 2);
 }
 
 // While the module stands still, the RIB queues one burst and no more.
