@@ -56,7 +56,7 @@ constexpr std::string_view kMnemonics[] = {TARVO_MESSAGES(X)};
 constexpr unsigned kIndices[] = {TARVO_MESSAGES(X)};
 #undef X
 
-constexpr bool identifiers_are_alphabetical_positions() {
+consteval bool identifiers_are_alphabetical_positions() {
   for (unsigned i = 0; i < std::size(kMnemonics); ++i) {
     if (kIndices[i] != i) return false;
     if (i > 0 && !(kMnemonics[i - 1] < kMnemonics[i])) return false;

@@ -46,12 +46,12 @@ consteval uint64_t elements_offset() {
   return 0;
 }
 
-constexpr bool same(const native_member &m, std::string_view name, uint64_t offset, uint64_t size) {
+consteval bool same(const native_member &m, std::string_view name, uint64_t offset, uint64_t size) {
   return m.name == name && m.offset == offset && m.size == size;
 }
 
 /// The member of an element that is no union; `offset` are the element's offsets.
-constexpr bool same_field(const bag::element &e, const uint64_t *offset, const native_member &m) {
+consteval bool same_field(const bag::element &e, const uint64_t *offset, const native_member &m) {
   bag::storage storage;
   return bag::element_storage(e, type_storage, storage) &&
          same(m, e.field, offset[0], storage.size) && m.pointer == (e.kind == 's') &&
@@ -59,7 +59,7 @@ constexpr bool same_field(const bag::element &e, const uint64_t *offset, const n
 }
 
 /// Takes the members of a union off `next`.
-constexpr bool same_union(const bag::element &e, const uint64_t *offset,
+consteval bool same_union(const bag::element &e, const uint64_t *offset,
                           const native_member *&next) {
   if (!same(*next++, e.discriminator, offset[0], sizeof(uint32_t))) return false;
   bag::arm a;
