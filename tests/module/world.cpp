@@ -197,8 +197,9 @@ static void report_routes(uint32_t table_id) {
     tarvo_nd_enqueue_nhop_update(table_id, htonl(host), 5);
 }
 
-int tarvo_rib_ipv4_redist(uint32_t table_id, int on) {
+int tarvo_rib_ipv4_redist(uint32_t table_id, int on) TARVO_NO_THREAD_SAFETY_ANALYSIS {
   require(on == 0 || on == 1, "neither on nor off");
+  require(on == 0 || tarvo_nd_nhop_chunk != nullptr, "reports are asked for without a place");
   w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
          (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
   if (w.refused.contains(table_id)) return -1;
