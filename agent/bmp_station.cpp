@@ -187,6 +187,7 @@ void bmp_station::accepted(descriptor fd, const std::string &router) {
   connection &from = *fresh;
   loop_.add_fd(from.fd.number, POLLIN, [this, &from](short) { connection_ready(from); });
   connections_.push_back(std::move(fresh));  // there is room
+  tell(router + ": connected");
 }
 
 // Without a descriptor to accept it on, a waiting connection would wake the loop for ever.
@@ -228,7 +229,9 @@ void bmp_station::end(connection &from, const std::string &error) {
   loop_.remove_fd(from.fd.number);
   try {
     ended_.push_back(from.session.info());
-    ended_totals_.add(ended_.back());
+    const session_info &last = ended_.back();
+    ended_totals_.add(last);
+    tell(last.router + ": ended, " + std::to_string(last.messages) + " messages");
     if (ended_.size() > kEndedKept) ended_.pop_front();
   } catch (const std::bad_alloc &) {  // the account of it is all that is lost
   }

@@ -5,7 +5,8 @@
 // public calls hand their work over to that thread. Bounds: 64 connections at a time, further ones
 // are closed; the accounts of 64 ended ones. A router owes a message once it has begun one, and its
 // first ones until it has introduced a peer: one that brings none for the idle time is closed. Else
-// it may be silent; whether it still is there, TCP's own probes find out.
+// it may be silent; whether it still is there, TCP's own probes find out. That it came and that it
+// ended is told, a line each, as often as it does.
 #pragma once
 
 #include <chrono>

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <optional>
 
+#include "agent/fence.h"
 #include "agent/text.h"
 #include "tarvo/records.h"
 
@@ -14,7 +15,8 @@ namespace agent {
 namespace {
 
 constexpr command_form kForms[] = {
-    {"vrf add NAME table ID import RT...", verb::vrf_add, "a VRF, its table and what it imports"},
+    {"vrf add NAME table TABLE import RT...", verb::vrf_add,
+     "a VRF, its table and what it imports"},
     {"vrf del NAME", verb::vrf_del, "take a VRF away"},
     {"route add PREFIX", verb::route_add, "a route of the global table, which makes PEs reachable"},
     {"route del PREFIX", verb::route_del, "take such a route away; seen at the next refresh"},
@@ -31,6 +33,7 @@ constexpr command_form kForms[] = {
     {"show state", verb::show_state, "seconds left of the refresh cycle"},
     {"show sessions", verb::show_sessions, "BMP sessions"},
     {"show pools", verb::show_pools, "memory pools"},
+    {"show config", verb::show_config, "the commands that would make what was set"},
     {"trace on", verb::trace_on, "debug traces to standard error"},
     {"trace off", verb::trace_off, "no debug traces"},
     {"help", verb::help, "this list"},
@@ -77,17 +80,21 @@ std::optional<uint32_t> read_address(std::string_view text) {
 }
 
 bool read_name(std::string_view text, command &into) {
-  const auto control = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
-  if (text.size() >= TARVO_ND_VRF_NAME_SIZE || std::ranges::any_of(text, control)) return false;
+  if (text.size() >= TARVO_ND_VRF_NAME_SIZE || printable(text) != text) return false;
   into.vrf = text;
   return true;
 }
 
 bool read_u32(std::string_view text, command &into) { return read_number(text, into.number); }
 
+/// The last one is the fence's.
+bool read_client(std::string_view text, command &into) {
+  return read_u32(text, into) && into.number != fence::kClientId;
+}
+
 /// What is left of an interval is told as a signed number.
 bool read_seconds(std::string_view text, command &into) {
-  return read_u32(text, into) && into.number <= INT32_MAX;
+  return read_u32(text, into) && into.number >= 1 && into.number <= INT32_MAX;
 }
 
 bool read_nexthop(std::string_view text, command &into) {
@@ -136,15 +143,17 @@ struct value_kind {
 };
 
 constexpr value_kind kValues[] = {
-    {"NAME", "a VRF name (at most 244 characters)", read_name},
-    {"VRF", "a VRF name (at most 244 characters)", read_name},
-    {"ID", "a number from 0 to 4294967295", read_u32},
-    {"SECONDS", "seconds (0 to 2147483647)", read_seconds},
-    {"ADDRESS", "an address as 10.255.1.1", read_nexthop},
+    {"NAME", "a VRF name (UTF-8, at most 244 bytes)", read_name},
+    {"VRF", "a VRF name (UTF-8, at most 244 bytes)", read_name},
+    {"TABLE", "a number from 0 to 4294967295", read_u32},
+    {"ID", "a number from 0 to 4294967294", read_client},
+    {"SECONDS", "seconds (1 to 2147483647)", read_seconds},
+    {"ADDRESS", "an IPv4 address as 10.255.1.1", read_nexthop},
     {"PREFIX", "a prefix as 10.255.1.0/24, without host bits", read_prefix},
     {"RT", "a route target as 65000:1, 10.255.1.1:7 or 4200000002:9", read_target},
 };
-static_assert(TARVO_ND_VRF_NAME_SIZE == 245, "named in the texts above");
+static_assert(TARVO_ND_VRF_NAME_SIZE == 245 && fence::kClientId == 4294967295,
+              "named in the texts above");
 
 // ---- Forms ----
 

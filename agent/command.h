@@ -35,6 +35,7 @@ enum class verb {
   show_state,
   show_sessions,
   show_pools,
+  show_config,
   trace_on,
   trace_off,
   help,
@@ -54,7 +55,7 @@ struct command {
 
 struct command_error {
   size_t column = 0;  ///< from 1
-  std::string text;
+  std::string text;   ///< empty: there is none
 };
 
 /// One form of a command. Words in lower case stand for themselves; those in capitals for a value;

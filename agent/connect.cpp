@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstring>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "agent/output.h"
 #include "agent/program.h"
 #include "agent/prompt.h"
+#include "agent/text.h"
 
 namespace agent {
 
@@ -29,7 +31,7 @@ namespace {
 
 struct answer {
   std::vector<std::string> lines;
-  std::string error;  ///< why the command was refused, or empty
+  command_error error;  ///< why the command was refused, if it was
 };
 
 class connected {
@@ -47,14 +49,14 @@ class connected {
     const bool fits = path_.size() < sizeof address.sun_path;
     if (fits) memcpy(address.sun_path, path_.data(), path_.size());
     if (!fits || connect(fd(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) {
-      complain(path_ + ": " + strerror(errno));
+      complain(name_ + (errno == ECONNREFUSED ? "no agent listens there" : strerror(errno)));
       return false;
     }
     if (!json_) return true;
     answer got;
     if (!ask("json", got)) return false;
-    if (!got.error.empty()) complain(path_ + ": " + got.error);
-    return got.error.empty();
+    if (!got.error.text.empty()) complain(name_ + got.error.text);
+    return got.error.text.empty();
   }
 
   /// False: the connection is at its end, which was told; or a signal came.
@@ -74,7 +76,7 @@ class connected {
       if (!await_answer()) return false;
       more = in_.read_some();
     }
-    complain(path_ + ": the agent closed the connection");
+    complain(name_ + "the agent closed the connection");
     return false;
   }
 
@@ -85,7 +87,7 @@ class connected {
   std::vector<std::string> vrf_names() {
     answer shown;
     std::vector<std::string> names;
-    if (!ask("show vrfs", shown) || !shown.error.empty()) return names;
+    if (!ask("show vrfs", shown) || !shown.error.text.empty()) return names;
     if (!json_) {
       for (size_t i = 1; i < shown.lines.size(); ++i)
         names.push_back(shown.lines[i].substr(0, shown.lines[i].find(' ')));
@@ -108,25 +110,39 @@ class connected {
     return fds[0].revents == 0;
   }
 
-  /// Takes an error out of the lines.
+  /// Takes an error out of the lines; its object stays among them.
   bool settle(answer &of) const {
     if (of.lines.empty()) return true;
     constexpr std::string_view kError = "error: ";
-    const std::string &first = of.lines.front();
+    std::string_view first = of.lines.front();
     if (first.starts_with(kError)) {  // also before the agent knows of the other form
-      of.error = first.substr(kError.size());
+      first.remove_prefix(kError.size());
+      of.error = read_error(first);
+      of.lines.clear();
     } else if (json_) {
       const json object = json::parse(first, nullptr, false);
       if (!object.is_object()) return true;
       const json column = object.value("column", json());
-      of.error = (column.is_number() ? "column " + column.dump() + ": " : "") +
-                 object.value("error", std::string());
+      of.error = {column.is_number() ? column.get<size_t>() : 0,
+                  object.value("error", std::string())};
     }
-    if (!of.error.empty()) of.lines.clear();
     return true;
   }
 
+  /// Reads "column 3: TEXT", or TEXT alone.
+  static command_error read_error(std::string_view text) {
+    constexpr std::string_view kColumn = "column ", kEnd = ": ";
+    size_t column = 0;
+    const char *const last = text.data() + text.size();
+    if (!text.starts_with(kColumn)) return {0, std::string(text)};
+    const auto [stop, wrong] = std::from_chars(text.data() + kColumn.size(), last, column);
+    const std::string_view rest(stop, static_cast<size_t>(last - stop));
+    if (wrong != std::errc() || !rest.starts_with(kEnd)) return {0, std::string(text)};
+    return {column, std::string(rest.substr(kEnd.size()))};
+  }
+
   const std::string path_;
+  const std::string name_ = "control socket " + path_ + ": ";
   const bool json_;
   const descriptor fd_;
   int signals_ = -1;
@@ -141,21 +157,22 @@ class session {
     if (!agent_.open()) return 1;
     if (given_.commands.empty() && prompt::possible()) return at_prompt();
     for (const std::string &line : given_.commands)
-      if (!run_line("--command '" + line + "'", line)) break;
+      if (!run_line("--command '" + printable(line) + "'", 0, line)) break;
     if (given_.commands.empty()) run_input();
     return failed_ ? 1 : 0;
   }
 
  private:
   /// False: no further line is run.
-  bool run_line(const std::string &where, const std::string &line) {
+  bool run_line(const std::string &source, size_t number, const std::string &line) {
     answer got;
     if (!agent_.ask(line, got)) {
       failed_ = true;
       return false;
     }
-    if (!got.error.empty()) complain(where + ": " + got.error);
-    failed_ |= !got.error.empty();
+    const bool refused = !got.error.text.empty();
+    if (refused) complain(place_text(source, number, got.error.column) + got.error.text);
+    failed_ |= refused;
     std::string text;
     for (const std::string &each : got.lines) text += each + '\n';
     const int error = write_to(STDOUT_FILENO)(text);
@@ -176,7 +193,7 @@ class session {
     for (bool more = true; more;) {
       more = input.read_some();
       while (const auto line = input.next()) {
-        if (!run_line("standard input:" + std::to_string(input.number()), *line)) return;
+        if (!run_line("standard input", input.number(), *line)) return;
       }
     }
   }
@@ -199,7 +216,7 @@ class session {
       terminal.hide();
       sigprocmask(SIG_UNBLOCK, &ending, nullptr);
       if (!line) break;
-      going_on = run_line(given_.connect, *line);
+      going_on = run_line(given_.connect, 0, *line);
       if (!going_on && !is_quit(*line)) return 1;
     }
     return 0;  // a person saw the errors

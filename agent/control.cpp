@@ -31,17 +31,6 @@ std::string name_of(int fd) {
          std::to_string(peer.uid) + ")";
 }
 
-std::string error_line(show_as as, const std::string &error, size_t column) {
-  const bool placed = column != 0;
-  if (as == show_as::object) {
-    return one_line({{"schema", kSchema},
-                     {"error", error},
-                     {"column", placed ? json(column) : json(nullptr)}}) +
-           '\n';
-  }
-  return "error: " + (placed ? "column " + std::to_string(column) + ": " : "") + error + '\n';
-}
-
 /// Removes the socket that nobody listens on any more. What stands in the way else, or nothing.
 std::string remove_stale(const std::string &path, const sockaddr_un &address) {
   struct stat found {};
@@ -179,12 +168,12 @@ void control::serve_client(client &of) {
 void control::answer_line(client &of, const std::string &line, bool too_long) {
   answer given;
   if (too_long)
-    given.error = line_reader::too_long_text();
+    given.error = {line_reader::kMaxLine + 1, line_reader::too_long_text()};
   else if (line == "json")
     of.as = show_as::object;
   else
     given = run_(line, of.as);
-  if (!given.error.empty()) given.lines += error_line(of.as, given.error, given.column);
+  if (!given.error.text.empty()) given.lines += show_refusal(of.as, given.error);
   of.answer = std::move(given.lines) + '\n';
   of.sent = 0;
   of.left = given.leave;

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/command.h"
 #include "agent/descriptor.h"
 #include "agent/show.h"
 
@@ -30,9 +31,8 @@ class control {
   static constexpr size_t kMaxUnsent = size_t{32} << 20;
 
   struct answer {
-    std::string lines;  ///< with their ends
-    std::string error;  ///< why the command was refused, or empty
-    size_t column = 0;  ///< of the error, from 1; 0: none
+    std::string lines;    ///< with their ends
+    command_error error;  ///< why the command was refused, if it was
     bool leave = false;
   };
   /// Runs a line.

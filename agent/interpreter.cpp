@@ -4,6 +4,7 @@
 
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "agent/agent_services.h"
 #include "agent/bmp_station.h"
@@ -91,11 +92,12 @@ vrf_totals totals_of(const std::vector<vrf_config> &vrfs, const std::vector<rout
 
 interpreter::interpreter(const parts &agent) : agent_(agent) {}
 
-std::string interpreter::run(const command &c, show_as as, std::string &answer) {
-  if (const auto refused = made_.refuses(c)) return refused->text;
-  const std::string refused = effect(c, as, answer);
-  if (refused.empty()) made_.enter(c);
-  return refused;
+command_error interpreter::run(const command &c, show_as as, std::string &answer) {
+  if (const auto refused = made_.refuses(c)) return {c.columns[refused->word], refused->text};
+  std::string failed = effect(c, as, answer);
+  if (!failed.empty()) return {c.columns.front(), std::move(failed)};
+  made_.enter(c);
+  return {};
 }
 
 std::string interpreter::effect(const command &c, show_as as, std::string &answer) {
@@ -114,7 +116,7 @@ std::string interpreter::effect(const command &c, show_as as, std::string &answe
       agent_.global.remove(c.prefix, c.length);
       return {};
     case verb::watch:
-      return agent_.watchers.watch(c.number, c.vrf);
+      return watch(c, as, answer);
     case verb::unwatch:
       return agent_.watchers.unwatch(c.number);
     case verb::resend:
@@ -141,6 +143,9 @@ std::string interpreter::effect(const command &c, show_as as, std::string &answe
       return {};
     case verb::show_pools:
       answer += show_pools(as, list_pools());
+      return {};
+    case verb::show_config:
+      answer += show_config(as, made_.commands());
       return {};
     case verb::help:
       answer += show_help(as);
@@ -178,6 +183,13 @@ std::string interpreter::vrf_del(const std::string &name) {
   return {};
 }
 
+std::string interpreter::watch(const command &c, show_as as, std::string &answer) {
+  std::string failed = agent_.watchers.watch(c.number, c.vrf);
+  if (failed.empty() && !c.vrf.empty() && made_.find_vrf(c.vrf) == nullptr)
+    answer += show_note(as, "no VRF '" + c.vrf + "' yet");
+  return failed;
+}
+
 std::string interpreter::rib_restart() {
   if (registered_tables().rib->rib_restart() == 0) return kNoMemory;
   agent_.loop.settle();
@@ -200,13 +212,9 @@ std::string interpreter::show_nexthops(const std::string &vrf, show_as as, std::
   const std::string refused = ask_nexthops(true, known);
   if (!refused.empty()) return refused;
 
-  if (!known && as == show_as::table) {
-    answer += std::string(kInactive) + '\n';
-    return {};
-  }
-  std::vector<oper_nexthop> nexthops = std::move(known).value_or(std::vector<oper_nexthop>{});
-  if (!vrf.empty()) keep_vrf(nexthops, vrf);
-  answer += agent::show_nexthops(as, vrf, nexthops);
+  if (!known) return kInactive;
+  if (!vrf.empty()) keep_vrf(*known, vrf);
+  answer += agent::show_nexthops(as, vrf, *known);
   return {};
 }
 
@@ -219,14 +227,15 @@ std::string interpreter::show_nexthop(uint32_t nexthop, show_as as, std::string 
 
 std::string interpreter::show_prefix(uint32_t nexthop, show_as as, std::string &answer) {
   json record;
-  const uint32_t code = oper_prefix(nexthop, record);
+  std::string prefix;
+  const uint32_t code = oper_prefix(nexthop, record, prefix);
   if (code == TARVO_ODS_ERR_NOT_FOUND) {
     std::vector<vrf_routes> vrfs_of;
     const std::string refused = ask_vrfs(nexthop, vrfs_of);
     return refused.empty() ? "no route covers next hop " + address_text(nexthop) : refused;
   }
   if (code != 0) return failure(code);
-  answer += agent::show_prefix(as, nexthop, record);
+  answer += agent::show_prefix(as, nexthop, record, prefix);
   return {};
 }
 

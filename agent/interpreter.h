@@ -35,9 +35,9 @@ class interpreter {
 
   explicit interpreter(const parts &agent);
 
-  /// An empty string, or why the command was refused. What it prints, lines with their ends, is
-  /// added to `answer`. To quit is its caller's.
-  std::string run(const command &c, show_as as, std::string &answer);
+  /// Why the command was refused, if it was. What it prints, lines with their ends, is added to
+  /// `answer`. To quit is its caller's.
+  command_error run(const command &c, show_as as, std::string &answer);
 
   std::vector<std::string> vrf_names() const;
 
@@ -45,6 +45,7 @@ class interpreter {
   std::string effect(const command &c, show_as as, std::string &answer);
   std::string vrf_add(const command &c);
   std::string vrf_del(const std::string &name);
+  std::string watch(const command &c, show_as as, std::string &answer);
   std::string rib_restart();
   std::string show_vrfs(show_as as, std::string &answer);
   std::string show_nexthops(const std::string &vrf, show_as as, std::string &answer);

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "agent/agent_services.h"
-#include "agent/fence.h"
+#include "agent/layout.h"
 #include "agent/text.h"
 
 namespace agent {
@@ -16,14 +16,20 @@ const vrf_config *ledger::find_vrf(const std::string &name) const {
 }
 
 std::optional<ledger::refusal> ledger::refuses_vrf(const command &c) const {
-  constexpr size_t kName = 2, kTable = 4;
+  constexpr size_t kName = 2, kTable = 4, kImport = 6;
   if (c.number == 0) return refusal{kTable, "table 0 stands for all tables"};
   const std::string table = "table " + std::to_string(c.number);
   if (c.number == kDefaultTableId) return refusal{kTable, table + " is the default table"};
   if (find_vrf(c.vrf) != nullptr) return refusal{kName, "VRF '" + c.vrf + "' exists already"};
   const auto holder = std::ranges::find(vrfs_, c.number, &vrf_config::table_id);
-  if (holder == vrfs_.end()) return std::nullopt;
-  return refusal{kTable, table + " is in use by VRF '" + holder->name + "'"};
+  if (holder != vrfs_.end())
+    return refusal{kTable, table + " is in use by VRF '" + holder->name + "'"};
+  std::set<route_target> seen;
+  for (size_t i = 0; i < c.imports.size(); ++i) {
+    if (!seen.insert(c.imports[i]).second)
+      return refusal{kImport + i, "route target " + target_text(c.imports[i]) + " comes twice"};
+  }
+  return std::nullopt;
 }
 
 std::optional<ledger::refusal> ledger::refuses_resend(const command &c) const {
@@ -32,6 +38,11 @@ std::optional<ledger::refusal> ledger::refuses_resend(const command &c) const {
   return refusal{2, "client " + std::to_string(c.number) + " watches " +
                         (watched.empty() ? "every VPN" : "'" + watched + "'") + ", not '" + c.vrf +
                         "'"};
+}
+
+std::optional<ledger::refusal> ledger::refuses_inactive() const {
+  if (!watches_.empty()) return std::nullopt;
+  return refusal{0, kInactive};
 }
 
 std::optional<ledger::refusal> ledger::refuses(const command &c) const {
@@ -44,8 +55,8 @@ std::optional<ledger::refusal> ledger::refuses(const command &c) const {
     case verb::vrf_del:
     case verb::show_nexthops:
     case verb::explain:
-      if (c.vrf.empty() || find_vrf(c.vrf) != nullptr) return std::nullopt;
-      return refusal{2, "no VRF '" + c.vrf + "'"};
+      if (!c.vrf.empty() && find_vrf(c.vrf) == nullptr) return refusal{2, "no VRF '" + c.vrf + "'"};
+      return c.what == verb::show_nexthops ? refuses_inactive() : std::nullopt;
     case verb::route_add:
       if (!routes_.contains({c.prefix, c.length})) return std::nullopt;
       return refusal{2, route + " was added already"};
@@ -53,8 +64,6 @@ std::optional<ledger::refusal> ledger::refuses(const command &c) const {
       if (routes_.contains({c.prefix, c.length})) return std::nullopt;
       return refusal{2, route + " was not added here"};
     case verb::watch:
-      if (c.number == fence::kClientId)
-        return refusal{1, "client ID " + std::to_string(c.number) + " is the agent's own"};
       if (!watches) return std::nullopt;
       return refusal{1, client + " watches already"};
     case verb::unwatch:
@@ -64,8 +73,7 @@ std::optional<ledger::refusal> ledger::refuses(const command &c) const {
     case verb::show_nexthop:
     case verb::show_prefix:
     case verb::show_state:
-      if (!watches_.empty()) return std::nullopt;
-      return refusal{0, kInactive};
+      return refuses_inactive();
     default:
       return std::nullopt;
   }
@@ -92,11 +100,29 @@ void ledger::enter(const command &c) {
       watches_.erase(c.number);
       return;
     case verb::interval:
-      interval_ = std::max(c.number, uint32_t{1});
+      interval_ = c.number;
+      return;
+    case verb::trace_on:
+    case verb::trace_off:
+      traces_ = c.what == verb::trace_on;
       return;
     default:
       return;
   }
+}
+
+std::vector<std::string> ledger::commands() const {
+  std::vector<std::string> lines;
+  for (const vrf_config &vrf : vrfs_)
+    lines.push_back("vrf add " + vrf.name + " table " + std::to_string(vrf.table_id) + " import " +
+                    joined(target_texts(vrf.imports)));
+  for (const auto &[prefix, length] : routes_)
+    lines.push_back("route add " + prefix_text(htonl(prefix), length));
+  lines.push_back("interval " + std::to_string(interval_));
+  if (traces_) lines.push_back("trace on");
+  for (const auto &[id, vrf] : watches_)
+    lines.push_back("watch " + std::to_string(id) + (vrf.empty() ? "" : ' ' + vrf));
+  return lines;
 }
 
 }  // namespace agent

@@ -30,15 +30,19 @@ class ledger {
   const std::vector<vrf_config> &vrfs() const { return vrfs_; }
   const vrf_config *find_vrf(const std::string &name) const;
   uint32_t interval() const { return interval_; }  ///< of the refresh cycle, in seconds
+  /// Those that make the same again from nothing.
+  std::vector<std::string> commands() const;
 
  private:
   std::optional<refusal> refuses_vrf(const command &c) const;
   std::optional<refusal> refuses_resend(const command &c) const;
+  std::optional<refusal> refuses_inactive() const;
 
   std::vector<vrf_config> vrfs_;
   std::set<std::pair<uint32_t, uint8_t>> routes_;
   std::map<uint32_t, std::string> watches_;  ///< the VRF by client; empty: every VPN
   uint32_t interval_ = 300;
+  bool traces_ = false;
 };
 
 }  // namespace agent

@@ -31,5 +31,7 @@ int main(int argc, char **argv) {
   const std::string &file = given.check_config.empty() ? given.config : given.check_config;
   std::vector<start_line> config;
   if (!file.empty() && !read_start_file(file, config, complain)) return 1;
-  return given.check_config.empty() ? run_agent(given, config) : 0;
+  if (given.check_config.empty()) return run_agent(given, config);
+  note_missing_vrfs(file, config, complain);
+  return 0;
 }

@@ -34,7 +34,7 @@ class page {
   }
   void value(uint64_t number) { text_ += name_ + ' ' + std::to_string(number) + '\n'; }
   void value(const char *label, const std::string &of, uint64_t number) {
-    // A label is quoted as in JSON, and has to be UTF-8 too, which a VRF's name need not be.
+    // A label is quoted as in JSON.
     text_ += name_ + '{' + label + '=' + one_line(of) + "} " + std::to_string(number) + '\n';
   }
   std::string take() { return std::move(text_); }

@@ -115,14 +115,8 @@ uint32_t list_nexthops(std::vector<uint32_t> &found) {
 
 uint32_t oper_state(json &record) { return get(TARVO_DISC_ITEM_STATE, nullptr, record); }
 
-uint32_t oper_prefix(uint32_t nexthop, json &record) {
-  return get(TARVO_DISC_ITEM_PREFIX, &nexthop, record);
-}
-
-uint32_t oper_covering_prefix(uint32_t nexthop, std::string &text) {
-  json record;
-  const uint32_t code = oper_prefix(nexthop, record);
-  if (code == TARVO_ODS_ERR_NOT_FOUND) return 0;
+uint32_t oper_prefix(uint32_t nexthop, json &record, std::string &text) {
+  const uint32_t code = get(TARVO_DISC_ITEM_PREFIX, &nexthop, record);
   if (code != 0) return code;
 
   const json address = record.value("TargetAddress", json());
@@ -130,6 +124,12 @@ uint32_t oper_covering_prefix(uint32_t nexthop, std::string &text) {
   if (!address.is_string() || !length.is_number_unsigned()) return kOperUnreadable;
   text = address.get<std::string>() + '/' + length.dump();
   return 0;
+}
+
+uint32_t oper_covering_prefix(uint32_t nexthop, std::string &text) {
+  json record;
+  const uint32_t code = oper_prefix(nexthop, record, text);
+  return code == TARVO_ODS_ERR_NOT_FOUND ? 0 : code;
 }
 
 uint32_t oper_vrfs(uint32_t nexthop, std::vector<vrf_routes> &routes) {

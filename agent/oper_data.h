@@ -37,10 +37,10 @@ struct oper_nexthop {
 
 [[nodiscard]] uint32_t oper_state(json &record);
 
-/// The route that covers a next hop. Not found without one.
-[[nodiscard]] uint32_t oper_prefix(uint32_t nexthop, json &record);
+/// The route that covers a next hop, also as text. Not found without one.
+[[nodiscard]] uint32_t oper_prefix(uint32_t nexthop, json &record, std::string &text);
 
-/// The same as text; empty without one.
+/// Its text alone; empty without one.
 [[nodiscard]] uint32_t oper_covering_prefix(uint32_t nexthop, std::string &text);
 
 /// The VRFs that refer to a next hop, by table ID. Not found without one.

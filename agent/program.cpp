@@ -20,6 +20,7 @@
 #include <span>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "agent/agent_services.h"
@@ -42,7 +43,6 @@
 #include "agent/rib_thread.h"
 #include "agent/service_manager.h"
 #include "agent/text.h"
-#include "platform/bag.h"
 #include "platform/event.h"
 #include "platform/thread_diag.h"
 #include "tarvo/discovery.h"
@@ -55,28 +55,39 @@ namespace {
 // ---- Ending: a signal or a closed output wakes the main thread ----
 
 int wake_fd = -1;
-volatile sig_atomic_t signalled = 0;
+volatile sig_atomic_t signalled = 0;  ///< which one came
+
+constexpr std::pair<int, const char *> kEnding[] = {
+    {SIGHUP, "SIGHUP"}, {SIGINT, "SIGINT"}, {SIGTERM, "SIGTERM"}};
 
 void wake_main() {
   const uint64_t one = 1;
   [[maybe_unused]] const ssize_t written = write(wake_fd, &one, sizeof one);
 }
 
-void on_signal(int) {
+void on_signal(int number) {
   const int saved = errno;
-  signalled = 1;
+  signalled = number;
   wake_main();
   errno = saved;
 }
 
 /// The second signal ends the process at once: the first may be waiting for a reader of standard
-/// output who stopped reading.
+/// output who stopped reading. Who ignores SIGHUP, as nohup does, means to outlive the terminal.
 void end_on_signals() {
   struct sigaction action {};
   action.sa_handler = on_signal;
   action.sa_flags = static_cast<int>(SA_RESETHAND | SA_RESTART);
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
+  struct sigaction before {};
+  for (const auto &[number, name] : kEnding) {
+    sigaction(number, nullptr, &before);
+    if (number != SIGHUP || before.sa_handler != SIG_IGN) sigaction(number, &action, nullptr);
+  }
+}
+
+void tell_signal() {
+  for (const auto &[number, name] : kEnding)
+    if (signalled == number) diagnose(std::string("tarvo-agent: ended by ") + name);
 }
 
 /// Tells what a start-up code other than 0 means.
@@ -130,6 +141,7 @@ class agent_program {
   int run(const std::vector<start_line> &config) {
     if (!start_module() || !run_config(config)) return 1;
     if (!ended()) run_input();
+    tell_signal();
     notify_service("STOPPING=1");
     watchdog_.reset();
     control_.close();
@@ -153,19 +165,14 @@ class agent_program {
     }
     install_services(reports_, global_);
     if (!succeeded("the module did not start", tarvo_nd_init(events))) return false;
-    if (!succeeded("the operational records were not registered",
-                   bag_register_all_manageability_tarvo_oper_bags(nullptr))) {
-      return false;
-    }
-    complain(std::to_string(bag_registered_count()) + " operational records registered");
-    return true;
+    return succeeded("the operational records were not registered",
+                     bag_register_all_manageability_tarvo_oper_bags(nullptr));
   }
 
   bool run_config(const std::vector<start_line> &config) {
     for (const start_line &line : config) {
       if (ended()) return true;
-      const std::string where = options_.config + ':' + std::to_string(line.number);
-      const std::string error = tell(where, run_command(line.what, form()));
+      const std::string error = tell(options_.config, line.number, run_command(line.what, form()));
       quit_ |= line.what.what == verb::quit;
       if (error.empty()) continue;
       out_.flush();
@@ -180,6 +187,7 @@ class agent_program {
   bool open_to_operators() {
     std::string error;
     if (!options_.control.empty()) error = control_.open(options_.control, options_.control_mode);
+    if (!error.empty()) error = "control socket " + error;
     if (error.empty() && !options_.metrics.empty()) error = metrics_.listen(options_.metrics);
     note(error);
     return error.empty();
@@ -216,7 +224,7 @@ class agent_program {
     tell_ready();
     for (const std::string &line : options_.commands) {
       if (ended()) return;
-      run_line("--command '" + line + "'", line);
+      run_line("--command '" + printable(line) + "'", 0, line);
     }
     if (prompt::possible()) {
       prompt_loop();
@@ -253,31 +261,31 @@ class agent_program {
   control::answer answer_to(const std::string &line, show_as as) {
     try {
       const auto parsed = parse_command(line);
-      if (const auto *error = std::get_if<command_error>(&parsed))
-        return {"", error->text, error->column, false};
+      if (const auto *error = std::get_if<command_error>(&parsed)) return {"", *error, false};
       return run_command(std::get<command>(parsed), as);
     } catch (const std::bad_alloc &) {
-      return {"", "out of memory", 0, false};
+      return {"", {0, "out of memory"}, false};
     }
   }
 
   /// Prints an answer; an empty string, or what is wrong and where.
-  std::string tell(const std::string &where, control::answer got) {
+  std::string tell(const std::string &source, size_t number, control::answer got) {
+    const bool refused = !got.error.text.empty();
+    if (refused && out_.json()) got.lines += show_refusal(show_as::object, got.error);
     if (!got.lines.empty()) out_.print(std::move(got.lines));
-    if (got.error.empty()) return {};
-    return where + (got.column == 0 ? "" : ':' + std::to_string(got.column)) + ": " + got.error;
+    return refused ? place_text(source, number, got.error.column) + got.error.text : "";
   }
 
-  std::string execute(const std::string &where, const std::string &line) {
+  std::string execute(const std::string &source, size_t number, const std::string &line) {
     control::answer got = answer_to(line, form());
     quit_ |= got.leave;
-    return tell(where, std::move(got));
+    return tell(source, number, std::move(got));
   }
 
   /// The line is shown before what it prints, so that the output reads like a dialogue.
-  void run_line(const std::string &where, const std::string &line) {
+  void run_line(const std::string &source, size_t number, const std::string &line) {
     if (!options_.json) out_.print("> " + printable(line) + '\n');
-    note(execute(where, line));
+    note(execute(source, number, line));
   }
 
   /// Waits until `fd` can be read (-1: never), and serves the control socket meanwhile; false: the
@@ -299,7 +307,7 @@ class agent_program {
   void await_end() {
     if (ended()) return;
     if (options_.listen.empty() && !control_.is_open() && !metrics_.is_open()) return;
-    complain("standard input is at its end; listening until SIGINT or SIGTERM");
+    complain("standard input is at its end; listening until a signal or quit");
     await_input(-1);
   }
 
@@ -309,11 +317,11 @@ class agent_program {
       const bool more = input.read_some();
       while (const auto line = input.next()) {
         if (ended()) return;
-        const std::string where = "standard input:" + std::to_string(input.number());
         if (input.too_long()) {
-          note(where + ": " + line_reader::too_long_text());
+          const command_error error{line_reader::kMaxLine + 1, line_reader::too_long_text()};
+          note(tell("standard input", input.number(), {"", error, false}));
         } else {
-          run_line(where, *line);
+          run_line("standard input", input.number(), *line);
         }
       }
       if (!more) return await_end();
@@ -327,7 +335,7 @@ class agent_program {
       if (!terminal_.read_key(line)) continue;
       if (!line) return await_end();
       // A person sees the error and corrects it: no reason to call the run a failure.
-      const std::string error = execute("standard input", *line);
+      const std::string error = execute("standard input", 0, *line);
       if (!error.empty()) complain(error);
       if (!ended()) terminal_.show();
     }

@@ -4,7 +4,6 @@
 #include <string_view>
 #include <utility>
 
-#include "agent/command.h"
 #include "agent/layout.h"
 #include "agent/text.h"
 
@@ -102,8 +101,9 @@ std::string show_nexthop(show_as as, uint32_t nexthop, std::span<const vrf_route
   return rows.lines();
 }
 
-std::string show_prefix(show_as as, uint32_t nexthop, const json &record) {
-  if (as == show_as::table) return record_table(record);
+std::string show_prefix(show_as as, uint32_t nexthop, const json &record,
+                        const std::string &prefix) {
+  if (as == show_as::table) return prefix + '\n';
   return show_line("prefix", {{"nexthop", address_text(nexthop)}, {"record", record}});
 }
 
@@ -153,6 +153,28 @@ std::string show_pools(show_as as, std::span<const pool_info> pools) {
               p.limit == 0 ? "-" : std::to_string(p.limit)});
   }
   return as == show_as::object ? show_line("pools", {{"pools", std::move(list)}}) : rows.lines();
+}
+
+std::string show_config(show_as as, std::span<const std::string> commands) {
+  if (as == show_as::object) return show_line("config", {{"commands", commands}});
+  std::string lines;
+  for (const std::string &command : commands) lines += command + '\n';
+  return lines;
+}
+
+std::string show_note(show_as as, const std::string &note) {
+  return as == show_as::object ? one_line({{"schema", kSchema}, {"note", note}}) + '\n'
+                               : note + '\n';
+}
+
+std::string show_refusal(show_as as, const command_error &refused) {
+  const std::string column = std::to_string(refused.column);
+  if (as == show_as::table)
+    return "error: " + (refused.column == 0 ? "" : "column " + column + ": ") + refused.text + '\n';
+  return one_line({{"schema", kSchema},
+                   {"error", refused.text},
+                   {"column", refused.column == 0 ? json(nullptr) : json(refused.column)}}) +
+         '\n';
 }
 
 std::string show_help(show_as as) {

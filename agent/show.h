@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "agent/bmp_station.h"
+#include "agent/command.h"
 #include "agent/json.h"
 #include "agent/oper_data.h"
 #include "agent/pools.h"
@@ -37,11 +38,19 @@ std::string show_nexthops(show_as as, const std::string &only,
 
 /// `nexthop` is in network byte order.
 std::string show_nexthop(show_as as, uint32_t nexthop, std::span<const vrf_routes> vrfs);
-std::string show_prefix(show_as as, uint32_t nexthop, const json &record);
+/// `prefix` is what the record says, as text.
+std::string show_prefix(show_as as, uint32_t nexthop, const json &record,
+                        const std::string &prefix);
 std::string show_state(show_as as, const json &record);
 
 std::string show_sessions(show_as as, std::span<const session_info> sessions);
 std::string show_pools(show_as as, std::span<const pool_info> pools);
+std::string show_config(show_as as, std::span<const std::string> commands);
 std::string show_help(show_as as);
+
+/// What a command that was run has to say besides.
+std::string show_note(show_as as, const std::string &note);
+/// What a refused command is answered with.
+std::string show_refusal(show_as as, const command_error &refused);
 
 }  // namespace agent

@@ -5,11 +5,14 @@
 #include <cerrno>
 #include <cstring>
 #include <optional>
+#include <set>
+#include <string_view>
 #include <variant>
 
 #include "agent/descriptor.h"
 #include "agent/ledger.h"
 #include "agent/line_reader.h"
+#include "agent/text.h"
 
 namespace agent {
 
@@ -29,14 +32,14 @@ bool read_start_file(const std::string &path, std::vector<start_line> &lines,
                      const std::function<void(const std::string &error)> &tell) {
   const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (file.number < 0) {
-    tell(path + ": " + strerror(errno));
+    tell("start-up file " + path + ": " + strerror(errno));
     return false;
   }
   ledger so_far;
   line_reader input(file.number);
   bool good = true, runs = true;
   const auto wrong = [&](size_t column, const std::string &why) {
-    tell(path + ':' + std::to_string(input.number()) + ':' + std::to_string(column) + ": " + why);
+    tell(place_text(path, input.number(), column) + why);
     good = false;
   };
   for (bool more = true; more;) {
@@ -61,8 +64,20 @@ bool read_start_file(const std::string &path, std::vector<start_line> &lines,
     }
   }
   if (input.error() == 0) return good;
-  tell(path + ": " + strerror(input.error()));
+  tell("start-up file " + path + ": " + strerror(input.error()));
   return false;
+}
+
+void note_missing_vrfs(const std::string &path, const std::vector<start_line> &lines,
+                       const std::function<void(const std::string &note)> &tell) {
+  std::set<std::string_view> added;
+  for (const start_line &line : lines)
+    if (line.what.what == verb::vrf_add) added.insert(line.what.vrf);
+  for (const start_line &line : lines) {
+    const command &c = line.what;
+    if (c.what == verb::watch && !c.vrf.empty() && !added.contains(c.vrf))
+      tell(place_text(path, line.number, c.columns[2]) + "note: no line adds VRF '" + c.vrf + "'");
+  }
 }
 
 }  // namespace agent

@@ -22,4 +22,9 @@ struct start_line {
 bool read_start_file(const std::string &path, std::vector<start_line> &lines,
                      const std::function<void(const std::string &error)> &tell);
 
+/// Tells, in the same form, of each watch of a VRF that no line adds: no error, since it may come
+/// later.
+void note_missing_vrfs(const std::string &path, const std::vector<start_line> &lines,
+                       const std::function<void(const std::string &note)> &tell);
+
 }  // namespace agent

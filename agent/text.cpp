@@ -71,11 +71,42 @@ std::string code_text(uint32_t code) {
   return text.data();
 }
 
+namespace {
+
+/// Bytes of the character that the text begins with; 0: it is a control character or no UTF-8.
+size_t printable_size(std::string_view text) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned lead = byte(0);
+  if (lead < 0x80) return lead >= 0x20 && lead != 0x7f ? 1 : 0;
+  const size_t size = lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+  if (lead < 0xc2 || lead > 0xf4 || text.size() < size) return 0;
+  uint32_t code = lead & (0x7f >> size);
+  for (size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xc0) != 0x80) return 0;
+    code = code << 6 | (byte(i) & 0x3f);
+  }
+  constexpr uint32_t kFirst[] = {0, 0, 0xa0, 0x800, 0x10000};  // below 0xa0 are more controls
+  const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+  return code < kFirst[size] || surrogate || code > 0x10ffff ? 0 : size;
+}
+
+}  // namespace
+
 std::string printable(std::string_view text) {
-  std::string result(text);
-  std::replace_if(
-      result.begin(), result.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+  std::string result;
+  while (!text.empty()) {
+    const size_t size = printable_size(text);
+    result += size == 0 ? "?" : text.substr(0, size);
+    text.remove_prefix(std::max<size_t>(size, 1));
+  }
   return result;
+}
+
+std::string place_text(std::string_view source, size_t line, size_t column) {
+  std::string text(source);
+  if (line != 0) text.append(":").append(std::to_string(line));
+  if (column != 0) text.append(line != 0 ? ":" : ": column ").append(std::to_string(column));
+  return text + ": ";
 }
 
 }  // namespace agent

@@ -35,8 +35,12 @@ std::string utc_text(std::chrono::system_clock::time_point time);
 /// A result code: `0x40828600`.
 std::string code_text(uint32_t code);
 
-/// The text without control characters (each becomes '?'), so that nothing a router sends can
-/// drive the terminal.
+/// The text without control characters and bytes that are no UTF-8 (each byte becomes '?'), so that
+/// nothing a router or a file says can drive the terminal.
 std::string printable(std::string_view text);
+
+/// Where an error is: `FILE:LINE:COLUMN: `, or `SOURCE: column COLUMN: ` where there are no lines
+/// (line 0). Column 0: it has none.
+std::string place_text(std::string_view source, size_t line, size_t column);
 
 }  // namespace agent

@@ -32,6 +32,7 @@ const struct {
     {"watch 1", verb::watch, "", 1},
     {"watch 2 CUST-A", verb::watch, "CUST-A", 2},
     {"unwatch 0", verb::unwatch},
+    {"watch 4294967294 \xc3\xa9\xf0\x9f\x90\x8c", verb::watch, "\xc3\xa9\xf0\x9f\x90\x8c", ~1u},
     {"resend 2 CUST-A", verb::resend, "CUST-A", 2},
     {"interval 7", verb::interval, "", 7},
     {"rib restart", verb::rib_restart},
@@ -43,6 +44,7 @@ const struct {
     {"show state", verb::show_state},
     {"show sessions", verb::show_sessions},
     {"show pools", verb::show_pools},
+    {"show config", verb::show_config},
     {"trace on", verb::trace_on},
     {"trace off", verb::trace_off},
     {"help", verb::help},
@@ -72,7 +74,7 @@ const struct {
     {"vrf", 4, "expected 'add' or 'del' at the end"},
     {" vrf ad A", 6, "expected 'add' or 'del', not 'ad'"},
     {"vrf add", 8, "a VRF name"},
-    {"watch 1 " + kLongest + "x", 9, "at most 244 characters"},
+    {"watch 1 " + kLongest + "x", 9, "at most 244 bytes"},
     {"watch 1 A\x1b[2J", 9, "a VRF name"},
     {"vrf add A tabel 101", 11, "expected 'table'"},
     {"vrf add A table 4294967296 import 1:1", 17, "a number"},
@@ -87,8 +89,11 @@ const struct {
     {"watch -1", 7, "a number"},
     {"watch 1 A B", 11, "the end of the line"},
     {"show prefix 10.0.0.0/8", 13, "expected an address"},
-    {"show", 5, "'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions' or 'pools'"},
+    {"show", 5,
+     "'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions', 'pools' or 'config'"},
     {"interval soon", 10, "seconds"},
+    {"interval 0", 10, "seconds (1 to"},
+    {"watch 4294967295", 7, "to 4294967294"},
     {std::string(100000, 'q'), 1, "..."},
 };
 
@@ -105,6 +110,11 @@ TEST(Command, SaysWhatIsWrongAndWhere) {
   for (const char *target : {"65000:4294967296", "65536:65536", "4294967296:1", "10.255.1.1:65536",
                              "10.255.1:7", "65000x:1", ":"})
     expect_error(kImport + target, 26, "a route target");
+  // No UTF-8, or a control character: shown without what would reach a terminal.
+  for (const char *name :
+       {"\x9b", "\xc2\x9b", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xc3"})
+    expect_error(std::string("watch 1 ") + name, 9,
+                 (", not '" + std::string(strlen(name), '?') + "'").c_str());
   EXPECT_TRUE(std::holds_alternative<command>(parse_command("watch 1 " + kLongest)));
 }
 

@@ -50,7 +50,7 @@ const struct row {
     {"show nexthops", kNone, kNhop, TARVO_ODS_ERR_NOT_FOUND},
     {"show state", "code 0x40829000", kState, TARVO_ODS_ERR_ENCODE},
     {"show nexthops", "code 0x40820200", kState, ODS_ERR_NOMEM},
-    {"show nexthops", kNone, kState, TARVO_ODS_ERR_NOT_FOUND},  // it ended meanwhile
+    {"show nexthops", kInactive, kState, TARVO_ODS_ERR_NOT_FOUND},  // it ended meanwhile
     {"show nexthops", "code 0x40820200", kNhop, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kPrefix, ODS_ERR_NOMEM},
     {"show nexthops", "code 0x40820200", kVrf, ODS_ERR_NOMEM},
@@ -132,7 +132,7 @@ struct world {
   std::string run(const std::string &line) {
     std::string printed;
     const auto c = std::get<command>(parse_command(line));
-    const std::string refused = commands.run(c, show_as::object, printed);
+    const std::string refused = commands.run(c, show_as::object, printed).text;
     return refused.empty() ? printed : refused;
   }
   void announce(uint32_t nexthop) {

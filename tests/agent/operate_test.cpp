@@ -51,7 +51,7 @@ TEST(StartFile, TellsEveryErrorWithoutRunning) {
                 "vrf add B table 3758096384 import 1:1\n"
                 "vrf del B\nexplain 1.2.3.4 B\nshow nexthops B # none\n"
                 "route del 1.0.0.0/8\n\troute add 1.0.0.0/8\nroute add 1.0.0.0/8\n"
-                "show state\nunwatch 1\nresend 1\nwatch 4294967295\n"
+                "show state\nunwatch 1\nresend 1\nvrf add C table 3 import 1:1 1:1\n"
                 "watch 1 A\nwatch 1\nresend 1 B\nshow nexthop 1.2.3.4\nshow it\n"
                 "quit\nwatch x"),
       (std::vector<std::string>{
@@ -60,12 +60,12 @@ TEST(StartFile, TellsEveryErrorWithoutRunning) {
           "6:9: no VRF 'B'", "7:17: no VRF 'B'", "8:15: no VRF 'B'",
           "9:11: route 1.0.0.0/8 was not added here", "11:11: route 1.0.0.0/8 was added already",
           "12:1: discovery is inactive: no client watches", "13:9: client 1 does not watch",
-          "14:8: client 1 does not watch", "15:7: client ID 4294967295 is the agent's own",
+          "14:8: client 1 does not watch", "15:30: route target 1:1 comes twice",
           "17:7: client 1 watches already", "18:10: client 1 watches 'A', not 'B'",
           "19:14: no next hop is known before routers are listened to",
-          "20:6: expected 'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions' or "
-          "'pools', not 'it'",
-          "22:7: expected a number from 0 to 4294967295, not 'x'"}));
+          "20:6: expected 'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions', 'pools' or "
+          "'config', not 'it'",
+          "22:7: expected a number from 0 to 4294967294, not 'x'"}));
   // An endless line would be read for ever.
   EXPECT_EQ(errors_of("help\n" + std::string(65536, '#') + "\r\n#" + std::string(65536, '#') +
                       "\nwatch x"),
@@ -99,12 +99,11 @@ struct control_world {
   std::vector<std::string> run;
   control served{[this](const std::string &line, show_as as) -> control::answer {
     run.push_back(line);
-    if (line.starts_with("big "))
-      return {std::string(std::stoul(line.substr(4)), 'x'), "", 0, false};
-    if (line == "quit") return {"", "", 0, true};
-    if (line == "wrong") return {"", "what", 3, false};
-    if (line == "refused") return {"", "why", 0, false};
-    return {(as == show_as::object ? "{} " : "text ") + line + "\n", "", 0, false};
+    if (line.starts_with("big ")) return {std::string(std::stoul(line.substr(4)), 'x'), {}, false};
+    if (line == "quit") return {"", {}, true};
+    if (line == "wrong") return {"", {3, "what"}, false};
+    if (line == "refused") return {"", {0, "why"}, false};
+    return {(as == show_as::object ? "{} " : "text ") + line + "\n", {}, false};
   }};
 
   /// Serves until nothing is to be done.
@@ -139,7 +138,7 @@ TEST(Control, AnswersEachClientInItsForm) {
   w.turn();
   EXPECT_EQ(text.heard(),
             "text bc\n\nerror: column 3: what\n\nerror: why\n\n"
-            "error: the line has more than 65536 characters\n\n\n");
+            "error: column 65537: the line has more than 65536 characters\n\n\n");
   EXPECT_EQ(text.heard(), "END");
   object.say("last");
   shutdown(object.fd.number, SHUT_WR);
@@ -332,13 +331,24 @@ TEST(Explain, SaysWhatTheNextSweepDoes) {
   }
 }
 
-TEST(Explain, KnowsTheIntervalThatWasSet) {
+TEST(Ledger, GivesTheCommandsThatMakeTheSame) {
+  const std::vector<std::string> expected = {"vrf add B table 2 import 10.255.1.1:7 4200000002:9",
+                                             "vrf add A table 1 import 1:1",
+                                             "route add 1.0.0.0/8",
+                                             "interval 7",
+                                             "trace on",
+                                             "watch 1",
+                                             "watch 4 B"};
   ledger made;
-  EXPECT_EQ(made.interval(), 300u);
-  for (const auto &[line, seconds] : {std::pair("interval 7", 7u), {"interval 0", 1u}}) {
-    made.enter(std::get<command>(parse_command(line)));
-    EXPECT_EQ(made.interval(), seconds);
-  }
+  EXPECT_EQ(made.commands(), std::vector<std::string>{"interval 300"});
+  const auto enter = [&](auto lines) {
+    for (const auto &line : lines) made.enter(std::get<command>(parse_command(line)));
+  };
+  enter(expected);
+  enter(std::vector{"watch 3", "unwatch 3", "route add 0.0.0.0/0", "route del 0.0.0.0/0",
+                    "trace off", "trace on", "vrf add C table 3 import 1:1", "vrf del C"});
+  EXPECT_EQ(made.commands(), expected);
+  EXPECT_EQ(made.interval(), 7u);
 }
 
 TEST(Explain, SaysWhyItIsReachableOrNot) {
