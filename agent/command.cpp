@@ -36,6 +36,8 @@ constexpr command_form kForms[] = {
     {"show config", verb::show_config, "the commands that would make what was set"},
     {"trace on", verb::trace_on, "debug traces to standard error"},
     {"trace off", verb::trace_off, "no debug traces"},
+    {"json", verb::answer_json, "answers as JSON objects from here on, on a control socket"},
+    {"text", verb::answer_text, "answers as text again, on a control socket"},
     {"help", verb::help, "this list"},
     {"quit", verb::quit, "end the agent; on a control socket, the connection"},
 };

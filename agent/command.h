@@ -38,6 +38,8 @@ enum class verb {
   show_config,
   trace_on,
   trace_off,
+  answer_json,
+  answer_text,
   help,
   quit
 };

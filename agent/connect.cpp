@@ -88,12 +88,12 @@ class connected {
     answer shown;
     std::vector<std::string> names;
     if (!ask("show vrfs", shown) || !shown.error.text.empty()) return names;
-    if (!json_) {
+    if (shown.lines.empty()) return names;
+    if (!shown.lines.front().starts_with('{')) {
       for (size_t i = 1; i < shown.lines.size(); ++i)
         names.push_back(shown.lines[i].substr(0, shown.lines[i].find(' ')));
       return names;
     }
-    if (shown.lines.empty()) return names;
     const json object = json::parse(shown.lines.front(), nullptr, false);
     if (!object.is_object()) return names;
     for (const json &vrf : object.value("vrfs", json::array()))
@@ -119,7 +119,7 @@ class connected {
       first.remove_prefix(kError.size());
       of.error = read_error(first);
       of.lines.clear();
-    } else if (json_) {
+    } else if (first.starts_with('{')) {
       const json object = json::parse(first, nullptr, false);
       if (!object.is_object()) return true;
       const json column = object.value("column", json());

@@ -11,6 +11,7 @@
 #include <optional>
 #include <thread>
 #include <utility>
+#include <variant>
 
 #include "agent/diagnostics.h"
 #include "agent/json.h"
@@ -29,6 +30,15 @@ std::string name_of(int fd) {
   getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size);
   return "control client (process " + std::to_string(peer.pid) + ", user " +
          std::to_string(peer.uid) + ")";
+}
+
+/// The form of answers that a line asks for.
+std::optional<show_as> form_asked_for(const std::string &line) {
+  const auto parsed = parse_command(line);
+  const auto *c = std::get_if<command>(&parsed);
+  if (c == nullptr || (c->what != verb::answer_json && c->what != verb::answer_text))
+    return std::nullopt;
+  return c->what == verb::answer_json ? show_as::object : show_as::table;
 }
 
 /// Removes the socket that nobody listens on any more. What stands in the way else, or nothing.
@@ -169,8 +179,8 @@ void control::answer_line(client &of, const std::string &line, bool too_long) {
   answer given;
   if (too_long)
     given.error = {line_reader::kMaxLine + 1, line_reader::too_long_text()};
-  else if (line == "json")
-    of.as = show_as::object;
+  else if (const auto form = form_asked_for(line))
+    of.as = *form;
   else
     given = run_(line, of.as);
   if (!given.error.text.empty()) given.lines += show_refusal(of.as, given.error);

@@ -103,6 +103,8 @@ command_error interpreter::run(const command &c, show_as as, std::string &answer
 std::string interpreter::effect(const command &c, show_as as, std::string &answer) {
   switch (c.what) {
     case verb::none:
+    case verb::answer_json:
+    case verb::answer_text:
     case verb::quit:
       return {};
     case verb::vrf_add:

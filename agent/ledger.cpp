@@ -74,6 +74,9 @@ std::optional<ledger::refusal> ledger::refuses(const command &c) const {
     case verb::show_prefix:
     case verb::show_state:
       return refuses_inactive();
+    case verb::answer_json:
+    case verb::answer_text:  // there its connection sees to it
+      return refusal{0, "only on a control socket; here it is --json"};
     default:
       return std::nullopt;
   }

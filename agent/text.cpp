@@ -49,7 +49,7 @@ std::string distinguisher_text(uint64_t rd) {
 
 std::string grouped(uint64_t number) {
   std::string text = std::to_string(number);
-  for (size_t at = text.size(); at > 3;) text.insert(at -= 3, ",");
+  for (size_t at = text.size(); at > 3;) text.insert(at -= 3, 1, ',');
   return text;
 }
 

@@ -47,6 +47,8 @@ const struct {
     {"show config", verb::show_config},
     {"trace on", verb::trace_on},
     {"trace off", verb::trace_off},
+    {"json", verb::answer_json},
+    {"text", verb::answer_text},
     {"help", verb::help},
     {"quit", verb::quit},
 };
@@ -88,7 +90,7 @@ const struct {
     {"watch 7x", 7, "a number"},
     {"watch -1", 7, "a number"},
     {"watch 1 A B", 11, "the end of the line"},
-    {"show prefix 10.0.0.0/8", 13, "expected an address"},
+    {"show prefix 10.0.0.0/8", 13, "expected an IPv4 address"},
     {"show", 5,
      "'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions', 'pools' or 'config'"},
     {"interval soon", 10, "seconds"},

@@ -134,10 +134,10 @@ TEST(Control, AnswersEachClientInItsForm) {
   EXPECT_EQ(object.heard(),
             "\n{} c\n\n{\"schema\":1,\"error\":\"what\",\"column\":3}\n\n"
             "{\"schema\":1,\"error\":\"why\",\"column\":null}\n\n");
-  text.say("c\nwrong\nrefused\n" + std::string(70000, 'y') + "\nquit\nnever\n");
+  text.say("c\njson # not\ntext\nwrong\nrefused\n" + std::string(70000, 'y') + "\nquit\nnever\n");
   w.turn();
   EXPECT_EQ(text.heard(),
-            "text bc\n\nerror: column 3: what\n\nerror: why\n\n"
+            "text bc\n\n\n\nerror: column 3: what\n\nerror: why\n\n"
             "error: column 65537: the line has more than 65536 characters\n\n\n");
   EXPECT_EQ(text.heard(), "END");
   object.say("last");
