@@ -121,11 +121,13 @@ void describe_others(CLI::App &app, options &into) {
 
 }  // namespace
 
-// The library's own words for these are about counts.
+// The library's own words for these are about counts and conversions.
 static std::string plain_text(const CLI::ParseError &e) {
   std::string text = e.what();
   if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::ArgumentMismatch))
     text = text.substr(0, text.find(':')) + ": its value is missing";
+  if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::ConversionError))
+    text = "a flag takes no value" + text.substr(text.find(':'));
   return text + "; --help tells more";
 }
 

@@ -149,6 +149,7 @@ const struct {
      "tarvo-agent: --listen: 'x' is no port from 0 to 65535; --help"},
     {"--idle -1", "", 2, "tarvo-agent: --idle: '-1' is no number of seconds"},
     {"--config a --config b", "", 2, "tarvo-agent: --config: given twice"},
+    {"--json=x", "", 2, "tarvo-agent: a flag takes no value: --json = x"},
     {"--replay", "", 2, "tarvo-agent: --replay: its value is missing"},
     {"--command watch", "\nquit", 1, "--command 'watch': column 6: expected a number"},
     {"", "watch 1\nwatch 1\nquit", 1, "standard input:2:7: client 1 watches already"},
