@@ -1,6 +1,7 @@
 #include "agent/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <map>
 #include <utility>
@@ -46,6 +47,7 @@ std::string check_endpoint(const std::string &text) {
   return parse_endpoint(text, ignored);
 }
 
+/// An option with a value that is refused while the command line is read.
 template <typename T>
 CLI::Option *add_read(CLI::App &app, const char *name,
                       std::string (*read)(const std::string &text, T &value), T &into,
@@ -127,13 +129,14 @@ static std::string plain_text(const CLI::ParseError &e) {
   if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::ArgumentMismatch))
     text = text.substr(0, text.find(':')) + ": its value is missing";
   if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::ConversionError))
-    text = "a flag takes no value" + text.substr(text.find(':'));
+    text = "a flag takes no value" + text.substr(std::min(text.find(':'), text.size()));
   return text + "; --help tells more";
 }
 
 bool read_options(int argc, char **argv, options &into, int &status) {
   CLI::App app("Discovers the remote PE routers of MPLS VPNs from BMP feeds.", "tarvo-agent");
   app.set_version_flag("--version", "tarvo-agent " TARVO_VERSION);
+  // Or the library would refuse the second one, in its own words.
   app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
   describe_agent(app, into);
   describe_others(app, into);
