@@ -18,7 +18,7 @@ struct start_line {
 /// Reads the whole file. False: it can't be read, or a line is wrong or would be refused when it
 /// runs; `tell` gets every error as "FILE:LINE:COLUMN: TEXT". What only running finds is a lack of
 /// memory. Lines after `quit` don't run: of them the grammar alone is checked. After a line that is
-/// too long nothing is read: it may have no end.
+/// too long nothing is read: it may have no end. How many lines there are is up to their author.
 bool read_start_file(const std::string &path, std::vector<start_line> &lines,
                      const std::function<void(const std::string &error)> &tell);
 
