@@ -50,9 +50,8 @@ int __wrap_accept4(int fd, sockaddr *address, socklen_t *size, int flags) {
 }
 int __real_poll(pollfd *, nfds_t, int);
 int __wrap_poll(pollfd *fds, nfds_t count, int timeout) {
-  // Telling of a session polls too: that must not take the one failure away from the loop.
-  const bool may_fail = fds->fd != STDERR_FILENO || poll_call.forever;
-  return may_fail && poll_call.fails() ? -1 : __real_poll(fds, count, timeout);
+  // Telling of a session polls too, and is not what the loop has to survive.
+  return fds->fd != STDERR_FILENO && poll_call.fails() ? -1 : __real_poll(fds, count, timeout);
 }
 ssize_t __real_read(int, void *, size_t);
 ssize_t __wrap_read(int fd, void *into, size_t size) {
