@@ -3,8 +3,8 @@
 // A client sends lines. To each it gets an answer: lines, ended by an empty line; the first begins
 // with "error: " when the command was refused (no other answer begins so). After a line `json`, up
 // to a line `text`, answers are JSON objects, a line each, and a refusal is
-// {"schema":1,"error":...}. Notifications
-// go to standard output, whoever watches. `quit` ends the connection.
+// {"schema":1,"error":...}. Notifications go to standard output, whoever watches. `quit` ends the
+// connection.
 //
 // The main thread polls and serves. It never waits for a client: what one doesn't take at once is
 // kept, up to kMaxUnsent, and until it is taken the client's further lines are not read. Idle

@@ -158,7 +158,7 @@ void redistribution::group_dumped() {
   if (dumped_.empty()) return;
   constexpr unsigned kLaneBits = 10;
   const auto lane = [](const pending_report &report) {
-    return uint32_t(report.nexthop * 0x9e3779b1u) >> (32 - kLaneBits);
+    return place_of(report.nexthop, kLaneBits);
   };
   std::array<uint32_t, (1u << kLaneBits) + 1> place{};
   for (const pending_report &report : dumped_) ++place[lane(report) + 1];

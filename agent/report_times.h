@@ -14,6 +14,11 @@
 
 namespace agent {
 
+/// Spreads next hops over 2^bits places.
+inline uint32_t place_of(uint32_t nexthop, unsigned bits) {
+  return uint32_t(nexthop * 0x9e3779b1u) >> (32 - bits);
+}
+
 class report_times {
  public:
   /// `now` counts seconds from any origin and is not 0.
@@ -46,9 +51,7 @@ class report_times {
   static constexpr unsigned kLineBits = 9;
   static constexpr size_t kLines = size_t{1} << kLineBits;
 
-  line &line_of(uint32_t nexthop) const {
-    return lines_[uint32_t(nexthop * 0x9e3779b1u) >> (32 - kLineBits)];
-  }
+  line &line_of(uint32_t nexthop) const { return lines_[place_of(nexthop, kLineBits)]; }
   static std::array<entry, 8>::iterator find(line &in, uint32_t nexthop) {
     return std::ranges::find(in.entries, nexthop, &entry::nexthop);
   }
