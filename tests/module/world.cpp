@@ -115,6 +115,7 @@ static void *keep(void *memory, const char *what) {
 }
 
 std::map<std::string, uint64_t> in_use() {
+  std::lock_guard hold(w.guard);
   std::map<std::string, uint64_t> found;
   for (const auto &[memory, what] : kept) ++found[what];
   chunk_walk_pools(
@@ -399,6 +400,11 @@ static const char *walkable(const wavl_tree_t *tree) TARVO_NO_THREAD_SAFETY_ANAL
   return nullptr;
 }
 
+static const char *emptied(const void *pool) {
+  require(in_use()[pool_name(pool)] == 0, "a pool goes before its elements");
+  return nullptr;
+}
+
 static void *first_pool(void *pool) {
   if (w.workq_pool == nullptr) w.workq_pool = pool;
   return pool;
@@ -408,6 +414,7 @@ WRAPPED(void *, chunk_create, known(name, {size, count, flags + x + y}),
         (const char *name, unsigned long size, unsigned long count, unsigned long flags,
          unsigned long x, unsigned long y),
         nullptr, first_pool(__real_chunk_create(name, size, count, flags, x, y)))
+WRAPPED(void, chunk_destroy, emptied(pool), (void *pool), void(), __real_chunk_destroy(pool))
 WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), nullptr, __real_chunk_malloc(pool))
 WRAPPED(void *, calloc_named, known(name, {size, n}), (size_t n, size_t size, const char *name),
         nullptr, keep(__real_calloc_named(n, size, name), name))
