@@ -22,7 +22,6 @@
 #include "agent/bmp_session.h"
 #include "agent/diagnostics.h"
 #include "agent/endpoint.h"
-#include "agent/progress.h"
 #include "agent/rib_thread.h"
 
 namespace agent {
@@ -37,6 +36,10 @@ constexpr std::chrono::seconds kViewPatience{10};
 
 // How often the connections are looked after, at the least.
 constexpr std::chrono::milliseconds kTick{1000};
+
+// A router sends its table in one go: it is whole when fewer routes than this came between two
+// ticks.
+constexpr uint64_t kTrickle = 100;
 
 using steady = std::chrono::steady_clock;
 
@@ -70,22 +73,61 @@ void keep_alive(int fd) {
 
 descriptor open_spare() { return descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC)); }
 
+// What a new connection brings, told while it comes. By lines, since several come at once.
+class first_table {
+ public:
+  first_table(std::string router, progress::clock now)
+      : router_(std::move(router)), line_(false, std::move(now), show_status) {}
+
+  void read(uint64_t routes) {
+    if (state_ == awaited && routes != 0) {
+      line_.begin("tarvo-agent: " + router_, "routes read");
+      state_ = coming;
+    }
+    if (state_ == coming) line_.update(routes);
+  }
+  void tick(uint64_t routes) {
+    if (state_ == coming && routes - ticked_ < kTrickle) end(routes);
+    ticked_ = routes;
+  }
+  void end(uint64_t routes) {
+    if (state_ == coming) line_.end(routes);
+    state_ = whole;
+  }
+
+ private:
+  const std::string router_;
+  progress line_;
+  enum { awaited, coming, whole } state_ = awaited;
+  uint64_t ticked_ = 0;  // routes at the last tick
+};
+
 }  // namespace
 
 struct bmp_station::connection {
-  connection(descriptor socket, rib &routes, bmp_view view, const std::string &router)
+  connection(descriptor socket, rib &routes, bmp_view view, const std::string &router,
+             const progress::clock &now)
       : fd(std::move(socket)),
-        session(routes, view, bmp_session::source_kind::connection, router, tell) {}
+        session(routes, view, bmp_session::source_kind::connection, router, tell),
+        table(router, now) {}
 
   const descriptor fd;
   bmp_session session;
+  first_table table;
   uint64_t messages = 0;                         // of the session, when it was last read
   steady::time_point progress = steady::now();   // when a message last began or was complete
   std::optional<steady::time_point> view_doubt;  // since when the chosen view seems empty
 };
 
-bmp_station::bmp_station(rib &routes, rib_thread &loop, bmp_view view, milliseconds idle)
-    : routes_(routes), loop_(loop), view_(view), idle_(idle), chunk_(kChunk), spare_(open_spare()) {
+bmp_station::bmp_station(rib &routes, rib_thread &loop, bmp_view view, milliseconds idle,
+                         progress::clock table_clock)
+    : routes_(routes),
+      loop_(loop),
+      view_(view),
+      idle_(idle),
+      table_clock_(std::move(table_clock)),
+      chunk_(kChunk),
+      spare_(open_spare()) {
   connections_.reserve(kMaxConnections);
 }
 
@@ -147,6 +189,7 @@ void bmp_station::tick() {
 }
 
 void bmp_station::check(connection &open) {
+  open.table.tick(open.session.routes_read());
   const auto now = steady::now();
   if (idle_.count() != 0 && !open.session.may_be_silent() && now - open.progress >= idle_) {
     const auto seconds = std::chrono::duration<double>(idle_).count();
@@ -183,7 +226,7 @@ void bmp_station::accepted(descriptor fd, const std::string &router) {
     return tell_full(router + ": " + std::to_string(kMaxConnections) + " sessions are open");
 
   keep_alive(fd.number);
-  auto fresh = std::make_unique<connection>(std::move(fd), routes_, view_, router);
+  auto fresh = std::make_unique<connection>(std::move(fd), routes_, view_, router, table_clock_);
   connection &from = *fresh;
   loop_.add_fd(from.fd.number, POLLIN, [this, &from](short) { connection_ready(from); });
   connections_.push_back(std::move(fresh));  // there is room
@@ -220,11 +263,13 @@ void bmp_station::connection_ready(connection &from) {
 
   const bool begins = from.session.between_messages();
   if (!from.session.feed({chunk_.data(), static_cast<size_t>(size)})) return end(from, "");
+  from.table.read(from.session.routes_read());
   if (begins || from.session.messages() != from.messages) from.progress = steady::now();
   from.messages = from.session.messages();
 }
 
 void bmp_station::end(connection &from, const std::string &error) {
+  from.table.end(from.session.routes_read());
   from.session.finish(error);
   loop_.remove_fd(from.fd.number);
   try {

@@ -6,7 +6,8 @@
 // are closed; the accounts of 64 ended ones. A router owes a message once it has begun one, and its
 // first ones until it has introduced a peer: one that brings none for the idle time is closed. Else
 // it may be silent; whether it still is there, TCP's own probes find out. That it came and that it
-// ended is told, a line each, as often as it does.
+// ended is told, a line each, as often as it does, and how its first table comes, if that takes
+// long.
 #pragma once
 
 #include <chrono>
@@ -19,12 +20,12 @@
 #include <vector>
 
 #include "agent/descriptor.h"
+#include "agent/progress.h"
 #include "agent/route.h"
 
 namespace agent {
 
 class bmp_session;
-class progress;
 class rib;
 class rib_thread;
 
@@ -81,8 +82,9 @@ class bmp_station {
   static constexpr size_t kMaxConnections = 64;
   static constexpr std::chrono::seconds kIdle{300};
 
-  /// `idle` of 0: for ever.
-  bmp_station(rib &routes, rib_thread &loop, bmp_view view, milliseconds idle = kIdle);
+  /// `idle` of 0: for ever. `table_clock` is that of the first tables' progress.
+  bmp_station(rib &routes, rib_thread &loop, bmp_view view, milliseconds idle = kIdle,
+              progress::clock table_clock = std::chrono::steady_clock::now);
   /// Closes the sockets; the routes stay. From any thread but the RIB thread.
   ~bmp_station();
   bmp_station(const bmp_station &) = delete;
@@ -129,6 +131,7 @@ class bmp_station {
   rib_thread &loop_;
   const bmp_view view_;
   const milliseconds idle_;
+  const progress::clock table_clock_;
   descriptor ticks_;  // a timer, from the first listen() on
   std::vector<descriptor> listeners_;
   std::vector<int> resting_;  // listeners that failed, until the next tick

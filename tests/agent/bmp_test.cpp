@@ -1,5 +1,6 @@
 // The BMP station: what routers send and what hostile ones might, as bytes in and routes out.
 #include <algorithm>
+#include <atomic>
 #include <fstream>
 #include <list>
 #include <set>
@@ -306,6 +307,23 @@ TEST(BmpStation, KeepsConnectionsApart) {
   EXPECT_EQ(std::tuple(all.up, all.opened, all.peers, all.messages, all.routes_read),
             std::tuple(1u, 5u, sum.peers, sum.messages, sum.routes_read));
   EXPECT_EQ(all.malformed.at("bmp-version"), 2u);
+}
+
+TEST(BmpStation, TellsHowAFirstTableComes) {
+  std::atomic<int> asked = 0;
+  station_world w(std::chrono::milliseconds(400),
+                  [&] { return progress::time_point(progress::kLinePeriod * ++asked); });
+  const uint16_t port = w.listening_port();
+  testing::internal::CaptureStderr();
+  router from(port);
+  from.send(kInitiation + kGood);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (asked < 3 && std::chrono::steady_clock::now() < deadline) w.shown();  // until it is whole
+  from.send(tell(kTwo));
+  EXPECT_TRUE(w.comes_to(" A1*2"));
+  const std::string told = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(count(told, ": 1 routes read, 0 a second\n"), 2u) << told;
+  EXPECT_EQ(asked, 3) << "of the first table only";
 }
 
 TEST(BmpStation, RefusesWhatItHasNoRoomFor) {

@@ -83,8 +83,9 @@ struct station_world : rib_world {
   rib_thread loop{routes, reports, pace};
   bmp_station station;
 
-  explicit station_world(std::chrono::milliseconds idle = bmp_station::kIdle)
-      : station(routes, loop, bmp_view::loc_rib, idle) {}
+  explicit station_world(std::chrono::milliseconds idle = bmp_station::kIdle,
+                         progress::clock table_clock = std::chrono::steady_clock::now)
+      : station(routes, loop, bmp_view::loc_rib, idle, std::move(table_clock)) {}
 
   std::string shown() {
     std::string text;
