@@ -1,8 +1,9 @@
 # Sourced by the scripts that need BGP routers: starts BGP daemons on loopback addresses.
 #
-# One collector (127.0.0.1, AS 65000; gobgpd or FRR's bgpd) peers with any number of provider edges (127.0.0.10+N, next
-# hop 10.255.N.N) and speaks BMP. No instance touches the system's routing table or a port below
-# 1024. Everything a script starts here ends with it, also when it fails or is interrupted.
+# One collector (127.0.0.1, AS 65000; gobgpd or FRR's bgpd) peers with any number of provider edges
+# (127.0.0.10+N, next hop 10.255.N.N) and speaks BMP. No instance touches the system's routing table
+# or a port below 1024. Everything a script starts here ends with it, also when it fails or is
+# interrupted.
 
 BGP_PORT=${BGP_PORT:-17900}
 API_PORT=${API_PORT:-17950}
