@@ -86,7 +86,7 @@ inline bytes from(const bytes &peer, int type, const bytes &body) {
 inline const bytes kLoc = peer(3, 0, 0, 0), kLocFiltered = peer(3, 0x80, 0, 0, 0),
                    kVrf = peer(3, 0, 0x0000fde800000064, 0), kPre = peer(0, 0, 0, 0x0a000001),
                    kPost = peer(0, 0x40, 0, 0x0a000001), kOut = peer(0, 0x10, 0, 0x0a000001),
-                   kOther = peer(0, 0, 0, 0x0a000002);
+                   kOther = peer(0, 0, 0, 0x0a000002), kThird = peer(0, 0, 0, 0x0a000003);
 
 inline bytes monitor(const bytes &message, const bytes &p = kLoc) { return from(p, 0, message); }
 inline bytes tell(const bytes &routes, const bytes &p = kLoc, uint32_t nexthop = kHop1,
@@ -114,7 +114,8 @@ inline const bytes kInitiation = bmp(4, be(2, 2) + be(3, 2) + "pe1"), kTerminati
 inline const bytes kGood = tell(kPlain), kToB = tell(kPlain, kLoc, kHop2, kTargetB),
                    kToC = tell(kPlain, kLoc, kHop3, kTargetC);
 
-inline const bytes kNine1 = ip(24, 0x0a090100), kNine = ip(16, 0x0a090000);
+inline const bytes kNine1 = ip(24, 0x0a090100), kNine2 = ip(23, 0x0a090200),
+                   kNine = ip(16, 0x0a090000);
 
 // One of everything, for the pre-policy view.
 inline const bytes kStream =
@@ -125,6 +126,22 @@ inline const bytes kStream =
     take(kPlain, kPre) + learn(kNextHop, kNine, kPre) + tell(kPlain, kOther, kHop3, kTargetC) +
     down(kOther) + down(kLoc) + tell(kPlain, kPre, kHop3, kTargetB);
 const char kStreamState[] = " A1*2 B2*1 B3*1 C2*1 10.9.0.0/16";
+
+// Valid, and of what recordings may lack: AS_PATH segments, a stack of labels, IPv4 unicast, a list
+// of capabilities in the extended form, an attribute with an extended length, a Peer Down.
+inline const bytes kRich =
+    kInitiation + up(1, 2, kPre) + up(1, 0, kOther, true) +
+    tell(kId7 + be(8, 4) + vpn(32, 0x0a010201), kPre) +
+    learn(reach(hop(kHop2), be(9, 4) + vpn(20, 0x0a013000, kOpenLabel + be(0x3e8001, 3))) +
+              targets({kTargetB, kTargetC}),
+          "", kPre) +
+    monitor(update(kOrigin + be(0x5002000c02010000, 8) + be(0xfde801010000fde9, 8) +
+                   reach(hop(kHop3), kTwo) + targets({kTargetC})),
+            kOther) +
+    learn(kNextHop, kNine + kNine1, kOther) + learn(reach(be(kHop3, 4), kNine2, 1), "", kOther) +
+    monitor(update("", "", kNine1), kOther) + take(kNine2, kOther, 1) +
+    take(be(8, 4) + vpn(32, 0x0a010201, kLabel8), kPre) + tell(kPlain, kThird) + down(kThird);
+const char kRichState[] = " A1*1 B2*1 C2*1 C3*2 10.9.0.0/16";
 
 inline std::span<const uint8_t> span_of(const bytes &text) {
   return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};

@@ -66,9 +66,10 @@ struct world : rib_world {
   bmp_session session;
 
   explicit world(setup how = kLocRib)
-      : session(routes, how == kPreView ? bmp_view::pre_policy : bmp_view::loc_rib,
-                how == kRecording ? kind::recording : kind::connection, "r",
-                [this](const std::string &line) { said.push_back(line); }) {}
+      : world(how == kPreView ? bmp_view::pre_policy : bmp_view::loc_rib,
+              how == kRecording ? kind::recording : kind::connection) {}
+  world(bmp_view view, kind of)
+      : session(routes, view, of, "r", [this](const std::string &line) { said.push_back(line); }) {}
   bool feed(const bytes &stream) { return session.feed(span_of(stream)); }
   /// What was learned, " fault*1" and " said*1" for one diagnostic.
   std::string state() {
