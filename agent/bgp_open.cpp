@@ -8,6 +8,15 @@ constexpr uint8_t kParameterCapabilities = 2;
 constexpr uint8_t kParameterExtended = 255;
 constexpr uint8_t kCapabilityAddPath = 69;
 
+// Directions of the ADD-PATH capability (RFC 7911).
+constexpr uint8_t kAddPathReceive = 1;
+constexpr uint8_t kAddPathSend = 2;
+
+struct bgp_open {
+  uint8_t add_path_unicast = 0;  // the two bits above; 0: not advertised
+  uint8_t add_path_vpn = 0;
+};
+
 void read_add_path(byte_cursor in, bgp_open &open) {
   while (in.left() >= 4) {
     const uint16_t afi = in.u16();
@@ -44,8 +53,7 @@ byte_cursor take_parameters(byte_cursor &in, bool &extended) {
   return in.take(in.u16());
 }
 
-}  // namespace
-
+// Reads the body of an OPEN. After a fault it holds what was read before it.
 bgp_open read_open(byte_cursor body, bgp_fault &fault) {
   bgp_open open;
   body.skip(9);  // version, AS, hold time, identifier
@@ -60,6 +68,23 @@ bgp_open read_open(byte_cursor body, bgp_fault &fault) {
     fault = {fault_action::discard, 0, body.offset(), "open-length",
              "optional parameters that the OPEN doesn't hold"};
   return open;
+}
+
+}  // namespace
+
+add_path_families read_opens(byte_cursor in, bool either, bgp_fault &fault) {
+  bgp_open opens[2];  // sent, received
+  for (bgp_open &open : opens) {
+    const byte_cursor body = take_bgp_message(in, kBgpOpen, fault);
+    if (fault.action == fault_action::withdraw) break;
+    open = read_open(body, fault);
+  }
+  const auto negotiated = [&](uint8_t bgp_open::*family) {
+    const uint8_t sent = opens[0].*family, received = opens[1].*family;
+    if (either) return (sent | received) != 0;
+    return (sent & kAddPathReceive) != 0 && (received & kAddPathSend) != 0;
+  };
+  return {negotiated(&bgp_open::add_path_unicast), negotiated(&bgp_open::add_path_vpn)};
 }
 
 }  // namespace agent

@@ -286,21 +286,9 @@ void bmp_session::read_peer_up(const peer_header &header, byte_cursor in) {
 
   in.skip(20);  // local address and ports
   bgp_fault fault;
-  bgp_open opens[2];  // sent, received
-  for (bgp_open &open : opens) {
-    const byte_cursor body = take_bgp_message(in, kBgpOpen, fault);
-    if (fault.action == fault_action::withdraw) break;
-    open = read_open(body, fault);
-  }
+  // A Loc-RIB has no other end: the router made up both OPENs to say how it encodes routes.
+  from->add_path = read_opens(in, header.key.type == kLocRibInstance, fault);
   if (fault.action != fault_action::none) report_fault(header, fault, "Peer Up");
-
-  const auto negotiated = [&](uint8_t bgp_open::*family) {
-    const uint8_t sent = opens[0].*family, received = opens[1].*family;
-    // A Loc-RIB has no other end: the router made up both OPENs to say how it encodes routes.
-    if (header.key.type == kLocRibInstance) return (sent | received) != 0;
-    return (sent & kAddPathReceive) != 0 && (received & kAddPathSend) != 0;
-  };
-  from->add_path = {negotiated(&bgp_open::add_path_unicast), negotiated(&bgp_open::add_path_vpn)};
 }
 
 // Each peer type has views of its own, so the peer's one source is of the type that went down.

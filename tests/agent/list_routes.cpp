@@ -1,49 +1,98 @@
-// list_routes FILE: what the agent reads out of a recorded stream's UPDATEs, a line for each route;
-// script/check-decoder compares it with another decoder. Path identifiers are read where they
-// stand.
+// list_routes FILE: what the agent reads out of each of a recorded stream's UPDATEs, a line for
+// each route, and what a session in each view has in the RIB at the end. script/check-decoder
+// compares it with another decoder. Without FILE it writes a stream to compare, of what recordings
+// lack.
 #include <arpa/inet.h>
 
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <map>
+#include <set>
 
+#include "agent/bgp_open.h"
 #include "agent/bgp_update.h"
+#include "agent/bmp_session.h"
+#include "agent/fence.h"
+#include "agent/global_table.h"
+#include "agent/redistribution.h"
+#include "agent/rib.h"
 #include "agent/text.h"
+#include "tarvo/discovery.h"
+#include "tests/agent/bmp_bytes.h"
+
+// The RIB's fence stays closed: the module is never called.
+uint32_t tarvo_pe_discovery_register(uint32_t, const char *, tarvo_nd_notify_fn) { return 1; }
+uint32_t tarvo_pe_discovery_unregister(uint32_t) { return 1; }
+uint32_t tarvo_pe_discovery_resend(uint32_t, const char *) { return 1; }
 
 using namespace agent;
 
 namespace {
 
-// "NUMBER + RD PREFIX NEXT-HOP TARGETS"; " path" follows where a path identifier came before.
-void list(size_t number, const std::vector<nlri> &routes, const std::string &what) {
-  for (const nlri &r : routes) {
-    const uint64_t as_target = (r.rd >> 48 & 0xff) << 56 | uint64_t{0x02} << 48;
-    std::cout << number << (what.empty() ? " - " : " + ")
-              << target_text(as_target | (r.rd & 0xffffffffffff)) << ' '
-              << prefix_text(htonl(r.prefix), r.length) << what << (r.path_id != 0 ? " path" : "")
-              << '\n';
-  }
+// "WHERE RD PREFIX PATH-ID", and of an announcement " NEXT-HOP TARGETS".
+void list(const std::string &where, const nlri &r, const std::string &attributes) {
+  std::cout << where << ' ' << (r.vpn ? distinguisher_text(r.rd) : "-") << ' '
+            << prefix_text(htonl(r.prefix), r.length) << ' ' << r.path_id << attributes << '\n';
+}
+
+std::string attributes_of(uint32_t nexthop, std::span<const route_target> targets) {
+  std::string text = ' ' + address_text(nexthop);
+  for (const route_target t : targets) text += ' ' + target_text(t);
+  return text;
+}
+
+void list_view(std::span<const uint8_t> stream, bmp_view view, const std::string &name,
+               const std::set<uint32_t> &nexthops) {
+  global_table global;
+  fence pace;
+  redistribution reports{pace};
+  rib routes{global, reports};
+  bmp_session session(routes, view, bmp_session::source_kind::recording, "", [](auto &) {});
+  session.feed(stream);
+  session.finish("");
+  routes.settle();
+  for (const uint32_t nexthop : nexthops)
+    routes.visit_nexthop(nexthop, [&](const rib::path_info &path) {
+      list(name + " =", path.key, attributes_of(nexthop, path.targets));
+    });
 }
 
 }  // namespace
 
-int main(int, char **argv) {
+int main(int count, char **argv) {
+  if (count == 1) return std::cout << kRich, 0;
   std::ifstream file(argv[1], std::ios::binary);
   const std::vector<uint8_t> stream{std::istreambuf_iterator<char>(file), {}};
-  byte_cursor in(stream);
+  std::map<std::pair<uint8_t, bytes>, add_path_families> peers;  // by type and address
+  std::set<uint32_t> nexthops;
   bgp_update update;
+  byte_cursor in(stream);
   for (size_t number = 1; in.left() > 0; ++number) {
     in.skip(1);
     byte_cursor message = in.take(in.u32() - 5);
     if (!in.ok()) return std::cerr << "message " << number << " is cut short\n", 1;
-    if (message.u8() != 0) continue;
-    message.skip(42);
+    const uint8_t type = message.u8(), peer_type = message.u8();
+    message.skip(1);  // flags
+    const std::span<const uint8_t> address = message.take(24).rest();
+    add_path_families &negotiated = peers[{peer_type, bytes(address.begin(), address.end())}];
+    message.skip(16);  // AS, BGP identifier, timestamp
     bgp_fault fault;
-    read_update(take_bgp_message(message, kBgpUpdate, fault), {}, update);
-    list(number, update.withdrawn, "");
-    std::string targets;
-    for (const route_target t : update.targets) targets += ' ' + target_text(t);
+    if (type == 3) {
+      message.skip(20);  // local address and ports
+      negotiated = read_opens(message, peer_type == 3, fault);
+    }
+    if (type != 0) continue;
+    read_update(take_bgp_message(message, kBgpUpdate, fault), negotiated, update);
+    for (const nlri &r : update.withdrawn) list(std::to_string(number) + " -", r, "");
     for (const bgp_reach *reach : {&update.classic, &update.multiprotocol})
-      list(number, reach->routes, ' ' + address_text(reach->nexthop) + targets);
+      for (const nlri &r : reach->routes) {
+        nexthops.insert(reach->nexthop);
+        list(std::to_string(number) + " +", r,
+             attributes_of(reach->nexthop, r.vpn ? update.targets : std::vector<route_target>()));
+      }
   }
+  list_view(stream, bmp_view::loc_rib, "loc-rib", nexthops);
+  list_view(stream, bmp_view::post_policy, "post-policy", nexthops);
+  list_view(stream, bmp_view::pre_policy, "pre-policy", nexthops);
 }
