@@ -84,6 +84,7 @@ int main(int count, char **argv) {
     }
     if (type != 0) continue;
     read_update(take_bgp_message(message, kBgpUpdate, fault), negotiated, update);
+    if (update.other_reading) std::cout << number << " against the OPENs\n";
     for (const nlri &r : update.withdrawn) list(std::to_string(number) + " -", r, "");
     for (const bgp_reach *reach : {&update.classic, &update.multiprotocol})
       for (const nlri &r : reach->routes) {
