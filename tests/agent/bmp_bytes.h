@@ -135,12 +135,12 @@ inline const bytes kRich =
     learn(reach(hop(kHop2), be(9, 4) + vpn(20, 0x0a013000, kOpenLabel + be(0x3e8001, 3))) +
               targets({kTargetB, kTargetC}),
           "", kPre) +
-    monitor(update(kOrigin + be(0x5002000c02010000, 8) + be(0xfde801010000fde9, 8) +
+    monitor(update(kOrigin + be(0x5002001002020000, 8) + be(0xfde80000fdea0101, 8) + be(0xfde9, 4) +
                    reach(hop(kHop3), kTwo) + targets({kTargetC})),
             kOther) +
     learn(kNextHop, kNine + kNine1, kOther) + learn(reach(be(kHop3, 4), kNine2, 1), "", kOther) +
     monitor(update("", "", kNine1), kOther) + take(kNine2, kOther, 1) +
-    take(be(8, 4) + vpn(32, 0x0a010201, kLabel8), kPre) + tell(kPlain, kThird) + down(kThird);
+    take(be(8, 4) + vpn(32, 0x0a010201, kLabel8), kPre) + tell(vpn(32, 1), kThird) + down(kThird);
 const char kRichState[] = " A1*1 B2*1 C2*1 C3*2 10.9.0.0/16";
 
 inline std::span<const uint8_t> span_of(const bytes &text) {
