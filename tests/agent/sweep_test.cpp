@@ -11,6 +11,14 @@ namespace {
 
 using counts = std::map<std::string_view, size_t>;
 
+/// As far as the stream goes.
+size_t number(const bytes &stream, size_t at, int size) {
+  size_t value = 0;
+  for (; size > 0 && at < stream.size(); --size)
+    value = value << 8 | static_cast<uint8_t>(stream[at++]);
+  return value;
+}
+
 struct length_field {
   size_t message;  ///< which of the stream's
   size_t at;
@@ -26,12 +34,6 @@ class walker {
   explicit walker(const bytes &stream) : stream_(stream) {
     for (size_t at = 0; at < stream.size(); at += number(at + 1, 4)) walk_message(at);
   }
-  size_t number(size_t at, int size) const {
-    size_t value = 0;
-    for (; size > 0 && at < stream_.size(); --size)
-      value = value << 8 | static_cast<uint8_t>(stream_[at++]);
-    return value;
-  }
 
   std::vector<size_t> messages;  ///< where they begin
   std::vector<length_field> fields;
@@ -41,6 +43,7 @@ class walker {
  private:
   using directions = std::map<size_t, size_t>;  ///< of path identifiers, by SAFI
 
+  size_t number(size_t at, int size) const { return ::agent::number(stream_, at, size); }
   size_t length(size_t at, int size, std::string_view what) {
     fields.push_back({messages.size() - 1, at, size, what});
     ++of[what];
@@ -163,18 +166,12 @@ class Sweep : public testing::TestWithParam<swept> {
     std::set<std::pair<uint32_t, uint32_t>> pes;  ///< by table
   };
 
-  static size_t next_size(const bytes &stream, size_t at) {
-    size_t size = 0;
-    for (size_t i = at + 1; i < at + 5 && i < stream.size(); ++i)
-      size = size << 8 | static_cast<uint8_t>(stream[i]);
-    return std::max<size_t>(size, 1);
-  }
   static outcome replay(const bytes &stream) {
     outcome got;
     world w(GetParam().view, kind::recording);
     for (size_t at = 0, size = 0; at < stream.size(); at += size) {
       // Whole messages as the stream's own lengths have them, so that each one's result is seen.
-      size = std::min(stream.size() - at, next_size(stream, at));
+      size = std::min(stream.size() - at, std::max<size_t>(number(stream, at + 1, 4), 1));
       w.feed(stream.substr(at, size));
       for (const route_count &c : w.routes.count_routes()) got.pes.insert({c.table_id, c.nexthop});
     }
@@ -189,7 +186,7 @@ class Sweep : public testing::TestWithParam<swept> {
     const walker other(stream);
     for (const length_field &field : other.fields) {
       if (field.of != "prefix" || !other.exact) continue;
-      const size_t bits = other.number(field.at, 1);
+      const size_t bits = number(stream, field.at, 1);
       char &last = stream[field.at + (bits + 7) / 8];
       last = static_cast<char>(last & (0xff << (8 - bits % 8) % 8));
     }
@@ -221,11 +218,11 @@ TEST_P(Sweep, EveryWrongLengthGivesTheRestOrAReport) {
   const outcome right = replay(stream);
   for (const length_field &field : known.fields) {
     const size_t size = static_cast<size_t>(field.size);
-    const uint64_t value = known.number(field.at, field.size);
+    const uint64_t value = number(stream, field.at, field.size);
     // A BMP message's own length tells where the others are: without it what came before is all.
     const size_t begin = known.messages[field.message];
     bytes others = stream;
-    others.erase(begin, field.of == "BMP message" ? bytes::npos : next_size(stream, begin));
+    others.erase(begin, field.of == "BMP message" ? bytes::npos : number(stream, begin + 1, 4));
     const std::string rest = replay(others).routes;
 
     for (const uint64_t wrong :
