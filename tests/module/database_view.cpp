@@ -229,11 +229,11 @@ struct held_source {
   }
 };
 
-// ---- One text of both ----
+// ---- One text of both: operational data has a line for each answer, "KIND ANSWER" ----
 
 template <typename Source>
 static std::string of_one(const Source &source, uint32_t host) {
-  return " prefix " + source.prefix(host) + " names " + source.vrfs(host, false) + " data " +
+  return "\nprefix " + source.prefix(host) + "\nnames " + source.vrfs(host, false) + "\ndata " +
          source.vrfs(host, true);
 }
 
@@ -255,11 +255,11 @@ static std::string view(const Source &source, const probes &ask) {
   for (const uint32_t table : ask.tables)
     text += "\nfirst of " + std::to_string(table) + " " + source.hop(kFirst, table).text;
   for (const uint32_t host : ask.hosts) {
-    text += "\nat " + dotted(host) + of_one(source, host) + " lookup, next, next table";
+    text += "\nat " + dotted(host) + of_one(source, host) + "\nlookup, next, next table";
     for (const uint32_t table : ask.tables)
       text += " | " + source.hop(kLookup, table, host).text + ", " +
               source.hop(kNext, table, host).text + ", " + source.ref(kNext, host, table).text;
-    for (const std::string &name : ask.names) text += " | " + source.vrf(host, name);
+    for (const std::string &name : ask.names) text += "\nvrf " + source.vrf(host, name);
   }
   return text;
 }

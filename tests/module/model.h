@@ -27,8 +27,19 @@ struct request {
   uint32_t id = 0;    // table or client
   uint32_t host = 0;  // next hop
   bool add = false;
-  std::string name;
+  std::string name = {};
 };
+
+/// Calls that may find no memory: for a request, next hops, tables, clients, and all of discovery.
+inline const std::vector<std::string> kShort = {"chunk_malloc PE Discovery workQ Chunk",
+                                                "chunk_malloc PE Discovery NHop Chunk",
+                                                "chunk_malloc PE Discovery Table ID Chunk",
+                                                "calloc_named TARVO DISC VRF Info",
+                                                "calloc_named TARVO DISC Client Entry",
+                                                "calloc_named TARVO DISC Client Info",
+                                                "chunk_create PE Discovery NHop Chunk",
+                                                "chunk_create PE Discovery Table ID Chunk",
+                                                "wavl_init next hops"};
 
 constexpr int64_t kSecond = 1000000000;
 
@@ -41,8 +52,15 @@ class model {
   std::vector<std::string> did;
 
   // The surroundings, with what the world's RIB says.
-  bool starved = false;           // of memory for references
+  std::string starved;            // the call that finds no memory
   int64_t now = 0, deadline = 0;  // nanoseconds
+
+  /// Whether this is what there is no memory for.
+  bool lacks(const char *call, const char *purpose) {
+    if (starved != call) return false;
+    did.push_back(std::string("log 4 ERR_MEM During mallocing ") + purpose);
+    return true;
+  }
 
   // ---- Timers ----
 
@@ -51,8 +69,8 @@ class model {
 
   /// For `held`.
   int64_t seconds_left() const {
-    const int64_t left = (deadline - now) / kSecond + (timer_ == 7 ? clear_phase() : 0);
-    return static_cast<int32_t>(static_cast<uint32_t>(left));
+    const int64_t left = deadline > now ? (deadline - now) / kSecond : 0;
+    return static_cast<int32_t>(static_cast<uint32_t>(left) + (timer_ == 7 ? clear_phase() : 0));
   }
 
   void start(int which) {
@@ -81,7 +99,7 @@ class model {
       const char *const name = expired == 7 ? "Refresh" : "Clear";
       did.push_back(std::string("trace 13/1 DISC: ") + name + " interval expired");
       stop_running();
-      queue.emplace_back().what = expired == 7 ? request::refresh : request::clear;
+      offer({expired == 7 ? request::refresh : request::clear});
       start(expired == 7 ? 8 : 7);
     }
   }
@@ -138,8 +156,11 @@ class model {
       limit_logged_ = true;
       return;
     }
+    if (!held.hops.contains(r.host) && lacks("chunk_malloc PE Discovery NHop Chunk", "Nhop Chunk"))
+      return;
     next_hop &hop = held.hops[r.host];
     if (hop.marked || hop.route.empty()) {
+      did.push_back("rib route " + dotted(r.host));
       const std::string route = w.route_to(r.host);
       if (hop.marked && route.empty()) {
         tell_all(false, r.host);
@@ -151,10 +172,7 @@ class model {
     }
     hop.marked = false;
     const bool is_new = !hop.tables.contains(r.id);
-    if (is_new && starved) {
-      did.push_back("log 4 ERR_MEM During mallocing Nhop TableId Chunk");
-      return;
-    }
+    if (is_new && lacks("chunk_malloc PE Discovery Table ID Chunk", "Nhop TableId Chunk")) return;
     ++hop.tables[r.id];
     if (is_new && !hop.route.empty()) tell_table(r.id, true, r.host);
   }
@@ -189,21 +207,23 @@ class model {
 
   // ---- Tables ----
 
-  void reported(uint32_t table) {
-    for (const uint32_t host : w.rib[table]) offer({request::report, table, host, true, ""});
+  void reported(uint32_t table, bool add) {
+    for (const uint32_t host : w.rib[table]) offer({request::report, table, host, add});
   }
 
   void switch_on(uint32_t table) {
     did.push_back("rib on " + text_of(table) + (held.active ? "" : " while inactive"));
     if (w.refused.contains(table)) return;
     redistributed_.insert(table);
-    reported(table);
+    reported(table, true);
   }
 
   void switch_off(uint32_t table) {
     if (!redistributed_.contains(table)) return;
     did.push_back("rib off " + text_of(table) + (held.active ? "" : " while inactive"));
-    if (!w.refused.contains(table)) redistributed_.erase(table);
+    if (w.refused.contains(table)) return;
+    redistributed_.erase(table);
+    if (w.withdraws) reported(table, false);
   }
 
   void redistribute(bool reset, bool restart) {
@@ -213,13 +233,14 @@ class model {
         switch_on(table);
       } else if (reset) {
         did.push_back("rib reset " + text_of(table));
-        reported(table);
+        reported(table, true);
       }
     }
   }
 
   void add_table(const request &r) {
-    if (held.vrfs.contains(r.id)) return;
+    if (held.vrfs.contains(r.id) || lacks("calloc_named TARVO DISC VRF Info", "vrf information"))
+      return;
     held.vrfs[r.id] = r.name;
     if (held.active) switch_on(r.id);
   }
@@ -266,14 +287,25 @@ class model {
     return count;
   }
 
+  void activate() {
+    if (lacks("chunk_create PE Discovery NHop Chunk", "NHop Chunk") ||
+        lacks("chunk_create PE Discovery Table ID Chunk", "Table ID Chunk") ||
+        lacks("wavl_init next hops", "NHop tree"))
+      return;
+    redistribute(false, false);
+    start(7);
+    held.active = true;
+  }
+
   void add_client(const request &r) {
+    if (lacks("calloc_named TARVO DISC Client Entry", "client entry")) return;
+    if (!r.name.empty() && lacks("calloc_named TARVO DISC Client Info", "client information"))
+      return;
     held.clients[r.name].push_back(r.id);
     if (held.active) {
       replay(r.id, r.name);
     } else {
-      redistribute(false, false);
-      start(7);
-      held.active = true;
+      activate();
     }
     tell_end(r.id, "END");
   }
@@ -300,11 +332,13 @@ class model {
 
   // ---- Requests ----
 
-  /// Queues what the entry calls queue of it.
-  void offer(request r) {
-    if (r.what == request::table && r.id == 0xe0000000) return;
+  /// Queues what the entry calls queue of it. False when it is refused.
+  bool offer(request r) {
+    if (r.what == request::table && r.id == 0xe0000000) return true;
+    if (lacks("chunk_malloc PE Discovery workQ Chunk", "route update information")) return false;
     r.name = r.name.substr(0, 244);
     queue.push_back(std::move(r));
+    return true;
   }
 
   /// Handles the request at the head.

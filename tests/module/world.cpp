@@ -61,7 +61,7 @@ void world::note(std::string text) {
 bool world::failing(const char *operation, const char *object) {
   if (object == nullptr || (fail.empty() && !counting)) return false;
   const std::string call = operation + std::string(*object == '\0' ? "" : " ") + object;
-  if (counting) ++calls[call];
+  if (counting) calls.push_back(call);
   auto found = fail.find(operation);
   if (found == fail.end()) found = fail.find(call);
   if (found == fail.end()) return false;
@@ -184,6 +184,7 @@ std::string world::route_to(uint32_t host) const {
 }
 
 int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
+  w.note("rib route " + dotted(ntohl(info->nhop_addr)));
   const std::string route = w.route_to(ntohl(info->nhop_addr));
   *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
   if (route.empty()) return -1;
@@ -193,9 +194,9 @@ int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
   return 0;
 }
 
-static void report_routes(uint32_t table_id) {
+static void report_routes(uint32_t table_id, bool add) {
   for (const uint32_t host : w.rib[table_id])
-    tarvo_nd_enqueue_nhop_update(table_id, htonl(host), 5);
+    tarvo_nd_enqueue_nhop_update(table_id, htonl(host), add ? 5 : 0);
 }
 
 int tarvo_rib_ipv4_redist(uint32_t table_id, int on) TARVO_NO_THREAD_SAFETY_ANALYSIS {
@@ -204,13 +205,13 @@ int tarvo_rib_ipv4_redist(uint32_t table_id, int on) TARVO_NO_THREAD_SAFETY_ANAL
   w.note((on ? "rib on " : "rib off ") + std::to_string(table_id) +
          (tarvo_nd_is_active() != 0 ? "" : " while inactive"));
   if (w.refused.contains(table_id)) return -1;
-  if (on != 0) report_routes(table_id);
+  if (on != 0 || w.withdraws) report_routes(table_id, on != 0);
   return 0;
 }
 
 int tarvo_rib_ipv4_redist_reset(uint32_t table_id) {
   w.note("rib reset " + std::to_string(table_id));
-  report_routes(table_id);
+  report_routes(table_id, true);
   return -1;  // not looked at
 }
 

@@ -31,6 +31,7 @@ struct world {
   std::set<std::string> routes;
   std::set<uint32_t> refused;
   std::map<uint32_t, std::vector<uint32_t>> rib;
+  bool withdraws = false;  ///< the RIB withdraws them when a table is switched off
 
   /// The n-th call of an operation fails (for thread calls: with `error`), and so do later ones
   /// when `for_good`. "chunk_malloc", or with the object: "chunk_malloc PE Discovery NHop Chunk".
@@ -38,8 +39,8 @@ struct world {
   bool for_good = false;
   int error = 11;
   texts failed;  ///< the calls that failed, with their objects
-  /// While `counting`, how often each call was made that can fail.
-  std::map<std::string, int> calls;
+  /// While `counting`, the calls that can fail, with their objects.
+  texts calls;
   bool counting = false;
 
   std::atomic<int64_t> now = 0;  ///< fake time, nanoseconds
