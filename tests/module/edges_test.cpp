@@ -173,12 +173,6 @@ TEST(Refusals, AreToldByCodeOrMessage) {
   w.run();
   tarvo_nd_nhop_table_t ref = {};
   EXPECT_EQ(tarvo_nd_first_tableid(9, &ref), TARVO_ND_OK) << "no name wanted";
-  w.fail_next("chunk_malloc");
-  w.for_good = true;
-  EXPECT_EQ(tarvo_pe_discovery_register(1, nullptr, tell), TARVO_ND_ERR_NOMEM);
-  EXPECT_EQ(tarvo_pe_discovery_unregister(1), TARVO_ND_ERR_NOMEM);
-  EXPECT_EQ(tarvo_pe_discovery_resend(1, "A"), TARVO_ND_ERR_NOMEM);
-  EXPECT_EQ(tarvo_nd_enqueue_rib_restart(), 0);
 }
 
 TEST(Refusals, NullIsNothing) {

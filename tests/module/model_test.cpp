@@ -269,7 +269,8 @@ double from_environment(const char *name, double otherwise) {
 }
 
 void play(const profile &p, uint64_t seed, uint64_t requests, double seconds) {
-  printf("seed %lu: ", seed);  // before, should it never end
+  const char *const test = testing::UnitTest::GetInstance()->current_test_info()->name();
+  printf("seed %lu of %s: ", seed, test);  // first, should the rest never end
   const ended child = in_child([&] { pair_of(p, seed, requests).play(seconds); });
   EXPECT_EQ(child.status, 0) << child.output;
   printf("%s", child.output.c_str());
