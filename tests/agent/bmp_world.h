@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -115,8 +116,6 @@ class router {
     to.sin_family = AF_INET;
     to.sin_port = htons(port);
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const timeval patience{30, 0};
-    setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     EXPECT_EQ(connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to), 0);
   }
   ~router() { close(fd_); }
@@ -125,9 +124,10 @@ class router {
     return ::send(fd_, stream.data(), stream.size(), MSG_NOSIGNAL) == ssize_t(stream.size());
   }
   /// Waits until the station closes.
-  bool closed() {
+  bool closed(int milliseconds = 30000) {
+    pollfd one{fd_, POLLIN, 0};
     char byte;
-    return read(fd_, &byte, 1) <= 0 && errno != EAGAIN;
+    return poll(&one, 1, milliseconds) == 1 && read(fd_, &byte, 1) <= 0;
   }
 
  private:
