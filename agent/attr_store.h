@@ -3,7 +3,11 @@
 // Both are interned, attributes and target sets, and counted: the last release frees. Target sets
 // know the slots of the VRFs that import any of their targets, so that a route's membership is one
 // look. The RIB thread's own. It holds no more than what paths refer to, in all kMaxAttributes and
-// kMaxTargets: less than half a GiB. Where memory fails, acquire() throws and changes nothing;
+// kMaxTargets: less than half a GiB. There is no share for each session: attributes are interned,
+// so one that several sessions bring is no session's own. A hostile router can take what is left,
+// and then routes of others are refused, but only those with attributes that nobody brought before.
+// It shows in its session's count of routes left out; ending that session frees all. Where memory
+// fails, acquire() throws and changes nothing;
 // releasing never allocates.
 #pragma once
 

@@ -43,7 +43,9 @@ constexpr uint64_t kTrickle = 100;
 
 using steady = std::chrono::steady_clock;
 
-std::string error_text(const char *call) { return std::string(call) + ": " + strerror(errno); }
+std::string error_text(const char *call, int error = errno) {
+  return std::string(call) + ": " + strerror(error);
+}
 
 // One write, so that the lines of different threads don't mix.
 void tell(const std::string &text) { diagnose("tarvo-agent: " + text); }
@@ -155,6 +157,7 @@ std::string bmp_station::listen(const std::string &address_port) {
   std::string error;
   loop_.call([&] {
     listeners_.emplace_back(fd);
+    resting_.reserve(listeners_.size());
     watch_listener(fd);
     error = start_ticking();
   });
@@ -183,7 +186,7 @@ std::string bmp_station::start_ticking() {
 void bmp_station::tick() {
   uint64_t expirations;
   [[maybe_unused]] const ssize_t size = read(ticks_.number, &expirations, sizeof expirations);
-  for (const int fd : std::exchange(resting_, {})) watch_listener(fd);
+  for (; !resting_.empty(); resting_.pop_back()) watch_listener(resting_.back());
   // From the end, since ending one takes it out.
   for (size_t i = connections_.size(); i-- > 0;) check(*connections_[i]);
 }
@@ -218,7 +221,7 @@ void bmp_station::accept_ready(int listening_fd) {
   if (errno == EMFILE || errno == ENFILE) return shed_connection(listening_fd);
   // The connection's own end, before it was accepted.
   if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
-  rest_listener(listening_fd, error_text("accept"));
+  rest_listener(listening_fd, errno);
 }
 
 void bmp_station::accepted(descriptor fd, const std::string &router) {
@@ -235,19 +238,20 @@ void bmp_station::accepted(descriptor fd, const std::string &router) {
 
 // Without a descriptor to accept it on, a waiting connection would wake the loop for ever.
 void bmp_station::shed_connection(int listening_fd) {
-  const std::string why = error_text("accept");
+  const int error = errno;
   spare_ = {};
   const bool shed = descriptor(accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC)).number >= 0;
   spare_ = open_spare();
-  if (!shed) return rest_listener(listening_fd, why);
-  tell_full(why);
+  if (!shed) return rest_listener(listening_fd, error);
+  tell_full(error_text("accept", error));
 }
 
 // So would a failure that stays. Told once until a connection is accepted.
-void bmp_station::rest_listener(int listening_fd, const std::string &why) {
-  resting_.push_back(listening_fd);
+void bmp_station::rest_listener(int listening_fd, int error) {
+  resting_.push_back(listening_fd);  // there is room
   loop_.remove_fd(listening_fd);
-  if (!std::exchange(told_resting_, true)) tell(why + "; trying again every second");
+  if (std::exchange(told_resting_, true)) return;
+  tell(error_text("accept", error) + "; trying again every second");
 }
 
 // Once until a session ends.

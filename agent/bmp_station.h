@@ -122,7 +122,7 @@ class bmp_station {
   void accept_ready(int listening_fd);
   void accepted(descriptor fd, const std::string &router);
   void shed_connection(int listening_fd);
-  void rest_listener(int listening_fd, const std::string &why);
+  void rest_listener(int listening_fd, int error);
   void tell_full(const std::string &why);
   void connection_ready(connection &from);
   void end(connection &from, const std::string &error);

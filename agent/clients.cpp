@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <new>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -24,9 +25,12 @@ constexpr const char *kNoMemory = "no memory for the request";
 void await_inactive() {
   constexpr std::chrono::milliseconds kLook{1}, kPatience{1000};
   const auto limit = std::chrono::steady_clock::now() + kPatience;
-  json state;
-  while (oper_state(state) == 0 && std::chrono::steady_clock::now() < limit)
-    std::this_thread::sleep_for(kLook);
+  try {
+    json state;
+    while (oper_state(state) == 0 && std::chrono::steady_clock::now() < limit)
+      std::this_thread::sleep_for(kLook);
+  } catch (const std::bad_alloc &) {  // it has ended, or soon will have
+  }
 }
 
 }  // namespace
@@ -38,12 +42,13 @@ clients::clients(rib_thread &loop, fence &pace, output &out) : loop_(loop), pace
 clients::~clients() { the_clients = nullptr; }
 
 std::string clients::watch(uint32_t id, const std::string &vrf) {
-  if (!pace_.is_open() && !pace_.open()) return kNoMemory;
+  vrf_name watched = vrf.empty() ? nullptr : std::make_shared<const std::string>(vrf);
   {
     scoped_lock held(lock_);
-    watches_[id] = vrf.empty() ? nullptr : std::make_shared<const std::string>(vrf);
+    watches_.emplace(id, std::move(watched));
   }
-  if (tarvo_pe_discovery_register(id, vrf.c_str(), on_event) != TARVO_ND_OK) {
+  if ((!pace_.is_open() && !pace_.open()) ||
+      tarvo_pe_discovery_register(id, vrf.c_str(), on_event) != TARVO_ND_OK) {
     forget(id);
     return kNoMemory;
   }

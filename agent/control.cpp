@@ -204,8 +204,12 @@ void control::send_some(client &to) {
 }
 
 void control::drop(client &of, const std::string &why) {
-  diagnose("tarvo-agent: " + of.name + ": " + why + "; closed");
   of.fd = {};
+  try {
+    diagnose("tarvo-agent: " + of.name + ": " + why + "; closed");
+  } catch (const std::bad_alloc &) {
+    diagnose("tarvo-agent: control: out of memory; a connection was closed");
+  }
 }
 
 }  // namespace agent

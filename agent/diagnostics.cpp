@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <string>
@@ -45,8 +46,11 @@ int poll_or_tell(std::span<pollfd> fds, int timeout_ms, bool &told) {
   const int ready = poll(fds.data(), fds.size(), timeout_ms);
   if (ready >= 0) told = false;
   if (ready >= 0 || errno == EINTR) return ready > 0 ? ready : 0;
-  if (!std::exchange(told, true))
-    diagnose(std::string("tarvo-agent: poll: ") + strerror(errno) + "; trying again");
+  if (!std::exchange(told, true)) {
+    char line[128];  // on the stack: memory may be what is missing
+    snprintf(line, sizeof line, "tarvo-agent: poll: %s; trying again", strerror(errno));
+    diagnose(line);
+  }
   std::this_thread::sleep_for(kPause);
   return 0;
 }

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <map>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -94,10 +95,22 @@ interpreter::interpreter(const parts &agent) : agent_(agent) {}
 
 command_error interpreter::run(const command &c, show_as as, std::string &answer) {
   if (const auto refused = made_.refuses(c)) return {c.columns[refused->word], refused->text};
-  std::string failed = effect(c, as, answer);
-  if (!failed.empty()) return {c.columns.front(), std::move(failed)};
-  made_.enter(c);
-  return {};
+  // What is added is entered before: afterwards there may be no memory for it.
+  const bool adds = c.what == verb::vrf_add || c.what == verb::route_add || c.what == verb::watch;
+  if (adds) made_.enter(c);
+  std::string failed;
+  try {
+    failed = effect(c, as, answer);
+  } catch (const std::bad_alloc &) {
+    failed = "out of memory";  // short enough to need none
+  }
+  if (failed.empty()) {
+    if (!adds) made_.enter(c);
+    return {};
+  }
+  if (adds) made_.take_out(c);
+  answer.clear();
+  return {c.columns.front(), std::move(failed)};
 }
 
 std::string interpreter::effect(const command &c, show_as as, std::string &answer) {
@@ -186,10 +199,9 @@ std::string interpreter::vrf_del(const std::string &name) {
 }
 
 std::string interpreter::watch(const command &c, show_as as, std::string &answer) {
-  std::string failed = agent_.watchers.watch(c.number, c.vrf);
-  if (failed.empty() && !c.vrf.empty() && made_.find_vrf(c.vrf) == nullptr)
+  if (!c.vrf.empty() && made_.find_vrf(c.vrf) == nullptr)
     answer += show_note(as, "no VRF '" + c.vrf + "' yet");
-  return failed;
+  return agent_.watchers.watch(c.number, c.vrf);
 }
 
 std::string interpreter::rib_restart() {

@@ -87,27 +87,41 @@ void ledger::enter(const command &c) {
     case verb::vrf_add:
       vrfs_.push_back({c.vrf, c.number, c.imports});
       return;
-    case verb::vrf_del:
-      std::erase_if(vrfs_, [&](const vrf_config &vrf) { return vrf.name == c.vrf; });
-      return;
     case verb::route_add:
       routes_.emplace(c.prefix, c.length);
       return;
-    case verb::route_del:
-      routes_.erase({c.prefix, c.length});
-      return;
     case verb::watch:
-      watches_[c.number] = c.vrf;
+      watches_.emplace(c.number, c.vrf);
       return;
+    case verb::vrf_del:
+    case verb::route_del:
     case verb::unwatch:
-      watches_.erase(c.number);
-      return;
+      return take_out(c);
     case verb::interval:
       interval_ = c.number;
       return;
     case verb::trace_on:
     case verb::trace_off:
       traces_ = c.what == verb::trace_on;
+      return;
+    default:
+      return;
+  }
+}
+
+void ledger::take_out(const command &c) {
+  switch (c.what) {
+    case verb::vrf_add:
+    case verb::vrf_del:
+      std::erase_if(vrfs_, [&](const vrf_config &vrf) { return vrf.name == c.vrf; });
+      return;
+    case verb::route_add:
+    case verb::route_del:
+      routes_.erase({c.prefix, c.length});
+      return;
+    case verb::watch:
+    case verb::unwatch:
+      watches_.erase(c.number);
       return;
     default:
       return;

@@ -26,6 +26,8 @@ class ledger {
   std::optional<refusal> refuses(const command &c) const;
   /// The command was run.
   void enter(const command &c);
+  /// What a command adds, taken out again.
+  void take_out(const command &c);
 
   const std::vector<vrf_config> &vrfs() const { return vrfs_; }
   const vrf_config *find_vrf(const std::string &name) const;

@@ -5,11 +5,17 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 
 namespace agent {
 
+// What isn't a whole line yet is no longer than the limit: reading never allocates.
+line_reader::line_reader(int fd, size_t limit) : fd_(fd), limit_(limit) {
+  pending_.reserve(limit + kRead + 2);
+}
+
 bool line_reader::read_some() {
-  std::array<char, 4096> chunk;
+  std::array<char, kRead> chunk;
   const ssize_t got = read(fd_, chunk.data(), chunk.size());
   if (got < 0 && (errno == EINTR || errno == EAGAIN)) return true;
   if (got > 0) {
@@ -41,10 +47,17 @@ std::optional<std::string> line_reader::next() {
   if (!whole && !too_long_ && (!at_end_ || pending_.empty())) return std::nullopt;
 
   ++number_;
-  std::string line = pending_.substr(0, std::min(length, limit_));
+  std::optional<std::string> line;
+  bool lost = false;
+  try {
+    line.emplace(pending_, 0, std::min(length, limit_));
+  } catch (const std::bad_alloc &) {
+    lost = true;
+  }
   cutting_ = !whole && !at_end_;
   pending_.erase(0, whole ? end + 1 : size);
   searched_ = 0;
+  if (lost) throw std::bad_alloc();
   return line;
 }
 

@@ -16,19 +16,22 @@ class line_reader {
   /// What to tell of a line with more.
   static std::string too_long_text();
 
-  explicit line_reader(int fd, size_t limit = kMaxLine) : fd_(fd), limit_(limit) {}
+  explicit line_reader(int fd, size_t limit = kMaxLine);
 
   /// Reads what is there, once. False at the end, also when reading fails.
   bool read_some();
   int error() const { return error_; }  ///< errno of the reading that failed, or 0
 
-  /// The next whole line without its end; at the end of input also one without an end.
+  /// The next whole line without its end; at the end of input also one without an end. It may throw
+  /// std::bad_alloc; then the line is lost.
   std::optional<std::string> next();
 
   size_t number() const { return number_; }  ///< of the line that next() gave, from 1
   bool too_long() const { return too_long_; }
 
  private:
+  static constexpr size_t kRead = 4096;
+
   const int fd_;
   const size_t limit_;
   std::string pending_;

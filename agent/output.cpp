@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "platform/thread_diag.h"
@@ -29,21 +30,27 @@ void output::post(pe_event event) {
   {
     scoped_lock held(lock_);
     event.seq = ++seq_;
-    if (queue_.size() >= kMaxQueued) {
-      ++lost_;
-      ++lost_ever_;
-      return;
+    if (queue_.size() >= kMaxQueued) return lose();
+    try {
+      queue_.emplace_back(std::move(event));
+    } catch (const std::bad_alloc &) {  // the module's worker has nobody to tell
+      return lose();
     }
-    queue_.emplace_back(std::move(event));
   }
   changed_.notify_all();
+}
+
+void output::lose() {
+  ++lost_;
+  ++lost_ever_;
 }
 
 void output::print(std::string lines) {
   {
     scoped_lock held(lock_);
     if (error_ != 0) return;
-    if (lost_ > 0) queue_.emplace_back(lost_line(std::exchange(lost_, 0), seq_));
+    if (lost_ > 0) queue_.emplace_back(lost_line(lost_, seq_));
+    lost_ = 0;
     queue_.emplace_back(std::move(lines));
   }
   changed_.notify_all();
@@ -104,22 +111,51 @@ std::string output::lost_line(uint64_t count, uint64_t last_seq) const {
   return (json_ ? lost_json(count, last_seq) : lost_text(count)) + '\n';
 }
 
+/// An event's line, or nothing where there is no memory for it: then it is lost.
+std::string output::event_line(const pe_event &event) {
+  try {
+    return (json_ ? event_json(event) : event_text(event)) + '\n';
+  } catch (const std::bad_alloc &) {
+    scoped_lock held(lock_);
+    lose();
+    return {};
+  }
+}
+
+/// Lines wait for others to be written with; where they find no memory, they are written alone.
 int output::write_out(const batch &taken) {
   constexpr size_t kWrite = 65536;
-  std::string lines;
-  for (const entry &e : taken.entries) {
-    if (const auto *event = std::get_if<pe_event>(&e)) {
-      lines += (json_ ? event_json(*event) : event_text(*event)) + '\n';
-    } else {
-      lines += std::get<std::string>(e);
+  std::string waiting;
+  int error = 0;
+  const auto write_waiting = [&] {
+    if (error == 0 && !waiting.empty()) error = write_(waiting);
+    waiting.clear();
+  };
+  const auto add = [&](const std::string &lines) {
+    try {
+      waiting += lines;
+      if (waiting.size() >= kWrite) write_waiting();
+    } catch (const std::bad_alloc &) {
+      write_waiting();
+      if (error == 0) error = write_(lines);
     }
-    if (lines.size() < kWrite) continue;
-    if (const int error = write_(lines); error != 0) return error;
-    lines.clear();
+  };
+  for (const entry &e : taken.entries) {
+    if (error != 0) return error;
+    if (const auto *event = std::get_if<pe_event>(&e))
+      add(event_line(*event));
+    else
+      add(std::get<std::string>(e));
   }
   // Events are lost only while the queue is full, so they came after all that was in it.
-  if (taken.lost > 0) lines += lost_line(taken.lost, taken.last_seq);
-  return lines.empty() ? 0 : write_(lines);
+  try {
+    if (taken.lost > 0) add(lost_line(taken.lost, taken.last_seq));
+  } catch (const std::bad_alloc &) {  // told the next time
+    scoped_lock held(lock_);
+    lost_ += taken.lost;
+  }
+  write_waiting();
+  return error;
 }
 
 output::sink write_to(int fd) {

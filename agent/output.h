@@ -1,11 +1,11 @@
 // Standard output: lines in the order they came, written by a thread of their own.
 //
 // Notifications come on the module's worker with the nd mutex held, so they are only appended to a
-// bounded queue, which the writer drains. At the bound an event is lost and counted, and a line
-// says how many are missing; a command's result is waited for until it is written, so that there is
-// one at most. The lock covers the queue; it is never held while writing. A reader who left (EPIPE)
-// or a full disk closes the output: from then on lines are dropped, and the owner is woken to end
-// the agent.
+// bounded queue, which the writer drains. At the bound, and where there is no memory for it, an
+// event is lost and counted, and a line says how many are missing; a command's result is waited for
+// until it is written, so that there is one at most. The lock covers the queue; it is never held
+// while writing. A reader who left (EPIPE) or a full disk closes the output: from then on lines are
+// dropped, and the owner is woken to end the agent.
 #pragma once
 
 #include <condition_variable>
@@ -64,7 +64,9 @@ class output {
 
   void run() TARVO_EXCLUDES(lock_);
   bool take(batch &taken) TARVO_EXCLUDES(lock_);
-  int write_out(const batch &taken);
+  int write_out(const batch &taken) TARVO_EXCLUDES(lock_);
+  std::string event_line(const pe_event &event) TARVO_EXCLUDES(lock_);
+  void lose() TARVO_REQUIRES(lock_);
   std::string lost_line(uint64_t count, uint64_t last_seq) const;
 
   const bool json_;

@@ -19,6 +19,8 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -135,6 +137,7 @@ class agent_program {
           return metrics_page({routes_, loop_, station_, out_});
         }) {
     loop_.tell_progress_to(dumps_);
+    polled_.reserve(kControl + 1 + control::kMaxClients);  // waiting never allocates
   }
 
   /// The exit status.
@@ -291,7 +294,6 @@ class agent_program {
   /// Waits until `fd` can be read (-1: never), and serves the control socket meanwhile; false: the
   /// agent is to end.
   bool await_input(int fd) {
-    constexpr size_t kWake = 0, kInput = 1, kControl = 2;
     while (!ended()) {
       polled_.assign({{wake_fd, POLLIN, 0}, {fd, POLLIN, 0}});
       if (control_.is_open()) control_.add_polled(polled_);
@@ -311,19 +313,30 @@ class agent_program {
     await_input(-1);
   }
 
+  void run_input_line(const line_reader &input, const std::string &line) {
+    if (!input.too_long()) return run_line("standard input", input.number(), line);
+    const command_error error{line_reader::kMaxLine + 1, line_reader::too_long_text()};
+    note(tell("standard input", input.number(), {"", error, false}));
+  }
+
+  void run_input_lines(line_reader &input) {
+    while (!ended()) {
+      try {
+        const auto line = input.next();
+        if (!line) return;
+        run_input_line(input, *line);
+      } catch (const std::bad_alloc &) {
+        failed_ = true;
+        diagnose("tarvo-agent: standard input: out of memory; a line was lost");
+      }
+    }
+  }
+
   void pipe_loop() {
     line_reader input(STDIN_FILENO);
     while (await_input(STDIN_FILENO)) {
       const bool more = input.read_some();
-      while (const auto line = input.next()) {
-        if (ended()) return;
-        if (input.too_long()) {
-          const command_error error{line_reader::kMaxLine + 1, line_reader::too_long_text()};
-          note(tell("standard input", input.number(), {"", error, false}));
-        } else {
-          run_line("standard input", input.number(), *line);
-        }
-      }
+      run_input_lines(input);
       if (!more) return await_end();
     }
   }
@@ -341,6 +354,9 @@ class agent_program {
     }
     terminal_.hide();
   }
+
+  // Places in what is polled.
+  static constexpr size_t kWake = 0, kInput = 1, kControl = 2;
 
   const options &options_;
   bool failed_ = false;
@@ -368,7 +384,9 @@ class agent_program {
 
 }  // namespace
 
-void complain(const std::string &text) { fprintf(stderr, "tarvo-agent: %s\n", text.c_str()); }
+void complain(std::string_view text) {
+  fprintf(stderr, "tarvo-agent: %.*s\n", static_cast<int>(text.size()), text.data());
+}
 
 int run_agent(const options &given, const std::vector<start_line> &config) {
   wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -376,9 +394,16 @@ int run_agent(const options &given, const std::vector<start_line> &config) {
     complain(std::string("eventfd: ") + strerror(errno));
     return 1;
   }
-  // Never destroyed: the module's worker outlives main() and may still call the agent's services.
-  static agent_program &program = *new agent_program(given);
-  return program.run(config);
+  try {
+    // Never destroyed: the module's worker outlives main() and may still call the agent's services.
+    static agent_program &program = *new agent_program(given);
+    return program.run(config);
+  } catch (const std::bad_alloc &) {
+    complain("out of memory");
+  } catch (const std::system_error &failed) {  // no thread or descriptor to start with
+    complain(failed.what());
+  }
+  return 1;
 }
 
 }  // namespace agent

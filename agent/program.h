@@ -10,7 +10,7 @@
 namespace agent {
 
 /// A line on standard error; it may wait for its reader, as the main thread may.
-void complain(const std::string &text);
+void complain(std::string_view text);
 
 /// Runs the agent on the calling thread, the main one; the exit status. Once a process.
 int run_agent(const options &given, const std::vector<start_line> &config);

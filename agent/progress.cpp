@@ -1,5 +1,6 @@
 #include "agent/progress.h"
 
+#include <new>
 #include <utility>
 
 #include "agent/text.h"
@@ -30,12 +31,13 @@ void progress::end(uint64_t done) {
   if (terminal_) show_("\n");
 }
 
-void progress::tell(time_point now) {
+void progress::tell(time_point now) try {
   const double seconds = std::chrono::duration<double>(now - begun_).count();
   const auto rate = static_cast<uint64_t>(static_cast<double>(done_) / seconds);
   const std::string text =
       what_ + ": " + grouped(done_) + ' ' + unit_ + ", " + grouped(rate) + " a second";
   show_(terminal_ ? '\r' + text + "\x1b[K" : text + '\n');
+} catch (const std::bad_alloc &) {  // the work goes on untold
 }
 
 }  // namespace agent

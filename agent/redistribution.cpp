@@ -7,6 +7,7 @@
 #include <span>
 
 #include "agent/fence.h"
+#include "agent/free_list.h"
 
 namespace agent {
 
@@ -57,17 +58,19 @@ int redistribution::request_reset(uint32_t table_id) {
 
 uint32_t redistribution::add_table(uint32_t table_id) {
   scoped_lock held(lock_);
-  uint32_t slot = uint32_t(tables_.size());
-  if (free_slots_.empty()) {
+  make_room(tables_, free_slots_);
+  wishes_.reserve(tables_.capacity());
+  requested_.reserve(tables_.capacity());  // the worker's requests never allocate
+  const bool used_before = !free_slots_.empty();
+  const uint32_t slot = used_before ? free_slots_.back() : uint32_t(tables_.size());
+  slots_.emplace(table_id, slot);
+  if (used_before) {
+    free_slots_.pop_back();
+  } else {
     tables_.emplace_back();
     wishes_.emplace_back();
-    requested_.reserve(wishes_.size());  // the worker's requests never allocate
-  } else {
-    slot = free_slots_.back();
-    free_slots_.pop_back();
   }
   wishes_[slot].table_id = table_id;
-  slots_.emplace(table_id, slot);
   return slot;
 }
 

@@ -52,7 +52,8 @@ class redistribution {
 
   // ---- The rest is the RIB thread's. ----
 
-  /// Makes a table known under a slot, a small number; a removed table's slot is used again.
+  /// Makes a table known under a slot, a small number; a removed table's slot is used again. It may
+  /// throw std::bad_alloc; then nothing has changed.
   uint32_t add_table(uint32_t table_id);
   void remove_table(uint32_t slot);
 

@@ -29,9 +29,17 @@ void rib::release(attr_id attributes) { attrs_.release(attributes); }
 
 // A new table has nothing to report yet: the module asks for it once it knows the table.
 void rib::add_vrf(const vrf_config &vrf) {
-  uint32_t slot = reports_.add_table(vrf.table_id);
-  attrs_.add_importer(slot, vrf.imports);
-  vrfs_.push_back(vrf);
+  make_room(vrfs_, slots_);
+  vrf_config kept = vrf;
+  const uint32_t slot = reports_.add_table(vrf.table_id);
+  try {
+    attrs_.add_importer(slot, vrf.imports);
+  } catch (const std::bad_alloc &) {
+    attrs_.remove_importer(slot);
+    reports_.remove_table(slot);
+    throw;
+  }
+  vrfs_.push_back(std::move(kept));
   slots_.push_back(slot);
 }
 

@@ -79,7 +79,8 @@ class rib {
   bool announce(source_id source, const nlri &key, attr_id attributes);
   void withdraw(source_id source, const nlri &key);
 
-  /// The caller has checked that name and table ID are free.
+  /// The caller has checked that name and table ID are free. It may throw std::bad_alloc; then
+  /// nothing has changed.
   void add_vrf(const vrf_config &vrf);
   void remove_vrf(uint32_t table_id);
   const std::vector<vrf_config> &vrfs() const { return vrfs_; }

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <new>
 #include <system_error>
+#include <utility>
 
 #include "agent/diagnostics.h"
 #include "agent/fence.h"
@@ -55,7 +56,9 @@ void rib_thread::call(const std::function<void()> &run) {
   }
   job mine{run};
   scoped_lock held(lock_);
-  jobs_.push_back(&mine);
+  job **last = &jobs_;
+  while (*last != nullptr) last = &(*last)->next;
+  *last = &mine;
   wake();
   while (!mine.done) changed_.wait(lock_);
   if (mine.failure) std::rethrow_exception(mine.failure);
@@ -95,7 +98,7 @@ void rib_thread::loop() {
     {
       scoped_lock held(lock_);
       if (stop_) return;
-      if (!busy && jobs_.empty() && idle_waiters_ > 0) {
+      if (!busy && jobs_ == nullptr && idle_waiters_ > 0) {
         idle_waiters_ = 0;
         ++idles_;
         changed_.notify_all();
@@ -110,13 +113,13 @@ void rib_thread::loop() {
 }
 
 void rib_thread::run_jobs() {
-  std::vector<job *> jobs;
+  job *jobs = nullptr;
   {
     scoped_lock held(lock_);
-    jobs.swap(jobs_);
+    jobs = std::exchange(jobs_, nullptr);
   }
-  if (jobs.empty()) return;
-  for (job *j : jobs) {
+  if (jobs == nullptr) return;
+  for (job *j = jobs; j != nullptr; j = j->next) {
     try {
       j->run();
     } catch (...) {
@@ -126,11 +129,13 @@ void rib_thread::run_jobs() {
   // A caller that goes on finds the effect of its job, sources closed included.
   routes_.settle();
   scoped_lock held(lock_);
-  for (job *j : jobs) j->done = true;
+  for (job *j = jobs; j != nullptr; j = j->next) j->done = true;
   changed_.notify_all();
 }
 
 void rib_thread::serve_fds() {
+  constexpr std::chrono::milliseconds kPause{100};
+  bool failed = false;
   // By index: `ready` may add descriptors, and removes them only in name, since it may be its own.
   for (size_t i = 1, count = polled_.size(); i < count; ++i) {
     short revents = polled_[i].revents;
@@ -139,9 +144,13 @@ void rib_thread::serve_fds() {
       auto ready = watched_[i].ready;
       ready(revents);
     } catch (const std::bad_alloc &) {
-      diagnose("tarvo-agent: out of memory");
+      failed = true;
     }
   }
+  // What could not be done is still to do, and poll() would say so at once. Told once.
+  if (failed && !told_memory_) diagnose("tarvo-agent: out of memory; trying again");
+  told_memory_ = failed;
+  if (failed) std::this_thread::sleep_for(kPause);
   size_t kept = 1;
   for (size_t i = 1; i < polled_.size(); ++i) {
     if (watched_[i].removed) continue;

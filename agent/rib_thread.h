@@ -52,6 +52,7 @@ class rib_thread {
     const std::function<void()> &run;
     bool done = false;
     std::exception_ptr failure = nullptr;
+    job *next = nullptr;
   };
   struct watched {
     std::function<void(short)> ready;
@@ -72,7 +73,7 @@ class rib_thread {
 
   mutex lock_;
   std::condition_variable_any changed_;
-  std::vector<job *> jobs_ TARVO_GUARDED_BY(lock_);
+  job *jobs_ TARVO_GUARDED_BY(lock_) = nullptr;  ///< the first of them
   uint32_t idle_waiters_ TARVO_GUARDED_BY(lock_) = 0;
   bool stop_ TARVO_GUARDED_BY(lock_) = false;
   uint64_t idles_ TARVO_GUARDED_BY(lock_) = 0;  ///< times that waiters found the RIB idle
@@ -82,6 +83,7 @@ class rib_thread {
   std::vector<pollfd> polled_;
   std::vector<watched> watched_;
   bool told_poll_ = false;
+  bool told_memory_ = false;
 
   std::thread thread_;
 };

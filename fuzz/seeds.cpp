@@ -6,8 +6,10 @@
 #include <iostream>
 #include <iterator>
 #include <utility>
+#include <variant>
 #include <vector>
 
+#include "agent/command.h"
 #include "tarvo/oper_records.h"
 #include "tests/agent/bmp_bytes.h"
 
@@ -137,6 +139,23 @@ std::vector<bytes> hostile_streams() {
           tell(kPlain) + tell(kPlain, kLoc, kHop2) + take(kPlain) + down()};
 }
 
+/// The form with values in place of their names.
+bytes example_of(const command_form &form) {
+  bytes line(form.syntax);
+  for (const auto &[name, value] : {std::pair("[VRF]", "CUST-A"),
+                                    {"NAME", "CUST-A"},
+                                    {"TABLE", "101"},
+                                    {"RT...", "65000:1 10.255.1.1:7 4200000002:9"},
+                                    {"PREFIX", "10.1.2.0/24"},
+                                    {"ID", "2"},
+                                    {"SECONDS", "30"},
+                                    {"ADDRESS", "10.1.2.3"}})
+    if (const size_t at = line.find(name); at != bytes::npos) line.replace(at, strlen(name), value);
+  if (std::holds_alternative<command_error>(parse_command(line)))
+    std::cerr << line << ": no example of '" << form.syntax << "'\n", exit(1);
+  return line;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -165,12 +184,8 @@ int main(int argc, char **argv) {
 
   const bytes commands = contents(examples / "two-vpns.conf");
   write("command", commands);
-  for (const char *line :
-       {"vrf del CUST-A", "route del 0.0.0.0/0", "unwatch 1", "resend 2 CUST-A", "interval 30",
-        "rib restart", "show vrfs", "show nexthops CUST-A", "show nexthop 10.1.2.3",
-        "show prefix 10.1.2.3", "show state", "show sessions", "show pools", "trace on",
-        "trace off", "help", "quit", "vrf add A table 4294967296 import 1:1 65536:65536 1.2.3.4:x"})
-    write("command", line);
+  for (const command_form &form : command_forms()) write("command", example_of(form));
+  write("command", "vrf add A table 4294967296 import 1:1 65536:65536 1.2.3.4:x");
 
   for (size_t i = 0; i < std::size(kRecords); ++i) {
     for (const int what : {0, 1}) write("record_encoder", be(i, 1) + be(what, 1) + bytes(300, 'a'));

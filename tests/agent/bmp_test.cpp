@@ -1,6 +1,7 @@
 // The BMP station: what routers send and what hostile ones might, as bytes in and routes out.
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <list>
 #include <set>
@@ -341,6 +342,33 @@ TEST(BmpStation, RefusesWhatItHasNoRoomFor) {
     EXPECT_TRUE(w.comes_to(round == 0 ? " A1*1" : " A1*2"));
   }
   EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 2u);
+}
+
+size_t open_descriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return size_t(std::distance(begin(all), end(all)));
+}
+
+TEST(BmpStation, OutlastsThousandsOfConnections) {
+  station_world w;
+  const uint16_t port = w.listening_port();
+  testing::internal::CaptureStderr();
+  const size_t before = open_descriptors();
+  std::list<router> routers;
+  for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) routers.emplace_back(port);
+  for (int i = 0; i < 1500; ++i) ASSERT_TRUE(router(port).closed());
+  EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 1u);
+  testing::internal::CaptureStderr();
+  const auto none_up = [&] { return w.comes_to("") && w.station.totals().up == 0; };
+  for (int i = 0; i < 1500; i += bmp_station::kMaxConnections) {
+    for (router &each : routers) each.send(kGood);
+    EXPECT_TRUE(w.comes_to(" A1*1"));
+    routers.clear();
+    while (!none_up()) ASSERT_FALSE(testing::Test::HasFailure());
+    EXPECT_EQ(open_descriptors(), before);
+    for (size_t j = 0; j < bmp_station::kMaxConnections; ++j) routers.emplace_back(port);
+  }
+  testing::internal::GetCapturedStderr();
 }
 
 TEST(BmpStation, ReplaysRecordings) {
