@@ -130,6 +130,10 @@ void excuse_json() {
   if (at == nullptr) throw std::bad_alloc();
   return at;
 }
+// The platform layer's own; its failures are the module's to survive.
+[[gnu::noinline]] void *operator new(size_t size, const std::nothrow_t &) noexcept {
+  return malloc(size);
+}
 [[gnu::noinline]] void operator delete(void *at) noexcept { free(at); }
 [[gnu::noinline]] void operator delete(void *at, size_t) noexcept { free(at); }
 
