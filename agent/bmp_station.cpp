@@ -37,8 +37,9 @@ constexpr std::chrono::seconds kViewPatience{10};
 // How often the connections are looked after, at the least.
 constexpr std::chrono::milliseconds kTick{1000};
 
-// A router sends its table in one go: it is whole when fewer routes than this came between two
-// ticks.
+// A router sends its table in one go: it is whole when so many ticks have gone by, and fewer routes
+// than this came between any two of them. One tick may fall short, or come before what has waited.
+constexpr int kQuietTicks = 3;
 constexpr uint64_t kTrickle = 100;
 
 using steady = std::chrono::steady_clock;
@@ -78,18 +79,19 @@ descriptor open_spare() { return descriptor(open("/dev/null", O_RDONLY | O_CLOEX
 // What a new connection brings, told while it comes. By lines, since several come at once.
 class first_table {
  public:
-  first_table(std::string router, progress::clock now)
-      : router_(std::move(router)), line_(false, std::move(now), show_status) {}
+  first_table(const std::string &router, progress::clock now)
+      : label_("tarvo-agent: " + router), line_(false, std::move(now), show_status) {}
 
   void read(uint64_t routes) {
     if (state_ == awaited && routes != 0) {
-      line_.begin("tarvo-agent: " + router_, "routes read");
+      line_.begin(std::move(label_), "routes read");
       state_ = coming;
     }
     if (state_ == coming) line_.update(routes);
   }
   void tick(uint64_t routes) {
-    if (state_ == coming && routes - ticked_ < kTrickle) end(routes);
+    quiet_ = state_ == coming && routes - ticked_ < kTrickle ? quiet_ + 1 : 0;
+    if (quiet_ == kQuietTicks) end(routes);
     ticked_ = routes;
   }
   void end(uint64_t routes) {
@@ -98,10 +100,11 @@ class first_table {
   }
 
  private:
-  const std::string router_;
+  std::string label_;
   progress line_;
   enum { awaited, coming, whole } state_ = awaited;
   uint64_t ticked_ = 0;  // routes at the last tick
+  int quiet_ = 0;        // ticks
 };
 
 }  // namespace
@@ -117,7 +120,7 @@ struct bmp_station::connection {
   bmp_session session;
   first_table table;
   uint64_t messages = 0;                         // of the session, when it was last read
-  steady::time_point progress = steady::now();   // when a message last began or was complete
+  steady::time_point heard = steady::now();      // when a message last began or was complete
   std::optional<steady::time_point> view_doubt;  // since when the chosen view seems empty
 };
 
@@ -188,13 +191,18 @@ void bmp_station::tick() {
   [[maybe_unused]] const ssize_t size = read(ticks_.number, &expirations, sizeof expirations);
   for (; !resting_.empty(); resting_.pop_back()) watch_listener(resting_.back());
   // From the end, since ending one takes it out.
-  for (size_t i = connections_.size(); i-- > 0;) check(*connections_[i]);
+  for (size_t i = connections_.size(); i-- > 0;) {
+    try {
+      check(*connections_[i]);
+    } catch (const std::bad_alloc &) {  // at the next tick
+    }
+  }
 }
 
 void bmp_station::check(connection &open) {
   open.table.tick(open.session.routes_read());
   const auto now = steady::now();
-  if (idle_.count() != 0 && !open.session.may_be_silent() && now - open.progress >= idle_) {
+  if (idle_.count() != 0 && !open.session.may_be_silent() && now - open.heard >= idle_) {
     const auto seconds = std::chrono::duration<double>(idle_).count();
     return end(open,
                "no complete message for " + std::to_string(std::lround(seconds)) + " seconds");
@@ -216,7 +224,11 @@ void bmp_station::accept_ready(int listening_fd) {
                         SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (fd.number >= 0) {
     told_resting_ = false;
-    return accepted(std::move(fd), endpoint_text(peer));
+    try {
+      return accepted(std::move(fd), endpoint_text(peer));
+    } catch (const std::bad_alloc &) {
+      return diagnose("tarvo-agent: out of memory; a connection was closed");
+    }
   }
   if (errno == EMFILE || errno == ENFILE) return shed_connection(listening_fd);
   // The connection's own end, before it was accepted.
@@ -229,11 +241,12 @@ void bmp_station::accepted(descriptor fd, const std::string &router) {
     return tell_full(router + ": " + std::to_string(kMaxConnections) + " sessions are open");
 
   keep_alive(fd.number);
+  const std::string connected = router + ": connected";
   auto fresh = std::make_unique<connection>(std::move(fd), routes_, view_, router, table_clock_);
   connection &from = *fresh;
   loop_.add_fd(from.fd.number, POLLIN, [this, &from](short) { connection_ready(from); });
   connections_.push_back(std::move(fresh));  // there is room
-  tell(router + ": connected");
+  tell(connected);
 }
 
 // Without a descriptor to accept it on, a waiting connection would wake the loop for ever.
@@ -268,7 +281,7 @@ void bmp_station::connection_ready(connection &from) {
   const bool begins = from.session.between_messages();
   if (!from.session.feed({chunk_.data(), static_cast<size_t>(size)})) return end(from, "");
   from.table.read(from.session.routes_read());
-  if (begins || from.session.messages() != from.messages) from.progress = steady::now();
+  if (begins || from.session.messages() != from.messages) from.heard = steady::now();
   from.messages = from.session.messages();
 }
 
@@ -290,8 +303,8 @@ void bmp_station::end(connection &from, const std::string &error) {
 
 std::string bmp_station::replay(const std::string &path, progress *reading, const awaiter &await) {
   // Opening a pipe must not wait for its writer either.
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | (await ? O_NONBLOCK : 0));
-  if (fd < 0) return error_text(path.c_str());
+  const descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | (await ? O_NONBLOCK : 0)));
+  if (fd.number < 0) return error_text(path.c_str());
 
   bmp_session *session = nullptr;
   loop_.call([&] {
@@ -303,25 +316,28 @@ std::string bmp_station::replay(const std::string &path, progress *reading, cons
   std::vector<uint8_t> chunk(kChunk);
   std::string error;
   uint64_t routes = 0;
+  ssize_t size = 0;
+  bool more = true;
+  // Made once, since it takes memory: a recording once begun is read to its end.
+  const std::function<void()> feed = [&] {
+    more = session->feed({chunk.data(), static_cast<size_t>(size)});
+    routes = session->routes_read();
+  };
   if (reading != nullptr) reading->begin(path, "routes read");
-  for (bool more = true; more;) {
-    if (await && !await(fd)) {
+  while (more) {
+    if (await && !await(fd.number)) {
       error = "not read to its end";
       break;
     }
-    const ssize_t size = read(fd, chunk.data(), chunk.size());
+    size = read(fd.number, chunk.data(), chunk.size());
     if (size < 0 && (errno == EINTR || errno == EAGAIN)) continue;
     if (size < 0) error = error_text("read");
     more = size > 0;
     if (!more) break;
-    loop_.call([&] {
-      more = session->feed({chunk.data(), static_cast<size_t>(size)});
-      routes = session->routes_read();
-    });
+    loop_.call(feed);
     if (reading != nullptr) reading->update(routes);
   }
   if (reading != nullptr) reading->end(routes);
-  ::close(fd);
   loop_.call([&] {
     session->finish(error);
     error = session->stream_error();

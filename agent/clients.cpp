@@ -19,7 +19,7 @@ namespace {
 
 std::atomic<clients *> the_clients{nullptr};
 
-constexpr const char *kNoMemory = "no memory for the request";
+constexpr const char *kNoMemory = "out of memory";
 
 /// With its last client the module has nobody to answer any more, so it is asked.
 void await_inactive() {

@@ -47,7 +47,7 @@ int poll_or_tell(std::span<pollfd> fds, int timeout_ms, bool &told) {
   if (ready >= 0) told = false;
   if (ready >= 0 || errno == EINTR) return ready > 0 ? ready : 0;
   if (!std::exchange(told, true)) {
-    char line[128];  // on the stack: memory may be what is missing
+    char line[128];  // on the stack: it must not throw
     snprintf(line, sizeof line, "tarvo-agent: poll: %s; trying again", strerror(errno));
     diagnose(line);
   }

@@ -23,7 +23,7 @@ namespace agent {
 
 namespace {
 
-constexpr const char *kNoMemory = "no memory for the request";
+constexpr const char *kNoMemory = "out of memory";
 
 // ---- Operational data ----
 
@@ -102,7 +102,7 @@ command_error interpreter::run(const command &c, show_as as, std::string &answer
   try {
     failed = effect(c, as, answer);
   } catch (const std::bad_alloc &) {
-    failed = "out of memory";  // short enough to need none
+    failed = kNoMemory;  // short enough to need none
   }
   if (failed.empty()) {
     if (!adds) made_.enter(c);

@@ -137,7 +137,8 @@ std::string metrics_page(const metrics_sources &from) {
       .value(requests_queued());
   text.counter("tarvo_notifications_total", "Notifications of the module to the agent's clients.")
       .value(from.out.events());
-  text.counter("tarvo_notifications_lost_total", "Those that nobody read from standard output.")
+  text.counter("tarvo_notifications_lost_total",
+               "Those that nobody read from standard output, or that memory ran out for.")
       .value(from.out.events_lost());
   add_pools(text, list_pools());
   return text.take();

@@ -30,7 +30,8 @@ void output::post(pe_event event) {
   {
     scoped_lock held(lock_);
     event.seq = ++seq_;
-    if (queue_.size() >= kMaxQueued) return lose();
+    // While some are lost so are those that follow, until the writer tells: it tells of one gap.
+    if (lost_ > 0 || queue_.size() >= kMaxQueued) return lose();
     try {
       queue_.emplace_back(std::move(event));
     } catch (const std::bad_alloc &) {  // the module's worker has nobody to tell
@@ -43,23 +44,24 @@ void output::post(pe_event event) {
 void output::lose() {
   ++lost_;
   ++lost_ever_;
+  changed_.notify_all();
 }
 
 void output::print(std::string lines) {
   {
     scoped_lock held(lock_);
     if (error_ != 0) return;
-    if (lost_ > 0) queue_.emplace_back(lost_line(lost_, seq_));
+    changed_.notify_all();  // first: there may be no memory for what follows, or for half of it
+    if (lost_ > 0) queue_.emplace_back(std::string(line_of_lost(lost_, seq_).data()));
     lost_ = 0;
     queue_.emplace_back(std::move(lines));
   }
-  changed_.notify_all();
   flush();
 }
 
 void output::flush() {
   scoped_lock held(lock_);
-  while ((!queue_.empty() || writing_) && error_ == 0) changed_.wait(lock_);
+  while ((!queue_.empty() || lost_ > 0 || writing_) && error_ == 0) changed_.wait(lock_);
 }
 
 uint64_t output::events() const {
@@ -97,8 +99,8 @@ void output::run() {
 /// Waits for something to write; false at the end.
 bool output::take(batch &taken) {
   scoped_lock held(lock_);
-  while (queue_.empty() && !stop_) changed_.wait(lock_);
-  if (queue_.empty()) return false;
+  while (queue_.empty() && lost_ == 0 && !stop_) changed_.wait(lock_);
+  if (queue_.empty() && lost_ == 0) return false;
   taken.entries.clear();
   taken.entries.swap(queue_);
   taken.lost = std::exchange(lost_, 0);
@@ -107,17 +109,17 @@ bool output::take(batch &taken) {
   return true;
 }
 
-std::string output::lost_line(uint64_t count, uint64_t last_seq) const {
-  return (json_ ? lost_json(count, last_seq) : lost_text(count)) + '\n';
+lost_line output::line_of_lost(uint64_t count, uint64_t last_seq) const {
+  return json_ ? lost_json(count, last_seq) : lost_text(count);
 }
 
-/// An event's line, or nothing where there is no memory for it: then it is lost.
-std::string output::event_line(const pe_event &event) {
+/// An event's line; an empty one where there is no memory for it.
+std::string output::line_of(const pe_event &event) {
   try {
     return (json_ ? event_json(event) : event_text(event)) + '\n';
   } catch (const std::bad_alloc &) {
     scoped_lock held(lock_);
-    lose();
+    ++lost_ever_;
     return {};
   }
 }
@@ -126,34 +128,46 @@ std::string output::event_line(const pe_event &event) {
 int output::write_out(const batch &taken) {
   constexpr size_t kWrite = 65536;
   std::string waiting;
+  uint64_t lost = 0, lost_seq = 0;  // since the last line
   int error = 0;
+  const auto write_now = [&](std::string_view lines) {
+    if (error == 0 && !lines.empty()) error = write_(lines);
+  };
   const auto write_waiting = [&] {
-    if (error == 0 && !waiting.empty()) error = write_(waiting);
+    write_now(waiting);
     waiting.clear();
   };
+  const auto tell_lost = [&] {
+    if (lost == 0) return;
+    write_waiting();
+    write_now(line_of_lost(std::exchange(lost, 0), lost_seq).data());
+  };
   const auto add = [&](const std::string &lines) {
+    tell_lost();
     try {
       waiting += lines;
-      if (waiting.size() >= kWrite) write_waiting();
     } catch (const std::bad_alloc &) {
       write_waiting();
-      if (error == 0) error = write_(lines);
+      write_now(lines);
     }
+    if (waiting.size() >= kWrite) write_waiting();
   };
   for (const entry &e : taken.entries) {
     if (error != 0) return error;
-    if (const auto *event = std::get_if<pe_event>(&e))
-      add(event_line(*event));
-    else
+    const auto *event = std::get_if<pe_event>(&e);
+    if (event == nullptr) {
       add(std::get<std::string>(e));
+    } else if (const std::string line = line_of(*event); !line.empty()) {
+      add(line);
+    } else {
+      ++lost;
+      lost_seq = event->seq;
+    }
   }
-  // Events are lost only while the queue is full, so they came after all that was in it.
-  try {
-    if (taken.lost > 0) add(lost_line(taken.lost, taken.last_seq));
-  } catch (const std::bad_alloc &) {  // told the next time
-    scoped_lock held(lock_);
-    lost_ += taken.lost;
-  }
+  // What was not queued came after all that was.
+  if (taken.lost > 0) lost_seq = taken.last_seq;
+  lost += taken.lost;
+  tell_lost();
   write_waiting();
   return error;
 }

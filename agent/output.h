@@ -65,9 +65,9 @@ class output {
   void run() TARVO_EXCLUDES(lock_);
   bool take(batch &taken) TARVO_EXCLUDES(lock_);
   int write_out(const batch &taken) TARVO_EXCLUDES(lock_);
-  std::string event_line(const pe_event &event) TARVO_EXCLUDES(lock_);
+  std::string line_of(const pe_event &event) TARVO_EXCLUDES(lock_);
   void lose() TARVO_REQUIRES(lock_);
-  std::string lost_line(uint64_t count, uint64_t last_seq) const;
+  lost_line line_of_lost(uint64_t count, uint64_t last_seq) const;
 
   const bool json_;
   const sink write_;

@@ -1,6 +1,7 @@
 #include "agent/pe_event.h"
 
 #include <array>
+#include <cinttypes>
 #include <cstdio>
 
 #include "agent/json.h"
@@ -53,12 +54,21 @@ std::string event_json(const pe_event &e) {
   return one_line(line);
 }
 
-std::string lost_text(uint64_t count) {
-  return std::to_string(count) + " events lost: nobody reads them fast enough; `resend` repeats";
+lost_line lost_text(uint64_t count) {
+  lost_line line;
+  snprintf(line.data(), line.size(),
+           "%" PRIu64
+           " events lost: nobody reads them fast enough, or memory ran out; `resend` repeats\n",
+           count);
+  return line;
 }
 
-std::string lost_json(uint64_t count, uint64_t seq) {
-  return one_line({{"schema", kSchema}, {"seq", seq}, {"event", "LOST"}, {"count", count}});
+lost_line lost_json(uint64_t count, uint64_t seq) {
+  lost_line line;
+  snprintf(line.data(), line.size(),
+           "{\"schema\":%d,\"seq\":%" PRIu64 ",\"event\":\"LOST\",\"count\":%" PRIu64 "}\n",
+           kSchema, seq, count);
+  return line;
 }
 
 }  // namespace agent

@@ -1,6 +1,7 @@
 // One notification of the module, as it is kept until it is written, and how it is written.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -23,8 +24,11 @@ struct pe_event {
 std::string event_text(const pe_event &event);
 std::string event_json(const pe_event &event);
 
+/// With its end, in no memory of the heap, which may be what is missing.
+using lost_line = std::array<char, 128>;
+
 /// What stands in the place of `count` events, the last of them number `seq`, that were lost.
-std::string lost_text(uint64_t count);
-std::string lost_json(uint64_t count, uint64_t seq);
+lost_line lost_text(uint64_t count);
+lost_line lost_json(uint64_t count, uint64_t seq);
 
 }  // namespace agent

@@ -227,7 +227,7 @@ class agent_program {
     tell_ready();
     for (const std::string &line : options_.commands) {
       if (ended()) return;
-      run_line("--command '" + printable(line) + "'", 0, line);
+      surviving("--command", [&] { run_line("--command '" + printable(line) + "'", 0, line); });
     }
     if (prompt::possible()) {
       prompt_loop();
@@ -291,6 +291,19 @@ class agent_program {
     note(execute(source, number, line));
   }
 
+  /// Handles a line; where there is no memory for it, it is lost, and the agent goes on.
+  template <typename Handle>
+  void surviving(const char *source, Handle handle) {
+    try {
+      handle();
+    } catch (const std::bad_alloc &) {
+      failed_ = true;
+      char line[80];
+      snprintf(line, sizeof line, "tarvo-agent: %s: out of memory; a line was lost", source);
+      diagnose(line);
+    }
+  }
+
   /// Waits until `fd` can be read (-1: never), and serves the control socket meanwhile; false: the
   /// agent is to end.
   bool await_input(int fd) {
@@ -320,16 +333,12 @@ class agent_program {
   }
 
   void run_input_lines(line_reader &input) {
-    while (!ended()) {
-      try {
+    for (bool more = true; more && !ended();)
+      surviving("standard input", [&] {
         const auto line = input.next();
-        if (!line) return;
-        run_input_line(input, *line);
-      } catch (const std::bad_alloc &) {
-        failed_ = true;
-        diagnose("tarvo-agent: standard input: out of memory; a line was lost");
-      }
-    }
+        more = line.has_value();
+        if (more) run_input_line(input, *line);
+      });
   }
 
   void pipe_loop() {
@@ -348,8 +357,10 @@ class agent_program {
       if (!terminal_.read_key(line)) continue;
       if (!line) return await_end();
       // A person sees the error and corrects it: no reason to call the run a failure.
-      const std::string error = execute("standard input", 0, *line);
-      if (!error.empty()) complain(error);
+      surviving("standard input", [&] {
+        const std::string error = execute("standard input", 0, *line);
+        if (!error.empty()) complain(error);
+      });
       if (!ended()) terminal_.show();
     }
     terminal_.hide();
@@ -400,8 +411,8 @@ int run_agent(const options &given, const std::vector<start_line> &config) {
     return program.run(config);
   } catch (const std::bad_alloc &) {
     complain("out of memory");
-  } catch (const std::system_error &failed) {  // no thread or descriptor to start with
-    complain(failed.what());
+  } catch (const std::system_error &failed) {  // no thread to start with
+    complain(std::string("a thread: ") + failed.what());
   }
   return 1;
 }

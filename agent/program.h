@@ -1,7 +1,7 @@
 // The agent's run, from the start-up file to the signal.
 #pragma once
 
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/options.h"
