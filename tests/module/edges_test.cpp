@@ -237,3 +237,18 @@ TEST(Timers, AStrayOneIsStoppedAndNotFoundAgain) {
   w.expire();
   EXPECT_EQ(w.take(), texts{"stop other"});
 }
+
+TEST(Limit, IsToldBeforeAnyNextHopWasFreed) {
+  w.start();
+  w.client(1, "");
+  for (uint32_t host = 1; host <= TARVO_ND_MAX_NHOPS + 2; ++host)
+    tarvo_nd_enqueue_nhop_update(1, htonl(host), 1);
+  w.run();
+  const texts did = w.take();
+  EXPECT_EQ(std::ranges::count_if(did,
+                                  [](const std::string &text) {
+                                    return text.find("exceeded the maximum number") !=
+                                           std::string::npos;
+                                  }),
+            1);
+}
