@@ -19,8 +19,6 @@ namespace {
 
 std::atomic<clients *> the_clients{nullptr};
 
-constexpr const char *kNoMemory = "out of memory";
-
 /// With its last client the module has nobody to answer any more, so it is asked.
 void await_inactive() {
   constexpr std::chrono::milliseconds kLook{1}, kPatience{1000};

@@ -19,6 +19,9 @@ class fence;
 class output;
 class rib_thread;
 
+/// Why a command is refused that found no memory.
+inline constexpr const char *kNoMemory = "out of memory";
+
 class clients {
  public:
   /// One object a process: the module's callback carries no context.

@@ -23,8 +23,6 @@ namespace agent {
 
 namespace {
 
-constexpr const char *kNoMemory = "out of memory";
-
 // ---- Operational data ----
 
 /// An empty string, or what went wrong. Not found is no failure: its meaning is the caller's.

@@ -267,7 +267,7 @@ class agent_program {
       if (const auto *error = std::get_if<command_error>(&parsed)) return {"", *error, false};
       return run_command(std::get<command>(parsed), as);
     } catch (const std::bad_alloc &) {
-      return {"", {0, "out of memory"}, false};
+      return {"", {0, kNoMemory}, false};
     }
   }
 

@@ -502,10 +502,8 @@ TEST(AgentFaults, OfSystemCalls) {
 // Every allocation of a session and its RIB, in order: the session ends with one line or does
 // without; the RIB stays whole, and the router's next session brings everything.
 TEST(Faults, OfAllocationsLeaveTheRibWhole) {
-  bytes many;
-  for (uint32_t i = 0; i < 1200; ++i) many += vpn(32, 0x0b000000 + i);
   // With a doubling of the buckets.
-  const bytes stream = kStream + up(0, 0, kPre) + tell(many, kPre, kHop2, kTargetB);
+  const bytes stream = kStream + up(0, 0, kPre) + tell(many_routes(), kPre, kHop2, kTargetB);
   const auto memory_after = [&stream](rib_world &w) {
     bmp_session again(w.routes, bmp_view::pre_policy, kind::connection, "r", [](const auto &) {});
     EXPECT_TRUE(again.feed(span_of(stream)));
