@@ -87,8 +87,9 @@ TARVO_API int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info);
  * already: report the next hop of every route of the table, one report per route, and then every
  * change. Off: once this has returned, no further report of the table is queued.
  * Returns 0 when accepted. A refusal to switch on is repeated at the next refresh. After a refusal
- * to switch off the table is taken as on: the next activation does not switch it on, and refreshes
- * only reset it.
+ * to switch off at the end of discovery the table is taken as on: the next activation does not
+ * switch it on, and refreshes only reset it. After one at a withdrawal the table is forgotten all
+ * the same, and off is not asked for again.
  */
 TARVO_API int tarvo_rib_ipv4_redist(uint32_t table_id, int on);
 

@@ -59,7 +59,8 @@ TARVO_API uint32_t tarvo_nd_init(void *event_mgr);
  * The table need not be announced. What is reported of one that is not, be it withdrawn, the
  * default table or 0, is counted all the same: all-VPN clients are told, clients of a VRF name are
  * not. No refresh asks for such a table, so what was reported once is removed at the end of the
- * next one.
+ * next one. When the table is announced before that, what it has is not told to the clients of its
+ * VRF name, now or at a refresh: announce first.
  */
 TARVO_API int tarvo_nd_enqueue_nhop_update(uint32_t table_id, uint32_t nhop_addr, int add);
 
@@ -81,7 +82,9 @@ TARVO_API int tarvo_nd_enqueue_rib_restart(void);
  * @return 1 queued, or ignored; 0 not queued, since memory is gone (logged)
  *
  * Announcing a known table changes nothing, its name included; to rename one, withdraw it and
- * announce it again. Names need not be unique.
+ * announce it again. Names need not be unique, but tables that share one do not add up: its clients
+ * are told the changes of each table apart, and by registration and resend what the table with the
+ * lowest ID has.
  *
  * A withdrawal while discovery is active switches redistribution of the table off, ends its
  * references, with REMOVE to the clients of its VRF name for each reachable next hop and to the
@@ -152,9 +155,9 @@ TARVO_API uint32_t tarvo_pe_discovery_resend(uint32_t client_id, const char *vrf
 
 /**
  * @name Queries
- * Each takes the nd mutex for one search and copies out `info` and `flags`; it waits for one
- * request of the worker at most, and the copy may be stale on return. Table 0 stands for all
- * tables. Next hops without a route are found too, with TARVO_ND_NHOP_REACHABLE clear. Results:
+ * Each takes the nd mutex for one search and copies out `info` and `flags`; the copy may be stale on
+ * return. The worker takes the mutex anew for each request, and who waits for it has no turn: while
+ * a long queue is worked off, a query may wait for many requests. Table 0 stands for all tables. Next hops without a route are found too, with TARVO_ND_NHOP_REACHABLE clear. Results:
  * TARVO_ND_OK; TARVO_ND_ERR_INVALID_ARG when `out` is null; TARVO_ND_ERR_NOT_FOUND when nothing
  * matches or discovery is inactive. `out` is left alone unless the result is TARVO_ND_OK.
  * @{
