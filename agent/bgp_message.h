@@ -13,6 +13,7 @@ enum class fault_action : uint8_t {
   none,
   discard,   ///< what is at fault is ignored, the rest of the message stands
   withdraw,  ///< every route that the message is known to carry is withdrawn
+  skip,      ///< nothing of the message can be told for certain: it changes nothing
 };
 
 struct bgp_fault {
@@ -38,7 +39,7 @@ inline constexpr uint8_t kBgpUpdate = 2;
 inline byte_cursor take_bgp_message(byte_cursor &in, uint8_t type, bgp_fault &fault) {
   const size_t start = in.offset();
   const auto refuse = [&](const char *kind, const char *what) {
-    fault = {fault_action::withdraw, 0, start, kind, what};
+    fault = {fault_action::skip, 0, start, kind, what};
     return byte_cursor();
   };
 

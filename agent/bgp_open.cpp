@@ -76,7 +76,7 @@ add_path_families read_opens(byte_cursor in, bool either, bgp_fault &fault) {
   bgp_open opens[2];  // sent, received
   for (bgp_open &open : opens) {
     const byte_cursor body = take_bgp_message(in, kBgpOpen, fault);
-    if (fault.action == fault_action::withdraw) break;
+    if (fault.action == fault_action::skip) break;
     open = read_open(body, fault);
   }
   const auto negotiated = [&](uint8_t bgp_open::*family) {

@@ -175,9 +175,8 @@ void bmp_session::tell_if_memory_serves(Tell tell) {
 // Whoever replays a recording is told of it as the replay's result.
 void bmp_session::fail_stream(const char *kind, const std::string &text) {
   stream_error_ = text;
-  if (kind_ == source_kind::connection) return report(kind, text);
-  ++malformed_[kind];
-  last_error_ = text;
+  count_fault(kind, text);
+  if (kind_ == source_kind::connection) say(text);
 }
 
 void bmp_session::end() {
@@ -320,7 +319,7 @@ void bmp_session::read_routes(const peer_header &header, byte_cursor in) {
   bgp_fault fault;
   const byte_cursor body = take_bgp_message(in, kBgpUpdate, fault);
   if (fault.action == fault_action::none && in.left() > 0)
-    fault = {fault_action::withdraw, 0, in.offset(), "bgp-length", "bytes after the UPDATE"};
+    fault = {fault_action::skip, 0, in.offset(), "bgp-length", "bytes after the UPDATE"};
   if (fault.action != fault_action::none) return report_fault(header, fault, "UPDATE");
 
   read_update(body, from->add_path, update_);
@@ -415,16 +414,22 @@ void bmp_session::report_fault(const peer_header &header, const bgp_fault &fault
                      std::to_string(fault.offset) + " of the message at " +
                      std::to_string(message_at_) + ": " + fault.kind + ": " + fault.what;
   if (fault.attribute != 0) text += " (attribute " + std::to_string(fault.attribute) + ")";
-  text += fault.action == fault_action::withdraw
-              ? "; what cannot be read is skipped, the rest withdrawn"
-              : "; the rest of it counts";
+  if (fault.action == fault_action::discard)
+    text += "; the rest of it counts";
+  else
+    text += "; what cannot be read is skipped";
+  if (fault.action == fault_action::withdraw) text += ", the rest withdrawn";
   report(fault.kind, text);
+}
+
+void bmp_session::count_fault(const char *kind, const std::string &text) {
+  ++malformed_[kind];
+  last_error_ = text;
 }
 
 // Counts a fault and, unless a hostile router has made too many of them, tells it.
 void bmp_session::report(const char *kind, const std::string &text) {
-  ++malformed_[kind];
-  last_error_ = text;
+  count_fault(kind, text);
   if (reports_ > kMaxReports) return;
   if (++reports_ <= kMaxReports)
     say(text);

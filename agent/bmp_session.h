@@ -51,8 +51,8 @@ class bmp_session {
   /// Tells so, once, if it is still the case.
   void report_empty_view();
 
-  /// Nothing is due from the router: it introduced a peer, and no message has begun.
-  bool may_be_silent() const { return partial_.empty() && !peers_.empty(); }
+  /// Nothing is due from the router: it has sent a message, and not begun another.
+  bool may_be_silent() const { return partial_.empty() && messages_ != 0; }
   bool between_messages() const { return partial_.empty(); }
   uint64_t messages() const { return messages_; }
 
@@ -110,6 +110,7 @@ class bmp_session {
   static void tell_if_memory_serves(Tell tell);
   void report_fault(const peer_header &header, const bgp_fault &fault, const char *message);
   void report(const char *kind, const std::string &text);
+  void count_fault(const char *kind, const std::string &text);
   void say(const std::string &text);
   static std::string name_of(const peer_key &key);
 

@@ -3,11 +3,11 @@
 // It keeps the listening sockets, the connections with their sessions, the recordings replayed,
 // and what is to tell of the connections that ended last. All of it is the RIB thread's own; the
 // public calls hand their work over to that thread. Bounds: 64 connections at a time, further ones
-// are closed; the accounts of 64 ended ones. A router owes a message once it has begun one, and its
-// first ones until it has introduced a peer: one that brings none for the idle time is closed. Else
-// it may be silent; whether it still is there, TCP's own probes find out. That it came and that it
-// ended is told, a line each, as often as it does, and how its first table comes, if that takes
-// long.
+// are closed; the accounts of 64 ended ones. A router owes its first message, and the rest of one
+// that it has begun: if it doesn't come for the idle time, the connection is closed. Else it may be
+// silent, as one without peers is; whether it still is there, TCP's own probes find out. That it
+// came and that it ended is told, a line each, as often as it does, and how its first table comes,
+// if that takes long.
 #pragma once
 
 #include <chrono>

@@ -17,8 +17,8 @@ struct metrics_sources {
   output &out;
 };
 
-/// The whole page. Any thread but the module's worker and the RIB's: the module's queries wait for
-/// one request of the worker at most, the RIB's for its turn.
+/// The whole page. Any thread but the module's worker and the RIB's: the module's queries wait
+/// while it has requests, the RIB's for its turn.
 std::string metrics_page(const metrics_sources &from);
 
 }  // namespace agent

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <new>
 #include <tuple>
 #include <unordered_map>
 
@@ -151,9 +150,7 @@ bool rib::has_room(const place &where, source_id source) {
   if (*sources_[source].together >= kMaxPaths - paths_ || where.siblings >= kMaxPathsPerNlri)
     return false;
   if (free_ != kNone || unused_ < segments_.size() * kSegmentPaths) return true;
-  std::unique_ptr<path[]> segment(new (std::nothrow) path[kSegmentPaths]);
-  if (segment == nullptr) return false;
-  segments_.push_back(std::move(segment));
+  segments_.push_back(std::make_unique_for_overwrite<path[]>(kSegmentPaths));
   return true;
 }
 

@@ -64,6 +64,11 @@ void tarvo_nd_stop_running_timers() {
   stop_if_running(tarvo_nd_clear_timer);
 }
 
+void tarvo_nd_restart_cycle() {
+  tarvo_nd_stop_running_timers();
+  tarvo_nd_start_refresh_phase();
+}
+
 void tarvo_nd_stop_timers() {
   mgd_timer_leaf_stop(tarvo_nd_refresh_timer);
   mgd_timer_leaf_stop(tarvo_nd_clear_timer);
@@ -77,9 +82,7 @@ void tarvo_nd_set_rib_refresh_interval(uint32_t interval) {
 
   guarded_lock hold(tarvo_nd_mutex, "tarvo_nd_set_rib_refresh_interval");
   // Discovery may have ended while we waited for the lock, and then no timer may start.
-  if (tarvo_nd_is_active() == 0) return;
-  tarvo_nd_stop_running_timers();
-  tarvo_nd_start_refresh_phase();
+  if (tarvo_nd_is_active() != 0) tarvo_nd_restart_cycle();
 }
 
 static void handle_expiry(mgd_timer_leaf_t *leaf) TARVO_REQUIRES(tarvo_nd_mutex) {

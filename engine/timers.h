@@ -42,5 +42,8 @@ void tarvo_nd_start_clear_phase() TARVO_REQUIRES(tarvo_nd_mutex);
 /// Stops the leaf that runs, if any.
 void tarvo_nd_stop_running_timers() TARVO_REQUIRES(tarvo_nd_mutex);
 
+/// Begins a refresh phase, whichever phase runs.
+void tarvo_nd_restart_cycle() TARVO_REQUIRES(tarvo_nd_mutex);
+
 /// Stops both leaves without a test.
 void tarvo_nd_stop_timers() TARVO_REQUIRES(tarvo_nd_mutex);

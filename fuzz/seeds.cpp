@@ -38,10 +38,15 @@ bytes contents(const std::filesystem::path &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// In all three views, and as a recording.
+// In all three views, and as a recording. The streams are of the Loc-RIB.
 void write_stream(const bytes &stream) {
-  for (const int how : {0, 1, 2, 4})
-    write("bmp_stream", be(how, 1) + be(stream.size(), 1) + stream);
+  for (const auto &[how, peer] :
+       {std::pair(0, kLoc), std::pair(1, kPost), std::pair(2, kPre), std::pair(6, kLoc)}) {
+    bytes seen = stream;
+    for (size_t at = 0; (at = seen.find(kLoc, at)) != bytes::npos; at += peer.size())
+      seen.replace(at, peer.size(), peer);
+    write("bmp_stream", be(how, 1) + be(seen.size(), 1) + seen);
+  }
 }
 
 bytes repeated(const bytes &part, size_t times) {

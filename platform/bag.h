@@ -20,10 +20,11 @@
  *
  * A body that is a single element other than a union may leave its name out. Names are of letters,
  * digits and "_", and no two are the same in a body, discriminators and arms included. An array is
- * of numbers, addresses, strings, booleans, enumerations or structures, without a name. An arm is neither an
- * array nor a union; its labels are all different, and v, which has no name, stands nowhere else.
- * Numbers have 32 bits, and those of bytes and elements are not 0. Of opaque bytes only 16x has %s.
- * Every type is defined once and used, none contains itself, and each is smaller than 4 GiB.
+ * of numbers, addresses, strings, booleans, enumerations or structures, without a name. An arm is
+ * neither an array nor a union; its labels are all different, and v, which has no name, stands
+ * nowhere else. Numbers have 32 bits, and those of bytes and elements are not 0. Of opaque bytes
+ * only 16x has %s. Every type is defined once and used, none contains itself, and each is smaller
+ * than 4 GiB.
  *
  * The short schema is the long one without names, enumeration types and discriminators, and with
  * a "." after each type reference.

@@ -59,7 +59,8 @@ typedef struct chunk_info {
 
 /**
  * Calls `visit` for every pool in order of creation while it returns 1. Any thread; the figures
- * of a pool in use are each exact but not of one instant. `visit` must not create or destroy pools.
+ * of a pool in use are each exact but not of one instant. `visit` must neither create nor destroy
+ * pools, nor call the module, whose worker does so with its lock held.
  */
 PLATFORM_API void chunk_walk_pools(int (*visit)(const chunk_info_t *info, void *arg), void *arg);
 

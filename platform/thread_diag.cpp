@@ -1,9 +1,10 @@
 // Thread names and announced waits: one record per thread, in thread-local storage, on one list.
 //
 // A thread joins the list when it first names itself or announces a wait, and leaves it when it
-// ends. The lock covers the list and the names; announcements are plain atomic stores of their own
-// thread, so that they cost next to nothing, and a reader may catch one half way. As many records
-// as threads.
+// ends. Neither takes memory, since the system ends a process that has none for a thread's storage
+// or its destructors: a thread that finds no place for its clean-up is just not listed. The lock
+// covers the list and the names; announcements are plain atomic stores of their own thread, so that
+// they cost next to nothing, and a reader may catch one half way. As many records as threads.
 #include "thread_diag.h"
 
 #include <errno.h>
@@ -32,19 +33,24 @@ struct record {
 
 record *first TARVO_GUARDED_BY(list_lock);
 
-thread_local record own_record;  // no destructor: usable until the thread is gone
+// Reserved with the thread's stack, and usable until the thread is gone.
+[[gnu::tls_model("initial-exec")]] constinit thread_local record own_record{};
 
-struct membership {
-  ~membership() {
-    platform::hold held(list_lock);
-    (own_record.previous == nullptr ? first : own_record.previous->next) = own_record.next;
-    if (own_record.next != nullptr) own_record.next->previous = own_record.previous;
-  }
-};
+void leave_list(void *own) {
+  const auto *r = static_cast<record *>(own);
+  platform::hold held(list_lock);
+  (r->previous == nullptr ? first : r->previous->next) = r->next;
+  if (r->next != nullptr) r->next->previous = r->previous;
+}
+
+bool leaves_at_its_end(record *r) {
+  static pthread_key_t key;
+  static const bool has_key = pthread_key_create(&key, leave_list) == 0;
+  return has_key && pthread_setspecific(key, r) == 0;
+}
 
 void join_list(record *r) {
-  static thread_local membership until_the_end;
-  (void)until_the_end;
+  if (!leaves_at_its_end(r)) return;
   r->listed = true;
   platform::hold held(list_lock);
   r->next = first;

@@ -48,7 +48,8 @@ typedef struct ptd_info {
 
 /**
  * Calls `visit` for every known thread while it returns 1. Any thread. A thread that announces or
- * withdraws a wait meanwhile may show half of it. `visit` must not call this service.
+ * withdraws a wait meanwhile may show half of it. `visit` must call neither
+ * this service nor the module, which announces waits with its locks held.
  */
 PLATFORM_API void ptd_walk_threads(int (*visit)(const ptd_info_t *info, void *arg), void *arg);
 

@@ -100,8 +100,10 @@ TARVO_API int tarvo_nd_enqueue_table_update(const char *vrf_name, uint32_t table
  * @param interval  seconds; default 300; 0 is raised to 1
  *
  * The clear phase takes half of an interval of up to 28 s (rounded down) and 29 s of a longer one;
- * the refresh phase takes the rest. While discovery is inactive the value is only kept. Takes the
- * nd mutex: not from a notify callback.
+ * the refresh phase takes the rest. The clear phase is what the RIB has to report its routes again:
+ * a next hop that it reports later is told as REMOVE, and then as ADD. An interval of 1 has none,
+ * so that every next hop goes and comes once a second: no interval to run with. While discovery is
+ * inactive the value is only kept. Takes the nd mutex: not from a notify callback.
  */
 TARVO_API void tarvo_nd_set_rib_refresh_interval(uint32_t interval);
 
@@ -155,9 +157,10 @@ TARVO_API uint32_t tarvo_pe_discovery_resend(uint32_t client_id, const char *vrf
 
 /**
  * @name Queries
- * Each takes the nd mutex for one search and copies out `info` and `flags`; the copy may be stale on
- * return. The worker takes the mutex anew for each request, and who waits for it has no turn: while
- * a long queue is worked off, a query may wait for many requests. Table 0 stands for all tables. Next hops without a route are found too, with TARVO_ND_NHOP_REACHABLE clear. Results:
+ * Each takes the nd mutex for one search and copies out `info` and `flags`; the copy may be stale
+ * on return. The worker takes the mutex anew for each request, and who waits for it has no turn:
+ * while a long queue is worked off, a query may wait for many requests. Table 0 stands for all
+ * tables. Next hops without a route are found too, with TARVO_ND_NHOP_REACHABLE clear. Results:
  * TARVO_ND_OK; TARVO_ND_ERR_INVALID_ARG when `out` is null; TARVO_ND_ERR_NOT_FOUND when nothing
  * matches or discovery is inactive. `out` is left alone unless the result is TARVO_ND_OK.
  * @{

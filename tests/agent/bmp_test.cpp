@@ -210,6 +210,8 @@ TEST(BmpSession, IsBounded) {
   world noisy;
   for (uint32_t i = 0; i < bmp_session::kMaxReports + 10; ++i) noisy.feed(monitor(bgp(2, "")));
   EXPECT_EQ(noisy.state(), " withdrawn-length*1010 said*1001");
+  noisy.feed(zeros(6));
+  EXPECT_EQ(noisy.said.back(), "r: " + noisy.session.stream_error()) << "why it ends is told";
 }
 
 // Target sets of 64 KiB each: memory doesn't grow without end, and a route whose new attributes

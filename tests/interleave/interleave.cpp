@@ -5,6 +5,7 @@
 //   TARVO_SCHEDULE=NAME:SCHEDULE interleave   one schedule, as a failure printed it
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -205,8 +206,10 @@ static std::vector<scenario> all_scenarios() {
 
 static void run_named(const std::vector<scenario> &scenarios, const std::string &again) {
   const size_t colon = again.rfind(':');
-  for (const scenario &s : scenarios)
-    if (s.name == again.substr(0, colon)) run_again(s, again.substr(colon + 1));
+  const auto named = [&](const scenario &s) { return s.name == again.substr(0, colon); };
+  const auto found = std::ranges::find_if(scenarios, named);
+  require(found != scenarios.end(), "no scenario of this name");
+  run_again(*found, again.substr(colon + 1));
 }
 
 static void timed(const std::string &what, const std::function<uint64_t()> &run) {

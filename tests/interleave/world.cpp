@@ -92,6 +92,7 @@ CHECKED(void, queue_remqueue, (queue_t * q, void *element, void *previous), (q, 
 struct mgd_timer_leaf {
   unsigned type;
   bool runs, expired;
+  time_t seconds;
 };
 static mgd_timer_leaf leaves[2];  // refresh, clear
 static int leaves_created;
@@ -111,12 +112,12 @@ void mgd_timer_leaf_start(mgd_timer_leaf *leaf, const timespec *delay) {
   };
   require(gives(kIntervals[0]) || gives(kIntervals[1]) || gives(kIntervals[2]),
           "a phase of a length that no interval gives");
-  *leaf = {leaf->type, true, delay->tv_sec == 0};
+  *leaf = {leaf->type, true, delay->tv_sec == 0, delay->tv_sec};
 }
 
 void mgd_timer_leaf_stop(mgd_timer_leaf *leaf) {
   under_nd();
-  *leaf = {leaf->type, false, false};
+  *leaf = {leaf->type, false, false, 0};
 }
 
 int mgd_timer_leaf_running(mgd_timer_leaf *leaf) {
@@ -153,6 +154,13 @@ void check_timers() {
   const int run = leaves[0].runs + leaves[1].runs;
   require(run >= active, "no timer runs while discovery is active");
   require(run <= active, "a timer runs while discovery is inactive");
+}
+
+// Once every setter is through.
+static void check_phase() {
+  const auto phases = tarvo_nd_phases_of(__real__Z29tarvo_nd_get_refresh_intervalv());
+  require(!leaves[0].runs || leaves[0].seconds == phases.refresh, "an interval is not taken up");
+  require(!leaves[1].runs || leaves[1].seconds == phases.clear, "an interval is not taken up");
 }
 
 // ----------------------------------- The agent's services -----------------------------------
@@ -208,6 +216,7 @@ void begin_run() {
 
 void end_run() {
   drain();
+  check_phase();
   require(offered == handled + purged, "requests are unaccounted for");
   for (uint32_t client = 1; client <= 4; ++client) tarvo_pe_discovery_unregister(client);
   for (uint32_t table : {7, 8}) tarvo_nd_enqueue_table_update("", table, 0);
