@@ -401,8 +401,21 @@ static const char *walkable(const wavl_tree_t *tree) TARVO_NO_THREAD_SAFETY_ANAL
   return nullptr;
 }
 
+// Another layer's trees may hold memory until they are finished.
+static std::set<const void *> &trees = *new std::set<const void *>;
+
+static int made_tree(const void *tree, int status) {
+  if (status == 0) trees.insert(tree);
+  return status;
+}
+static const char *finished(const void *tree) {
+  require(trees.erase(tree) == 1, "what is finished is no tree");
+  return nullptr;
+}
+
 static const char *emptied(const void *pool) {
   require(in_use()[pool_name(pool)] == 0, "a pool goes before its elements");
+  require(trees.empty(), "a pool goes before its trees");
   return nullptr;
 }
 
@@ -423,7 +436,8 @@ WRAPPED(void *, avl_insert, root == &tarvo_nd_vrf_tree ? "VRFs" : "client groups
         (void *root, void *node, tree_cmp cmp), nullptr, __real_avl_insert(root, node, cmp))
 WRAPPED(int, wavl_init, tree_name(tree, n == 1 && zero == 0),
         (wavl_tree_t * tree, unsigned long n, unsigned long zero, tree_cmp cmp), 12,
-        __real_wavl_init(tree, n, zero, cmp))
+        made_tree(tree, __real_wavl_init(tree, n, zero, cmp)))
+WRAPPED(void, wavl_finish, finished(tree), (wavl_tree_t * tree), void(), __real_wavl_finish(tree))
 WRAPPED(void *, wavl_insert_thread, tree_name(tree, n == 0),
         (wavl_tree_t * tree, unsigned long n, void *node), nullptr,
         __real_wavl_insert_thread(tree, n, node))
