@@ -338,6 +338,9 @@ void inject(const fault &f, const texts &reference) {
     EXPECT_EQ(hex(code), r->code);
     // The agent starts once: after this nobody calls in, and what was made stays. No more to see.
     EXPECT_EQ(w.take(), r->told) << "and no table is registered";
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGRTMIN + 6), f.operation == "pthread_create");
     return;
   }
   agent a;
