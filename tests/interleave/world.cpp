@@ -81,6 +81,7 @@ static bool is_workq(const queue_t *q) {
 }
 
 CHECKED(void, queue_init, (queue_t * q, unsigned long zero), (q, zero),
+        require(zero == 0, "another kind of queue");
         if (workq == nullptr) workq = q)
 CHECKED(void, queue_enqueue, (queue_t * q, void *element), (q, element), offered += is_workq(q))
 CHECKED(void *, queue_dequeue, (queue_t * q), (q), handled += is_workq(q) && q->head != nullptr)

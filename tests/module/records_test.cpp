@@ -6,6 +6,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "oper/record_layout.h"
 #include "tarvo/messages.h"
 #include "tarvo/oper_records.h"
 #include "tests/module/world.h"
@@ -42,6 +43,17 @@ TEST(Messages, AreAsTabled) {
     EXPECT_EQ(r.reserved0 + r.reserved1 + r.reserved2 + r.reserved3, 0u);
   }
   EXPECT_EQ(table.peek(), EOF);
+}
+
+// No record has one so far.
+TEST(Records, UseTheTypesInTheirArrays) {
+  namespace layout = record_layout;
+  const uint32_t number = layout::kTypes[1].number;
+  const std::string text = "3a($" + std::to_string(number) + ")";
+  std::string_view body = text;
+  bag::element array;
+  ASSERT_TRUE(bag::read_element(body, array));
+  EXPECT_EQ(layout::named_in(array), layout::type_set{1} << layout::place_of(number));
 }
 
 #define TYPE(number, name, size, body)

@@ -320,7 +320,7 @@ void add_stray_timer() { leaves.push_back({9, w.now}); }
 
 unsigned mgd_timer_leaf_type(mgd_timer_leaf *leaf) { return leaf->type; }
 
-void world::expire() { handler(nullptr); }
+void world::expire() { require(handler(nullptr) == 0, "the handler's result"); }
 
 void oxa_errmsg(const oxa_msg_rec_t *message, int severity, ...) {
   va_list arguments;
