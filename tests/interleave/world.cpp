@@ -47,7 +47,7 @@ static void check_new_tree(const wavl_tree_t *tree) {
 }
 
 #define CHECKED_TREE(result, name, parameters, arguments) \
-  CHECKED(result, name, parameters, arguments, check_tree(tree))
+  CHECKED(result, name, parameters, arguments, check_tree(tree); require(n == 0, "another order"))
 CHECKED(int, wavl_init, (wavl_tree_t * tree, unsigned long n, unsigned long zero, tree_cmp cmp),
         (tree, n, zero, cmp), check_new_tree(tree))
 CHECKED(void, wavl_finish, (wavl_tree_t * tree), (tree), check_tree(tree);
@@ -60,8 +60,24 @@ CHECKED_TREE(void *, wavl_get_next, (wavl_tree_t * tree, const void *key, unsign
 CHECKED(void *, avl_search, (void *root, const void *key, tree_cmp cmp), (root, key, cmp),
         under_nd())
 CHECKED(void *, avl_get_first, (void *root), (root), under_nd())
-CHECKED(int, avl_walk, (void *root, int (*visit)(void *, void *), void *arg), (root, visit, arg),
-        under_nd())
+
+// To go on is 1, to stop 0.
+struct walk {
+  int (*visit)(void *, void *);
+  void *arg;
+};
+static int checked_visit(void *node, void *walked) {
+  const auto &[visit, arg] = *static_cast<walk *>(walked);
+  const int on = visit(node, arg);
+  require(on == 0 || on == 1, "a visitor's other result");
+  return on;
+}
+extern "C" int __real_avl_walk(void *, int (*)(void *, void *), void *);
+extern "C" int __wrap_avl_walk(void *root, int (*visit)(void *, void *), void *arg) {
+  under_nd();
+  walk checked = {visit, arg};
+  return __real_avl_walk(root, checked_visit, &checked);
+}
 
 // A freed element is spoilt, so that a late look at it shows.
 static size_t size_of_elements(const void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
@@ -74,15 +90,18 @@ CHECKED(void, chunk_free, (void *pool, void *element), (pool, element),
 static queue_t *workq;
 int ends, offered, handled, purged;
 
+static void check_new_queue(queue_t *q, unsigned long zero) {
+  require(zero == 0, "another kind of queue");
+  if (workq == nullptr) workq = q;
+}
+
 static bool is_workq(const queue_t *q) {
   require(holds(q == workq ? tarvo_nd_workq_mutex : tarvo_nd_mutex),
           "a queue is used without its lock");
   return q == workq;
 }
 
-CHECKED(void, queue_init, (queue_t * q, unsigned long zero), (q, zero),
-        require(zero == 0, "another kind of queue");
-        if (workq == nullptr) workq = q)
+CHECKED(void, queue_init, (queue_t * q, unsigned long zero), (q, zero), check_new_queue(q, zero))
 CHECKED(void, queue_enqueue, (queue_t * q, void *element), (q, element), offered += is_workq(q))
 CHECKED(void *, queue_dequeue, (queue_t * q), (q), handled += is_workq(q) && q->head != nullptr)
 CHECKED(void, queue_remqueue, (queue_t * q, void *element, void *previous), (q, element, previous),

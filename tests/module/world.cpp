@@ -209,7 +209,15 @@ int tarvo_rib_ipv4_redist(uint32_t table_id, int on) TARVO_NO_THREAD_SAFETY_ANAL
   return 0;
 }
 
+// Only a refresh asks again, and what the RIB counted before must not count then.
+static bool counts_are_void() TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  tarvo_nd_nhop_t *nhop = tarvo_nd_nhop_tree_first();
+  const auto *ref = nhop == nullptr ? nullptr : tarvo_nd_nhop_table_first(&nhop->tables);
+  return ref == nullptr || ref->ref_count == 0;
+}
+
 int tarvo_rib_ipv4_redist_reset(uint32_t table_id) {
+  require(counts_are_void(), "the RIB is asked before the marks are set");
   w.note("rib reset " + std::to_string(table_id));
   report_routes(table_id, true);
   return -1;  // not looked at
@@ -360,9 +368,9 @@ void ptd_set_mutex_block(void *lock, const char *caller, int line) {
   w.note("block " + std::string(name == nullptr ? "?" : name) + " " + caller);
 }
 void ptd_unset_mutex_block() { waits_for = nullptr; }
-void ptd_set_syscall_block_internal(int kind, void *object, long, long) {
+void ptd_set_syscall_block_internal(int kind, void *object, long zero1, long zero2) {
   begin_wait(object);
-  require(kind == PTD_WAIT_CONDITION, "another kind of wait");
+  require(kind == PTD_WAIT_CONDITION && zero1 == 0 && zero2 == 0, "another kind of wait");
 }
 void ptd_set_syscall_unblock() { waits_for = nullptr; }
 
@@ -458,6 +466,13 @@ WRAPPED(int, pthread_mutex_trylock, lock_name(m), (pthread_mutex_t * m), w.error
         __real_pthread_mutex_trylock(m))
 WRAPPED(int, pthread_mutex_timedlock, lock_name(m), (pthread_mutex_t * m, const timespec *until),
         w.error, __real_pthread_mutex_timedlock(m, until))
+
+// What is locked for the rest of its life shows in what the process tells.
+extern "C" void __real_flockfile(FILE *file);
+extern "C" void __wrap_flockfile(FILE *file) {
+  __real_flockfile(file);
+  fputs("locked: ", file);
+}
 
 extern "C" void __real_free(void *);
 extern "C" void __wrap_free(void *memory) {
