@@ -117,14 +117,14 @@ inline constexpr auto kUses = [] {
   return uses;
 }();
 
-static_assert(
-    [] {
-      for (size_t i = 0; i < kUses.size(); ++i) {
-        if (kUses[i] >> i != 0) return false;
-      }
-      return true;
-    }(),
-    "a type comes after those it uses, and these are there");
+/// And those are there.
+consteval bool types_come_after_those_they_use() {
+  for (size_t i = 0; i < kUses.size(); ++i) {
+    if (kUses[i] >> i != 0) return false;
+  }
+  return true;
+}
+static_assert(types_come_after_those_they_use());
 
 /// In ascending type number, as the bodies stand.
 template <uint32_t kRecord>

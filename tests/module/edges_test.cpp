@@ -176,10 +176,22 @@ TEST(Refusals, AreToldByCodeOrMessage) {
 }
 
 TEST(Refusals, NullIsNothing) {
-  guarded_lock hold(tarvo_nd_mutex, "test");
   wavl_tree_t tables = {};
   tarvo_nd_nhop_t nhop = {};
   tarvo_nd_nhop_table_t ref = {};
+  {
+    guarded_lock hold(tarvo_nd_mutex, "test");
+    tarvo_nd_nhop_notify_all(&nhop, true);  // while inactive
+  }
+  EXPECT_EQ(w.take(), texts{});
+
+  w.start();
+  tarvo_nd_enqueue_table_update(nullptr, 9, 1);
+  w.client(1);
+  tarvo_nd_enqueue_nhop_update(9, htonl(host("10.0.0.1")), 1);
+  w.run();
+  w.take();
+  guarded_lock hold(tarvo_nd_mutex, "test");
   EXPECT_EQ(tarvo_nd_nhop_tree_next(nullptr), nullptr);
   EXPECT_EQ(tarvo_nd_nhop_table_next(nullptr, nullptr), nullptr);
   EXPECT_EQ(tarvo_nd_nhop_table_next(&tables, nullptr), nullptr);
@@ -190,7 +202,6 @@ TEST(Refusals, NullIsNothing) {
   tarvo_nd_nhop_resolve(nullptr);
   tarvo_nd_nhop_delete(nullptr);
   tarvo_nd_nhop_free(nullptr);
-  tarvo_nd_nhop_notify_all(&nhop, true);  // while inactive
   EXPECT_EQ(w.take(), texts{});
 }
 

@@ -56,6 +56,12 @@ TEST(Records, UseTheTypesInTheirArrays) {
   EXPECT_EQ(layout::named_in(array), layout::type_set{1} << layout::place_of(number));
 }
 
+TEST(Records, HaveNothingBehindTheirTables) {
+  using namespace record_layout;
+  EXPECT_EQ((kSchema<10, form::long_form>.size()), strlen(tarvo_ipv4_prefix_t_bag.long_schema) + 1);
+  EXPECT_EQ(kOffsets<10>.size(), 2u);
+}
+
 #define TYPE(number, name, size, body)
 #define RECORD(number, name, size, body) &name##_bag,
 static const bag_descriptor_t *const kRecords[] = {

@@ -427,7 +427,8 @@ static const char *emptied(const void *pool) {
   return nullptr;
 }
 
-static void *first_pool(void *pool) {
+static void *made_pool(void *pool) TARVO_NO_THREAD_SAFETY_ANALYSIS {
+  require(w.workq_pool == nullptr || tarvo_nd_table_chunk == nullptr, "a pool is still there");
   if (w.workq_pool == nullptr) w.workq_pool = pool;
   return pool;
 }
@@ -435,7 +436,7 @@ static void *first_pool(void *pool) {
 WRAPPED(void *, chunk_create, known(name, {size, count, flags + x + y}),
         (const char *name, unsigned long size, unsigned long count, unsigned long flags,
          unsigned long x, unsigned long y),
-        nullptr, first_pool(__real_chunk_create(name, size, count, flags, x, y)))
+        nullptr, made_pool(__real_chunk_create(name, size, count, flags, x, y)))
 WRAPPED(void, chunk_destroy, emptied(pool), (void *pool), void(), __real_chunk_destroy(pool))
 WRAPPED(void *, chunk_malloc, pool_name(pool), (void *pool), nullptr, __real_chunk_malloc(pool))
 WRAPPED(void *, calloc_named, known(name, {size, n}), (size_t n, size_t size, const char *name),
