@@ -238,7 +238,7 @@ void end_run() {
   drain();
   check_phase();
   require(offered == handled + purged, "requests are unaccounted for");
-  for (uint32_t client = 1; client <= 4; ++client) tarvo_pe_discovery_unregister(client);
+  for (uint32_t client : {4, 3, 2, 1}) tarvo_pe_discovery_unregister(client);
   for (uint32_t table : {7, 8}) tarvo_nd_enqueue_table_update("", table, 0);
   drain();
   tarvo_nd_set_rib_refresh_interval(kIntervals[0]);
