@@ -233,7 +233,7 @@ class running_agent {
     [[maybe_unused]] const ssize_t typed = write(in_.number, text.data(), text.size());
     while (written.find("> # end\n") == bytes::npos) {
       pollfd both[] = {{out_.number, POLLIN, 0}, {err_.number, POLLIN, 0}};
-      if (poll(both, 2, patience()) < 1) return "closed";
+      if (!await([&](int ms) { return poll(both, 2, ms) > 0; })) return "closed";
       if (both[1].revents != 0 && more(err_, told))
         types = told.find("standard input is at its end") == bytes::npos;
       if (!types || (both[0].revents != 0 && !more(out_, written))) return "closed";
@@ -244,14 +244,14 @@ class running_agent {
   bool page() {
     ++failure.step;
     router client(metrics_, failure.failing == kNone);
-    return client.try_send("GET /metrics HTTP/1.0\r\n\r\n") && !client.closed(patience());
+    return client.try_send("GET /metrics HTTP/1.0\r\n\r\n") && !client.closed();
   }
   /// A router that sends what is no BMP is closed; all routers before it have been read by then.
   bool refuses_garbage() {
     ++failure.step;
     router broken(port_, failure.failing == kNone);
     broken.try_send("no BMP");
-    return broken.closed(patience());
+    return await([&](int ms) { return broken.closed(ms); });
   }
   /// What it told since the last look.
   std::string look() {
@@ -263,8 +263,17 @@ class running_agent {
   bool types = true;
 
  private:
-  /// In milliseconds. While calls fail for good, nothing need come.
-  static int patience() { return failure.failing != kNone && failure.forever ? 50 : 20000; }
+  /// Whether it comes, tried for so many milliseconds each time. Once calls fail for good, nothing
+  /// need come.
+  static bool await(auto comes) {
+    constexpr int kEach = 50, kTries = 400;
+    for (int i = 0; i < kTries; ++i) {
+      const bool hopeless = failure.failing != kNone && failure.forever && failure.hits > 0;
+      if (comes(kEach)) return true;
+      if (hopeless) return false;
+    }
+    return false;
+  }
   static bool poll_for(const descriptor &fd, int milliseconds) {
     pollfd one{fd.number, POLLIN, 0};
     return poll(&one, 1, milliseconds) == 1;
@@ -272,7 +281,7 @@ class running_agent {
   /// False: the end, or nothing comes.
   bool more(const descriptor &fd, std::string &into) {
     char chunk[4096];
-    at_end_ = poll_for(fd, patience());
+    at_end_ = await([&](int ms) { return poll_for(fd, ms); });
     if (!at_end_) return false;
     const ssize_t size = read(fd.number, chunk, sizeof chunk);
     if (size > 0) into.append(chunk, static_cast<size_t>(size));
