@@ -2,8 +2,8 @@
 //
 // It keeps the session's peers, each with the RIB source of the one view that is learned, what
 // `show sessions` tells, and the beginning of a message that hasn't arrived whole. Everything is
-// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers, 1,000 faults told and why it ends,
-// and the RIB's own on routes. A session that finds no memory ends.
+// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers, 1,000 faults told and why it
+// ends, and the RIB's own on routes. A session that finds no memory ends.
 #pragma once
 
 #include <array>
