@@ -95,11 +95,10 @@ constexpr size_t place_of(uint32_t number) {
 constexpr type_set named_in(const bag::element &e) {
   if (e.kind == '$') return type_set{1} << place_of(e.number);
   type_set named = 0;
-  bag::element inner;
-  if (std::string_view inside = e.inside; e.kind == 'a' && bag::read_element(inside, inner))
-    return named_in(inner);
-  bag::arm a;
-  for (std::string_view arms = e.inside; bag::read_arm(arms, a);) named |= named_in(a.value);
+  std::string_view inside = e.inside;
+  for (bag::element inner; e.kind == 'a' && bag::read_element(inside, inner);)
+    named |= named_in(inner);
+  for (bag::arm a; bag::read_arm(inside, a);) named |= named_in(a.value);
   return named;
 }
 

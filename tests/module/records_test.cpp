@@ -45,15 +45,21 @@ TEST(Messages, AreAsTabled) {
   EXPECT_EQ(table.peek(), EOF);
 }
 
-// No record has one so far.
-TEST(Records, UseTheTypesInTheirArrays) {
+// No record has an array of them so far.
+TEST(Records, UseTheTypesInTheirArraysAndUnions) {
   namespace layout = record_layout;
-  const uint32_t number = layout::kTypes[1].number;
-  const std::string text = "3a($" + std::to_string(number) + ")";
-  std::string_view body = text;
-  bag::element array;
-  ASSERT_TRUE(bag::read_element(body, array));
-  EXPECT_EQ(layout::named_in(array), layout::type_set{1} << layout::place_of(number));
+  const auto type = [](size_t place) { return "$" + std::to_string(layout::kTypes[place].number); };
+  const std::pair<std::string, layout::type_set> kBodies[] = {
+      {"3a(" + type(1) + ")", 0b10},
+      {"3a(D)", 0},
+      {"?(<d,E>,1:" + type(0) + ",2:v,?:" + type(2) + ")", 0b101},
+  };
+  for (const auto &[text, named] : kBodies) {
+    std::string_view body = text;
+    bag::element e;
+    ASSERT_TRUE(bag::read_element(body, e)) << text;
+    EXPECT_EQ(layout::named_in(e), named) << text;
+  }
 }
 
 TEST(Records, HaveNothingBehindTheirTables) {
