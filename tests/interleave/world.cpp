@@ -30,28 +30,16 @@ CHECKED(uint32_t, _Z29tarvo_nd_get_refresh_intervalv, (), (), point("interval?")
 CHECKED(void, _Z22tarvo_nd_set_intervalsjj, (uint32_t refresh, uint32_t clear), (refresh, clear),
         point("set intervals"))
 
-static bool tree_lives;
-
 static void check_tree(const wavl_tree_t *tree) TARVO_NO_THREAD_SAFETY_ANALYSIS {
   under_nd();
-  require(tree != &tarvo_nd_nhop_tree || (tree_lives && tarvo_nd_nhop_chunk != nullptr),
+  require(tree != &tarvo_nd_nhop_tree || tarvo_nd_nhop_chunk != nullptr,
           "a finished tree is touched");
   require(tree->cmp == tarvo_nd_nhop_cmp || tree->cmp == tarvo_nd_tableid_cmp,
           "a freed tree is touched");
 }
 
-static void check_new_tree(const wavl_tree_t *tree) {
-  const bool next_hops = tree == &tarvo_nd_nhop_tree;
-  require(!next_hops || !tree_lives, "a tree is made anew before it is finished");
-  tree_lives |= next_hops;
-}
-
 #define CHECKED_TREE(result, name, parameters, arguments) \
   CHECKED(result, name, parameters, arguments, check_tree(tree); require(n == 0, "another order"))
-CHECKED(int, wavl_init, (wavl_tree_t * tree, unsigned long n, unsigned long zero, tree_cmp cmp),
-        (tree, n, zero, cmp), check_new_tree(tree))
-CHECKED(void, wavl_finish, (wavl_tree_t * tree), (tree), check_tree(tree);
-        tree_lives &= tree != &tarvo_nd_nhop_tree)
 CHECKED_TREE(void *, wavl_search, (wavl_tree_t * tree, const void *key, unsigned long n),
              (tree, key, n))
 CHECKED_TREE(void *, wavl_get_first, (wavl_tree_t * tree, unsigned long n), (tree, n))

@@ -122,9 +122,7 @@ struct module_source {
                                            : tarvo_nd_lookup_nhop_by_tableid(table, nhop, &out);
     if (code == TARVO_ND_OK) expected.info = out.info, expected.flags = out.flags;
     expect_same(out, expected);
-    return of(code,
-              dotted(ntohl(out.info.nhop_addr)) + " " + dotted(ntohl(out.info.prefix)) + "/" +
-                  std::to_string(out.info.prefix_len) + " " + std::to_string(out.flags),
+    return of(code, hop_text(out.info) + " " + std::to_string(out.flags),
               ntohl(out.info.nhop_addr));
   }
   static answer ref(which query, uint32_t host, uint32_t table = 0) {
@@ -281,8 +279,7 @@ database held_by_module() TARVO_NO_THREAD_SAFETY_ANALYSIS {
   for (auto *nhop = tarvo_nd_nhop_tree_first(); nhop != nullptr;
        nhop = tarvo_nd_nhop_tree_next(nhop)) {
     next_hop &hop = held.hops[ntohl(nhop->info.nhop_addr)];
-    if ((nhop->flags & TARVO_ND_NHOP_REACHABLE) != 0)
-      hop.route = dotted(ntohl(nhop->info.prefix)) + "/" + std::to_string(nhop->info.prefix_len);
+    if ((nhop->flags & TARVO_ND_NHOP_REACHABLE) != 0) hop.route = route_text(nhop->info);
     hop.marked = (nhop->flags & TARVO_ND_NHOP_RERESOLVE) != 0;
     for (auto *ref = tarvo_nd_nhop_table_first(&nhop->tables); ref != nullptr;
          ref = tarvo_nd_nhop_table_next(&nhop->tables, ref))

@@ -106,23 +106,17 @@ class model {
 
   // ---- Routes and notifications ----
 
-  void tell(uint32_t id, const char *event, uint32_t host, const std::string &route) {
-    const std::string what = dotted(host) + " " + route;
-    did.push_back("tell " + text_of(id) + " " + event + " " + what);
-    did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event + " (" + what +
-                  ")");
-  }
-
-  void tell_end(uint32_t id, const char *event) {
-    did.push_back("tell " + text_of(id) + " " + event);
-    did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event);
+  void tell(uint32_t id, const std::string &event, const std::string &hop = "") {
+    did.push_back("tell " + text_of(id) + " " + event + (hop.empty() ? "" : " " + hop));
+    did.push_back("trace 13/1 DISC: Notify client " + text_of(id) + " of " + event +
+                  (hop.empty() ? "" : " (" + hop + ")"));
   }
 
   void tell_group(const std::string &name, bool add, uint32_t host) {
     const auto group = held.clients.find(name);
     if (group == held.clients.end()) return;
     for (const uint32_t id : group->second)
-      tell(id, add ? "ADD" : "REMOVE", host, held.hops[host].route);
+      tell(id, add ? "ADD" : "REMOVE", dotted(host) + " " + held.hops[host].route);
   }
 
   void tell_table(uint32_t table, bool add, uint32_t host) {
@@ -274,7 +268,7 @@ class model {
     }
     for (const auto &[host, hop] : held.hops)
       if (!hop.route.empty() && (wanted == 0 || hop.tables.contains(wanted)))
-        tell(id, "ADD", host, hop.route);
+        tell(id, "ADD", dotted(host) + " " + hop.route);
   }
 
   /// A registered client, or none of them.
@@ -307,7 +301,7 @@ class model {
     } else {
       activate();
     }
-    tell_end(r.id, "END");
+    tell(r.id, "END");
   }
 
   void remove_client(uint32_t id) {
@@ -356,7 +350,7 @@ class model {
         const auto group = held.clients.find(r.name);
         if (group == held.clients.end() || std::ranges::count(group->second, r.id) == 0) return;
         replay(r.id, r.name);
-        tell_end(r.id, "RESEND_END");
+        tell(r.id, "RESEND_END");
         return;
       }
       default:

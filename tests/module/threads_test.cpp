@@ -5,8 +5,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <semaphore>
 #include <thread>
-#include <utility>
 
 #include "engine/shared_words.h"
 #include "engine/timers.h"
@@ -26,25 +26,16 @@ static bool offer(bool queued) {
   return queued;
 }
 
-static int registered;
-static std::atomic<int> replays;
+static std::counting_semaphore<> replays{0};
 
 static void count_replay(uint32_t, uint32_t event, const void *) {
   const char *name = tarvo_nd_tableid2vrf_name(2);  // the lock is held
   EXPECT_STREQ(name == nullptr ? "A" : name, "A");
-  if (event != TARVO_ND_EVENT_END) return;
-  ++replays;
-  replays.notify_all();
+  if (event == TARVO_ND_EVENT_END) replays.release();
 }
 
 static void come(uint32_t id, const char *vrf) {
   while (!offer(tarvo_pe_discovery_register(id, vrf, count_replay) == TARVO_ND_OK)) continue;
-  ++registered;
-}
-
-// Requests are handled in order: all that was queued before is done, too.
-static void wait_for_replays() {
-  for (int seen = replays; seen < registered; seen = replays) replays.wait(seen);
 }
 
 // Adds what was recorded since the last tally. Table 9 stays announced, so it is switched on,
@@ -62,11 +53,12 @@ static void tally() {
   }
 }
 
-// Discovery begins and ends: clients come, and when all are told what there is, all leave.
+// Discovery begins and ends: clients come, and when all are told what there is, all leave. Requests
+// are handled in order: all that was queued before is done by then, too.
 static void flip(unsigned &seed) {
   const uint32_t clients = 1 + rand_r(&seed) % 3;
   for (uint32_t id = 1; id <= clients; ++id) come(id, id == 2 ? "A" : nullptr);
-  wait_for_replays();
+  for (uint32_t id = 1; id <= clients; ++id) replays.acquire();
   for (uint32_t id = 1; id <= clients; ++id)
     while (!offer(tarvo_pe_discovery_unregister(id) == TARVO_ND_OK)) continue;
   tally();
@@ -124,7 +116,7 @@ TEST(Threads, EveryoneAtOnce) {
   for (std::thread &thread : threads) thread.join();
 
   come(99, nullptr);
-  wait_for_replays();
+  replays.acquire();
   tally();
   EXPECT_EQ(w.handled + w.purged + refused, offered + expired);
   EXPECT_EQ(activated, flips + 1);

@@ -48,9 +48,12 @@ std::string dotted(uint32_t host) {
   return inet_ntop(AF_INET, &address, buffer, sizeof buffer);
 }
 
-static std::string route_text(const tarvo_nd_nhop_info_t *info) {
-  return dotted(ntohl(info->nhop_addr)) + " " + dotted(ntohl(info->prefix)) + "/" +
-         std::to_string(info->prefix_len);
+std::string route_text(const tarvo_nd_nhop_info_t &info) {
+  return dotted(ntohl(info.prefix)) + "/" + std::to_string(info.prefix_len);
+}
+
+std::string hop_text(const tarvo_nd_nhop_info_t &info) {
+  return dotted(ntohl(info.nhop_addr)) + " " + route_text(info);
 }
 
 void world::note(std::string text) {
@@ -99,7 +102,7 @@ void tell(uint32_t client_id, uint32_t event, const void *data) {
   std::string text = "tell " + std::to_string(client_id) + " " + kNames[event];
   if (data == nullptr) text += " null";
   if (event <= TARVO_ND_EVENT_REMOVE)
-    text += " " + route_text(static_cast<const tarvo_nd_nhop_info_t *>(data));
+    text += " " + hop_text(*static_cast<const tarvo_nd_nhop_info_t *>(data));
   w.note(std::move(text));
 }
 
@@ -168,15 +171,17 @@ ended in_child(const std::function<void()> &part) {
 
 // ------------------------------------ the agent's services ------------------------------------
 
+static std::pair<uint32_t, int> prefix_of(const std::string &route) {
+  const size_t slash = route.find('/');
+  return {host(route.substr(0, slash).c_str()), std::stoi(route.substr(slash + 1))};
+}
+
 std::string world::route_to(uint32_t host) const {
   std::string best;
   int longest = -1;
   for (const std::string &route : routes) {
-    const size_t slash = route.find('/');
-    const int length = std::stoi(route.substr(slash + 1));
-    const uint64_t first = ::host(route.substr(0, slash).c_str());
-    if (host < first || host >= first + (uint64_t{1} << (32 - length)) || length <= longest)
-      continue;
+    const auto [prefix, length] = prefix_of(route);
+    if (length <= longest || uint64_t{host ^ prefix} >> (32 - length) != 0) continue;
     longest = length;
     best = route;
   }
@@ -188,9 +193,8 @@ int tarvo_rib_ipv4_get_prefix_route(tarvo_nd_nhop_info_t *info) {
   const std::string route = w.route_to(ntohl(info->nhop_addr));
   *info = {info->nhop_addr, 1, 1};  // what a failed lookup leaves means nothing
   if (route.empty()) return -1;
-  const size_t slash = route.find('/');
-  info->prefix = htonl(host(route.substr(0, slash).c_str()));
-  info->prefix_len = static_cast<uint8_t>(std::stoi(route.substr(slash + 1)));
+  const auto [prefix, length] = prefix_of(route);
+  *info = {info->nhop_addr, htonl(prefix), static_cast<uint8_t>(length)};
   return 0;
 }
 
@@ -403,18 +407,16 @@ static const char *tree_name(const void *tree, bool of_one_order) {
   return tree == &tarvo_nd_nhop_tree ? "next hops" : "references";
 }
 
-// The next hops are walked while there is a place for them.
-static const char *walkable(const wavl_tree_t *tree) TARVO_NO_THREAD_SAFETY_ANALYSIS {
-  require(tree != &tarvo_nd_nhop_tree || tarvo_nd_nhop_chunk != nullptr, "no tree is walked");
-  return nullptr;
-}
-
 // Another layer's trees may hold memory until they are finished.
 static std::set<const void *> &trees = *new std::set<const void *>;
 
 static int made_tree(const void *tree, int status) {
-  if (status == 0) trees.insert(tree);
+  if (status == 0) require(trees.insert(tree).second, "a tree is made twice");
   return status;
+}
+static const char *walkable(const void *tree) {
+  require(trees.contains(tree), "no tree is walked");
+  return nullptr;
 }
 static const char *finished(const void *tree) {
   require(trees.erase(tree) == 1, "what is finished is no tree");
@@ -475,23 +477,15 @@ extern "C" void __wrap_flockfile(FILE *file) {
   fputs("locked: ", file);
 }
 
-extern "C" void __real_free(void *);
-extern "C" void __wrap_free(void *memory) {
-  {
-    std::lock_guard hold(w.guard);
-    kept.erase(memory);
-  }
-  __real_free(memory);
-}
-
-extern "C" int __real_pthread_cond_signal(pthread_cond_t *);
-extern "C" int __wrap_pthread_cond_signal(pthread_cond_t *cond) {
+static const char *signalled(const pthread_cond_t *cond) {
   const bool revival = cond == &tarvo_nd_mutex.revival_cond;
   require(!revival || tarvo_nd_mutex.revival_pending != 0, "a revival is over before its signal");
   require(w.threaded || revival || tarvo_nd_workq_mutex.mutex.__data.__owner == 0 || locks_failed(),
           "the worker is woken under the lock");
-  return w.failing("pthread_cond_signal") ? w.error : __real_pthread_cond_signal(cond);
+  return "";
 }
+WRAPPED(int, pthread_cond_signal, signalled(cond), (pthread_cond_t * cond), w.error,
+        __real_pthread_cond_signal(cond))
 
 extern "C" int __real_pthread_cond_wait(pthread_cond_t *, pthread_mutex_t *);
 extern "C" int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *mutex) {
@@ -527,14 +521,13 @@ static void check_unused(const tarvo_nd_work_req_t &request) {
           "a request holds what its type does not use");
 }
 
-extern "C" void *__real_queue_dequeue(queue_t *q);
-extern "C" void *__wrap_queue_dequeue(queue_t *q) {
-  void *element = __real_queue_dequeue(q);
-  if (element == nullptr) return nullptr;
-  check_unused(*static_cast<tarvo_nd_work_req_t *>(element));
+static void *handled(void *request) {
+  if (request == nullptr) return nullptr;
+  check_unused(*static_cast<tarvo_nd_work_req_t *>(request));
   ++w.handled;
-  return element;
+  return request;
 }
+WRAPPED(void *, queue_dequeue, nullptr, (queue_t * q), nullptr, handled(__real_queue_dequeue(q)))
 
 // Of the module's queues, only the work queue is purged.
 extern "C" void __real_queue_remqueue(queue_t *q, void *element, void *previous);
@@ -584,19 +577,23 @@ WRAPPED(uint32_t, bag_encode, outside(*buffer == nullptr && *length == 0),
         (void **buffer, uint32_t *length, const void *native, const void *record), spoilt(buffer),
         kept_as("record", buffer, __real_bag_encode(buffer, length, native, record)))
 
-#define WRAPPED_FREE(name, what)                                             \
-  extern "C" void __real_##name(void *list);                                 \
-  extern "C" void __wrap_##name(void *list) {                                \
-    {                                                                        \
-      std::lock_guard hold(w.guard);                                         \
-      require(list == nullptr || kept[list] == what, "another list's free"); \
-      kept.erase(list);                                                      \
-    }                                                                        \
-    __real_##name(list);                                                     \
-  }
-WRAPPED_FREE(ods_list_free, "list")
-WRAPPED_FREE(ods_datalist_free, "data list")
+static const char *freed(const void *memory) {
+  std::lock_guard hold(w.guard);
+  kept.erase(memory);
+  return nullptr;
+}
 
+static const char *freed_list(const void *list, const char *what) {
+  std::lock_guard hold(w.guard);
+  require(list == nullptr || kept[list] == what, "another list's free");
+  return freed(list);
+}
+
+WRAPPED(void, free, freed(memory), (void *memory), void(), __real_free(memory))
+WRAPPED(void, ods_list_free, freed_list(list, "list"), (void *list), void(),
+        __real_ods_list_free(list))
+WRAPPED(void, ods_datalist_free, freed_list(list, "data list"), (void *list), void(),
+        __real_ods_datalist_free(list))
 WRAPPED(uint32_t, bag_register_start, outside(registry == &w), (void *registry), failure(),
         __real_bag_register_start(registry))
 WRAPPED(uint32_t, bag_register, "", (const void *record), failure(), __real_bag_register(record))

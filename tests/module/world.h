@@ -89,6 +89,8 @@ void tell(uint32_t client_id, uint32_t event, const void *data);
 
 /// The host byte order's address as text, and back.
 std::string dotted(uint32_t host);
+std::string route_text(const tarvo_nd_nhop_info_t &info);  ///< "10.0.0.0/8"
+std::string hop_text(const tarvo_nd_nhop_info_t &info);    ///< "10.0.0.1 10.0.0.0/8"
 uint32_t host(const char *dotted);
 
 struct ended {
