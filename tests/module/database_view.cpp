@@ -39,6 +39,20 @@ static void expect_same(const Record &a, const Record &b) {
       << "what is not ours is written";
 }
 
+uint32_t database::table_of(const std::string &vrf) const {
+  const auto found = std::ranges::find_if(vrfs, [&](auto &v) { return v.second == vrf; });
+  return found == vrfs.end() ? 0 : found->first;
+}
+
+std::map<uint32_t, std::string> database::reachable(const std::string &vrf) const {
+  const uint32_t table = vrf.empty() ? 0 : table_of(vrf);
+  std::map<uint32_t, std::string> found;
+  if (!vrf.empty() && table == 0) return found;
+  for (const auto &[host, hop] : hops)
+    if (!hop.route.empty() && (table == 0 || hop.tables.contains(table))) found[host] = hop.route;
+  return found;
+}
+
 // ---- The operational data ----
 
 // A record back in words, with a CBOR library. Few records differ, so each is read once.
@@ -220,10 +234,9 @@ struct held_source {
     return any ? text : kNotFound;
   }
   std::string vrf(uint32_t host, const std::string &wanted) const {
-    const auto vrf = std::ranges::find_if(held.vrfs, [&](auto &v) { return v.second == wanted; });
+    const uint32_t table = held.table_of(wanted);
     const auto &tables = tables_of(host);
-    if (vrf == held.vrfs.end() || vrf->first == 0 || !tables.contains(vrf->first)) return kNotFound;
-    return count_of(tables.at(vrf->first));
+    return table == 0 || !tables.contains(table) ? kNotFound : count_of(tables.at(table));
   }
 };
 

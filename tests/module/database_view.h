@@ -19,6 +19,11 @@ struct database {
   std::map<uint32_t, next_hop> hops;
   std::map<uint32_t, std::string> vrfs;
   std::map<std::string, std::vector<uint32_t>> clients;  ///< "" first: the all-VPN clients
+
+  /// 0 for a VRF that is not there, or by that number cannot be told from all.
+  uint32_t table_of(const std::string &vrf) const;
+  /// Next hops with a route, of a VRF or of all (""), and the routes.
+  std::map<uint32_t, std::string> reachable(const std::string &vrf) const;
 };
 
 /// What is asked for beside everything there is. The tables begin with 0, which stands for all.

@@ -14,7 +14,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <set>
 
 #include "engine/shared_words.h"
@@ -25,40 +24,6 @@
 #include "tests/module/world.h"
 
 namespace {
-
-/// A call, with the object it is made for, and what its failure leads to.
-struct row {
-  std::string effect, call, code;
-  texts told;
-};
-
-texts split(const std::string &text, const std::string &separator) {
-  texts parts;
-  for (size_t at = 0, end = 0; end != std::string::npos; at = end + separator.size()) {
-    end = text.find(separator, at);
-    parts.push_back(text.substr(at, end - at));
-  }
-  return parts;
-}
-
-std::vector<row> read_rows() {
-  std::vector<row> rows;
-  std::ifstream table(FAULT_TABLE);
-  for (std::string line; std::getline(table, line);) {
-    if (line.starts_with('#')) continue;
-    const texts column = split(line, " | ");
-    rows.push_back({column.at(0), column.at(1), column.at(2),
-                    column.at(3) == "-" ? texts() : split(column[3], " & ")});
-  }
-  return rows;
-}
-
-const std::vector<row> kRows = read_rows();
-
-const row *row_of(const std::string &call) {
-  const auto found = std::ranges::find(kRows, call, &row::call);
-  return found == kRows.end() ? nullptr : &*found;
-}
 
 /// An agent that knows what it wants, what its clients were told, and what the module refused it.
 class agent {
@@ -140,7 +105,7 @@ class agent {
     expect_nothing_else_is_kept(held, 0);
     for (auto &[id, client] : clients_) {
       if (!held.active) client.told.clear();
-      const auto expected = client.ended ? watched(held, client.vrf) : routes();
+      const auto expected = client.ended ? held.reachable(client.vrf) : routes();
       EXPECT_EQ(client.told, expected) << "client " << id;
     }
   }
@@ -172,7 +137,7 @@ class agent {
     record.push_back("settled");
     for (const auto &[id, client] : clients_)
       for (const auto &[hop, told] : client.told)
-        record.push_back(std::to_string(id) + " knows " + hop + " " + told);
+        record.push_back(std::to_string(id) + " knows " + dotted(hop) + " " + told);
   }
 
   void take_down() {
@@ -183,7 +148,7 @@ class agent {
   }
 
  private:
-  using routes = std::map<std::string, std::string>;  // by next hop
+  using routes = std::map<uint32_t, std::string>;  // by next hop
   struct registration {
     std::string vrf;
     bool ended;   // told END: it is registered
@@ -198,22 +163,15 @@ class agent {
     registration &to = clients_[static_cast<uint32_t>(std::stoi(word[1]))];
     if (word.size() == 3) {
       to.ended = true;
-    } else if (word[2] == "ADD") {
-      to.told[word[3]] = word[4];
-    } else {
-      EXPECT_EQ(to.told[word[3]], word[4]) << "withdrawn otherwise than announced";
-      to.told.erase(word[3]);
+      return;
     }
-  }
-
-  static routes watched(const database &held, const std::string &vrf) {
-    const auto of = std::ranges::find_if(held.vrfs, [&](auto &v) { return v.second == vrf; });
-    routes all;
-    if (!vrf.empty() && of == held.vrfs.end()) return all;
-    for (const auto &[address, hop] : held.hops)
-      if (!hop.route.empty() && (vrf.empty() || hop.tables.contains(of->first)))
-        all[dotted(address)] = hop.route;
-    return all;
+    const uint32_t hop = host(word[3].c_str());
+    if (word[2] == "REMOVE") {
+      EXPECT_EQ(to.told[hop], word[4]) << "withdrawn otherwise than announced";
+      to.told.erase(hop);
+    } else {
+      to.told[hop] = word[4];
+    }
   }
 };
 
@@ -313,7 +271,7 @@ void expect_answers(const texts &record, const texts &reference, bool for_good,
 void expect_messages(texts told) {
   texts expected;
   for (const std::string &call : w.failed) {
-    const row *r = row_of(call);
+    const consequence *r = consequence_of(call);
     ASSERT_NE(r, nullptr) << call;
     expected.insert(expected.end(), r->told.begin(), r->told.end());
   }
@@ -333,7 +291,7 @@ void inject(const fault &f, const texts &reference) {
     w.fail = {{"pthread_mutex_trylock", f.nth}, {f.operation, 1}};
   const uint32_t code = w.start();
   if (code != TARVO_ND_OK) {
-    const row *r = row_of(w.failed.at(0));
+    const consequence *r = consequence_of(w.failed.at(0));
     ASSERT_TRUE(r != nullptr && r->effect == "no start") << w.failed[0];
     EXPECT_EQ(hex(code), r->code);
     // The agent starts once: after this nobody calls in, and what was made stays. No more to see.
@@ -348,14 +306,14 @@ void inject(const fault &f, const texts &reference) {
   const texts record = run(a);
   ASSERT_FALSE(w.failed.empty());
   expect_messages(a.messages);
-  const row &r = *row_of(w.failed.back());
+  const consequence &r = *consequence_of(w.failed.back());
   if (r.effect == "answer") expect_answers(record, reference, f.for_good, r.code);
   EXPECT_TRUE(r.effect != "none" || record == reference);
   EXPECT_TRUE(r.effect != "death" && r.effect != "no start") << r.call;
   EXPECT_EQ(settled(record), settled(reference));
 }
 
-void expect_harmless(const fault &f, const row &of, const texts &reference) {
+void expect_harmless(const fault &f, const consequence &of, const texts &reference) {
   const ended child = in_child([&] { inject(f, reference); });
   if (of.effect == "death" && WIFSIGNALED(child.status) && WTERMSIG(child.status) == SIGABRT &&
       child.output == "locked: " + of.told.at(0) + "\n")
@@ -389,13 +347,13 @@ TEST(Faults, EachFailureIsToldAndSurvived) {
       reference.push_back(text);
       continue;
     }
-    EXPECT_NE(row_of(text), nullptr) << "what " << text << " leads to is not said";
+    EXPECT_NE(consequence_of(text), nullptr) << "what " << text << " leads to is not said";
     made.insert(text);
     calls[text.substr(0, text.find(' '))].push_back(text);
   }
   // A lock is asked for only where the trylock failed.
   calls["pthread_mutex_lock"] = calls["pthread_mutex_trylock"];
-  for (const row &r : kRows)
+  for (const consequence &r : consequences())
     EXPECT_TRUE(made.contains(r.call) || r.call.starts_with("pthread_mutex_lock"))
         << r.call << " is not reached";
 
@@ -409,7 +367,7 @@ TEST(Faults, EachFailureIsToldAndSurvived) {
     // A sanitizer takes ten times as long, and has little to see in the many calls of threads.
     const int step = SANITIZED && !all && operation.starts_with("pthread_mutex") ? 10 : 1;
     for (int nth = 1; nth <= static_cast<int>(made_for.size()); nth += step, ++points) {
-      const row &of = *row_of(made_for[nth - 1]);
+      const consequence &of = *consequence_of(made_for[nth - 1]);
       expect_harmless({operation, nth, false}, of, reference);
       expect_harmless({operation, nth, true}, of, reference);
       if (HasFailure()) return;

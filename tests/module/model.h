@@ -14,32 +14,14 @@
 #include "tests/module/world.h"
 
 struct request {
-  enum kind {
-    report,
-    client_reg,
-    client_unreg,
-    table,
-    refresh,
-    clear,
-    restart,
-    resend
-  } what = report;
+  enum kind { client_reg, client_unreg, table, resend, report, refresh, clear, restart };
+  static constexpr kind kOnlyWhileActive = report;  ///< and those after it
+  kind what = report;
   uint32_t id = 0;    // table or client
   uint32_t host = 0;  // next hop
   bool add = false;
   std::string name = {};
 };
-
-/// Calls that may find no memory: for a request, next hops, tables, clients, and all of discovery.
-inline const std::vector<std::string> kShort = {"chunk_malloc PE Discovery workQ Chunk",
-                                                "chunk_malloc PE Discovery NHop Chunk",
-                                                "chunk_malloc PE Discovery Table ID Chunk",
-                                                "calloc_named TARVO DISC VRF Info",
-                                                "calloc_named TARVO DISC Client Entry",
-                                                "calloc_named TARVO DISC Client Info",
-                                                "chunk_create PE Discovery NHop Chunk",
-                                                "chunk_create PE Discovery Table ID Chunk",
-                                                "wavl_init next hops"};
 
 constexpr int64_t kSecond = 1000000000;
 
@@ -52,13 +34,14 @@ class model {
   std::vector<std::string> did;
 
   // The surroundings, with what the world's RIB says.
-  std::string starved;            // the call that finds no memory
+  std::string starved;            // the call that finds no memory, if it is one
   int64_t now = 0, deadline = 0;  // nanoseconds
 
   /// Whether this is what there is no memory for.
-  bool lacks(const char *call, const char *purpose) {
+  bool lacks(const char *call) {
     if (starved != call) return false;
-    did.push_back(std::string("log 4 ERR_MEM During mallocing ") + purpose);
+    const texts &told = consequence_of(call)->told;
+    did.insert(did.end(), told.begin(), told.end());
     return true;
   }
 
@@ -150,8 +133,7 @@ class model {
       limit_logged_ = true;
       return;
     }
-    if (!held.hops.contains(r.host) && lacks("chunk_malloc PE Discovery NHop Chunk", "Nhop Chunk"))
-      return;
+    if (!held.hops.contains(r.host) && lacks("chunk_malloc PE Discovery NHop Chunk")) return;
     next_hop &hop = held.hops[r.host];
     if (hop.marked || hop.route.empty()) {
       did.push_back("rib route " + dotted(r.host));
@@ -166,7 +148,7 @@ class model {
     }
     hop.marked = false;
     const bool is_new = !hop.tables.contains(r.id);
-    if (is_new && lacks("chunk_malloc PE Discovery Table ID Chunk", "Nhop TableId Chunk")) return;
+    if (is_new && lacks("chunk_malloc PE Discovery Table ID Chunk")) return;
     ++hop.tables[r.id];
     if (is_new && !hop.route.empty()) tell_table(r.id, true, r.host);
   }
@@ -233,8 +215,7 @@ class model {
   }
 
   void add_table(const request &r) {
-    if (held.vrfs.contains(r.id) || lacks("calloc_named TARVO DISC VRF Info", "vrf information"))
-      return;
+    if (held.vrfs.contains(r.id) || lacks("calloc_named TARVO DISC VRF Info")) return;
     held.vrfs[r.id] = r.name;
     if (held.active) switch_on(r.id);
   }
@@ -260,15 +241,8 @@ class model {
 
   void replay(uint32_t id, const std::string &name) {
     if (!held.active) return;
-    uint32_t wanted = 0;
-    if (!name.empty()) {
-      const auto vrf = std::ranges::find_if(held.vrfs, [&](auto &v) { return v.second == name; });
-      if (vrf == held.vrfs.end() || vrf->first == 0) return;
-      wanted = vrf->first;
-    }
-    for (const auto &[host, hop] : held.hops)
-      if (!hop.route.empty() && (wanted == 0 || hop.tables.contains(wanted)))
-        tell(id, "ADD", dotted(host) + " " + hop.route);
+    for (const auto &[host, route] : held.reachable(name))
+      tell(id, "ADD", dotted(host) + " " + route);
   }
 
   /// A registered client, or none of them.
@@ -282,9 +256,8 @@ class model {
   }
 
   void activate() {
-    if (lacks("chunk_create PE Discovery NHop Chunk", "NHop Chunk") ||
-        lacks("chunk_create PE Discovery Table ID Chunk", "Table ID Chunk") ||
-        lacks("wavl_init next hops", "NHop tree"))
+    if (lacks("chunk_create PE Discovery NHop Chunk") ||
+        lacks("chunk_create PE Discovery Table ID Chunk") || lacks("wavl_init next hops"))
       return;
     redistribute(false, false);
     start(7);
@@ -292,9 +265,8 @@ class model {
   }
 
   void add_client(const request &r) {
-    if (lacks("calloc_named TARVO DISC Client Entry", "client entry")) return;
-    if (!r.name.empty() && lacks("calloc_named TARVO DISC Client Info", "client information"))
-      return;
+    if (lacks("calloc_named TARVO DISC Client Entry")) return;
+    if (!r.name.empty() && lacks("calloc_named TARVO DISC Client Info")) return;
     held.clients[r.name].push_back(r.id);
     if (held.active) {
       replay(r.id, r.name);
@@ -329,7 +301,7 @@ class model {
   /// Queues what the entry calls queue of it. False when it is refused.
   bool offer(request r) {
     if (r.what == request::table && r.id == 0xe0000000) return true;
-    if (lacks("chunk_malloc PE Discovery workQ Chunk", "route update information")) return false;
+    if (lacks("chunk_malloc PE Discovery workQ Chunk")) return false;
     r.name = r.name.substr(0, 244);
     queue.push_back(std::move(r));
     return true;
@@ -339,6 +311,7 @@ class model {
   void step() {
     const request r = std::move(queue.front());
     queue.pop_front();
+    if (!held.active && r.what >= request::kOnlyWhileActive) return;
     switch (r.what) {
       case request::client_reg:
         return add_client(r);
@@ -350,14 +323,8 @@ class model {
         const auto group = held.clients.find(r.name);
         if (group == held.clients.end() || std::ranges::count(group->second, r.id) == 0) return;
         replay(r.id, r.name);
-        tell(r.id, "RESEND_END");
-        return;
+        return tell(r.id, "RESEND_END");
       }
-      default:
-        break;
-    }
-    if (!held.active) return;
-    switch (r.what) {
       case request::report:
         return r.add ? add_report(r) : delete_report(r);
       case request::refresh:
@@ -370,8 +337,6 @@ class model {
         mark();
         redistribute(false, true);
         return start(8);
-      default:
-        return;
     }
   }
 

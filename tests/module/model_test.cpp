@@ -61,6 +61,13 @@ const profile kCycles = {{kFewHosts, {0, 1, 2}, {"", "A", "B"}},
                          {300},
                          {700, 1, 14400, 6, 8, 256}};
 
+// The calls that may find no memory: for a request, next hops, tables, clients, all of discovery.
+const std::vector<consequence> kShortages = [] {
+  std::vector<consequence> calls = consequences();
+  std::erase_if(calls, [](const consequence &c) { return c.effect != "loss" || c.told.empty(); });
+  return calls;
+}();
+
 class Random {
  public:
   explicit Random(uint64_t seed) : engine_(seed) {}
@@ -126,7 +133,7 @@ class pair_of {
       for (unsigned n = pick_.below(3); n > 0; --n) w.refused.insert(pick_.of(p_.drawn.tables));
     }
     if (pick_.one_in(20)) {
-      model_.starved = pick_.one_in(8) ? pick_.of(kShort) : "";
+      model_.starved = pick_.one_in(8) ? pick_.of(kShortages).call : "";
       w.fail_next(model_.starved);
     }
     if (pick_.one_in(20)) w.withdraws = !w.withdraws;

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <utility>
 
 #include "db/nhop_table.h"
@@ -80,6 +81,35 @@ void world::fail_next(const std::string &operation, int nth, int with) {
   fail.clear();
   if (!operation.empty()) fail[operation] = nth;
   error = with;
+}
+
+texts split(const std::string &text, const std::string &separator) {
+  texts parts;
+  for (size_t at = 0, end = 0; end != std::string::npos; at = end + separator.size()) {
+    end = text.find(separator, at);
+    parts.push_back(text.substr(at, end - at));
+  }
+  return parts;
+}
+
+const std::vector<consequence> &consequences() {
+  static const std::vector<consequence> kTable = [] {
+    std::vector<consequence> all;
+    std::ifstream table(FAULT_TABLE);
+    for (std::string line; std::getline(table, line);) {
+      if (line.starts_with('#')) continue;
+      const texts column = split(line, " | ");
+      all.push_back({column.at(0), column.at(1), column.at(2),
+                     column.at(3) == "-" ? texts() : split(column[3], " & ")});
+    }
+    return all;
+  }();
+  return kTable;
+}
+
+const consequence *consequence_of(const std::string &call) {
+  const auto found = std::ranges::find(consequences(), call, &consequence::call);
+  return found == consequences().end() ? nullptr : &*found;
 }
 
 static void require(bool holds, const char *what) {

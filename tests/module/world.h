@@ -74,6 +74,17 @@ struct world {
 /// Each test runs in a process of its own, and this is its world.
 extern world &w;
 
+/// A call, with the object it is made for, and what its failure leads to, as fault_table.txt says.
+struct consequence {
+  std::string effect, call, code;
+  texts told;
+};
+const std::vector<consequence> &consequences();
+/// Null for a call of which the table says nothing.
+const consequence *consequence_of(const std::string &call);
+
+texts split(const std::string &text, const std::string &separator);
+
 /// Elements in use by pool, and pieces of memory by name; a pool that is gone is missing. Memory:
 /// what is allocated by name, encoded records, lists of the store.
 std::map<std::string, uint64_t> in_use();
