@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <future>
@@ -231,6 +232,17 @@ TEST(Output, LosesEventsAtTheBoundAndSaysHowMany) {
               ",\"event\":\"LOST\",\"count\":" + std::to_string(kLost) + '}');
   expect_line("result");
   expect_line(event(1 + kKept + kLost + 1));
+}
+
+TEST(Output, ClosesAtAnErrorAndKeepsNobodyWaiting) {
+  std::promise<void> woken;
+  output out(
+      false, [](std::string_view) { return ENOSPC; }, [&] { woken.set_value(); });
+  out.post({});
+  woken.get_future().wait();
+  EXPECT_EQ(out.error(), ENOSPC);
+  out.print("dropped\n");
+  out.flush();
 }
 
 // ---- Progress ----
