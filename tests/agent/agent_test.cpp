@@ -1,60 +1,69 @@
 // The agent as its operator sees it: the built program, its lines, its exit status.
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <fstream>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 
+#include "tests/agent/unix_socket.h"
+
 namespace {
 
 using nlohmann::json;
+using testing::IsSubstring;
 using strings = std::vector<std::string>;
 
-const std::string kExample = EXAMPLES "/two-vpns";
-const std::string kStart = "--json --config " + kExample + ".conf ";
+const std::string kPlace = testing::TempDir() + "agent_test_" + std::to_string(getpid());
+const std::string kConfig = kPlace + ".conf", kSocket = kPlace + ".sock";
+const std::string kRun = "cd '" EXAMPLES "'; exec '" AGENT "' ";
+const std::string kReplay = "--config two-vpns.conf --replay two-vpns.bmp";
+
+std::string read_to(FILE *from, char last) {
+  std::string text;
+  for (int c; (c = getc(from)) != EOF && c != last;) text += static_cast<char>(c);
+  return text;
+}
 
 /// The agent with its input in a file; its output and its errors are read as one.
 class child {
  public:
   explicit child(const std::string &arguments, const std::string &input = "") {
     std::ofstream(input_) << input;
-    const std::string shell = "echo $$; exec '" AGENT "' " + arguments + " 2>&1 <" + input_;
-    lines_ = popen(shell.c_str(), "r");
+    lines_ = popen(("echo $$; " + kRun + arguments + " 2>&1 <" + input_).c_str(), "r");
     pid_ = std::stoi(line());
   }
   ~child() {
-    if (lines_ != nullptr) kill(pid_, SIGKILL), end();
+    if (lines_ != nullptr) end(SIGKILL);
     unlink(input_.c_str());
   }
-  std::string line(char last = '\n') {
-    std::string text;
-    for (int c; (c = getc(lines_)) != EOF && c != last;) text += static_cast<char>(c);
-    return text;
+  std::string line() { return read_to(lines_, '\n'); }
+  std::string rest() { return read_to(lines_, '\0'); }
+  /// Reads up to the line that holds `part`, and gives what follows it.
+  std::string after(const std::string &part) {
+    for (std::string text; !(text = line()).empty();)
+      if (const size_t at = text.find(part); at != text.npos) return text.substr(at + part.size());
+    ADD_FAILURE() << "no " << part;
+    return {};
   }
-  std::string rest() { return line('\0'); }
-  void terminate(int by = SIGTERM) { kill(pid_, by); }
+  void signal(int number) { kill(pid_, number); }
   /// Stops reading, and gives the exit status.
-  int end() {
+  int end(int by = 0) {
+    signal(by);
     const int status = pclose(std::exchange(lines_, nullptr));
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
  private:
   static inline int count_ = 0;
-  const std::string input_ = testing::TempDir() + "agent_test_" + std::to_string(getpid()) + '_' +
-                             std::to_string(++count_);
+  const std::string input_ = kPlace + '_' + std::to_string(++count_);
   FILE *lines_ = nullptr;
   pid_t pid_ = 0;
 };
@@ -68,27 +77,22 @@ std::string event_of(const json &line) {
 }
 
 TEST(Agent, TellsTheStoryOfTheExample) {
-  child agent(kStart + "--replay " + kExample +
-                  ".bmp --command='show vrfs' --command='route del 10.255.5.5/32'"
+  child agent("--json " + kReplay +
+                  " --command='show vrfs' --command='route del 10.255.5.5/32'"
                   " --command='rib restart' --command='show nexthops'"
-                  " --command='show nexthops CUST-B' --command='show nexthop 10.255.1.1'"
-                  " --command='show prefix 10.255.2.2' --command='show sessions'",
-              "resend 2\nshow pools\nhelp\nshow config\nunwatch 1\nunwatch 2\nshow vrfs");
+                  " --command='show nexthops CUST-B' --command='show nexthop 10.255.1.1'",
+              "resend 2\nshow pools\nshow config\nunwatch 1\nunwatch 2\nshow vrfs");
   strings events;
-  std::map<std::string, json> shows;
+  std::vector<json> shows;
   uint64_t seq = 0;
   std::istringstream lines(agent.rest());
   for (std::string text; std::getline(lines, text);) {
     const json line = json::parse(text);
-    EXPECT_EQ(line["schema"], 1);
     if (line.contains("show")) {
-      const std::string vrf = line.value("vrf", json()).is_string() ? " of a VRF" : "";
-      const auto &shown = *shows.emplace(line["show"].get<std::string>() + vrf, line).first;
-      EXPECT_EQ(shown.second, line) << "also while nobody watches";
+      shows.push_back(line);
       continue;
     }
     EXPECT_EQ(line["seq"], ++seq);
-    EXPECT_EQ(line["time"].get<std::string>().size(), strlen("2026-11-24T19:30:00.123Z"));
     events.push_back(event_of(line));
   }
   EXPECT_EQ(agent.end(), 0);
@@ -102,11 +106,13 @@ TEST(Agent, TellsTheStoryOfTheExample) {
                      "REMOVE 1 10.255.5.5 10.255.5.5/32", "ADD 2 10.255.1.1 10.255.1.1/32 CUST-A",
                      "ADD 2 10.255.2.2 10.255.2.0/24 CUST-A",
                      "ADD 2 10.255.3.3 10.255.3.3/32 CUST-A", "RESEND_END 2 CUST-A"}));
-  EXPECT_EQ(shows["vrfs"]["vrfs"], json::parse(R"([
+  ASSERT_EQ(shows.size(), 7u);
+  EXPECT_EQ(shows[6], shows[0]) << "while nobody watches";
+  EXPECT_EQ(shows[0]["vrfs"], json::parse(R"([
       {"vrf":"CUST-A","table":101,"import":["65000:1"],"routes":5,"nexthops":3},
       {"vrf":"CUST-B","table":102,"import":["10.255.1.1:7","4200000002:9"],
        "routes":3,"nexthops":3}])"));
-  EXPECT_EQ(shows["nexthops"]["nexthops"], json::parse(R"([
+  EXPECT_EQ(shows[1]["nexthops"], json::parse(R"([
       {"nexthop":"10.255.1.1","reachable":true,"prefix":"10.255.1.1/32",
        "vrfs":[{"vrf":"CUST-A","routes":2},{"vrf":"CUST-B","routes":1}]},
       {"nexthop":"10.255.2.2","reachable":true,"prefix":"10.255.2.0/24",
@@ -115,68 +121,45 @@ TEST(Agent, TellsTheStoryOfTheExample) {
        "vrfs":[{"vrf":"CUST-A","routes":1},{"vrf":"CUST-B","routes":1}]},
       {"nexthop":"10.255.5.5","reachable":false,"prefix":null,
        "vrfs":[{"vrf":"CUST-B","routes":1}]}])"));
-  EXPECT_EQ(shows["nexthops of a VRF"]["nexthops"][1], json::parse(R"(
+  EXPECT_EQ(shows[2]["nexthops"].size(), 3u);
+  EXPECT_EQ(shows[2]["nexthops"][1], json::parse(R"(
       {"nexthop":"10.255.3.3","reachable":true,"prefix":"10.255.3.3/32",
        "vrfs":[{"vrf":"CUST-B","routes":1}]})"));
-  EXPECT_EQ(shows["nexthops of a VRF"]["nexthops"].size(), 3u);
-  EXPECT_EQ(shows["nexthop"], json::parse(R"({"schema":1,"show":"nexthop","nexthop":"10.255.1.1",
-      "vrfs":[{"vrf":"CUST-A","routes":2},{"vrf":"CUST-B","routes":1}]})"));
-  EXPECT_EQ(shows["prefix"], json::parse(R"({"schema":1,"show":"prefix","nexthop":"10.255.2.2",
-      "record":{"TargetAddress":"10.255.2.0","TargetMask":24}})"));
-  EXPECT_EQ(shows["sessions"]["sessions"][0]["malformed"], json::object());
-  EXPECT_EQ(shows["config"]["commands"].size(), 9u);
-  EXPECT_FALSE(shows["pools"]["pools"].empty());
-  EXPECT_FALSE(shows["help"]["help"].empty());
+  EXPECT_EQ(shows[3]["vrfs"], shows[1]["nexthops"][0]["vrfs"]);
+  EXPECT_FALSE(shows[4]["pools"].empty());
+  EXPECT_EQ(shows[5]["commands"].size(), 9u);
 }
 
-const std::string kConfig = testing::TempDir() + "agent_test_" + std::to_string(getpid()) + ".conf";
 const std::string kConfigured = "--command help --config " + kConfig;
-const std::string kReplay = "--config " + kExample + ".conf --replay " + kExample + ".bmp";
+const std::string kCheck = "--check-config " + kConfig;
 const char *const kTwoWrong = "watch 1\nvrf ad A\n\nwatch x\n";
 
 const struct {
   std::string arguments, input;
   int status;
-  std::string error;       ///< a part of what is told
+  std::string told;        ///< a part of it
   const char *start = "";  ///< the start-up file; when it is wrong, nothing runs
 } kRefusals[] = {
     {"--view best", "", 2, "tarvo-agent: --view: 'best' is not loc-rib"},
     {"--config /nonexistent", "", 1, "/nonexistent: No such file"},
-    {"--replay /nonexistent", "", 1, "/nonexistent: No such file"},
-    {"--replay /nonexistent --listen 0", "vrf del A\nquit", 1, "no VRF 'A'"},
-    {"", std::string("route add 10.0.0.0\0x/8", 22), 1, "expected a prefix"},
-    {"--listen 127.0.0.1:x", "", 2,
-     "tarvo-agent: --listen: 'x' is no port from 0 to 65535; --help"},
+    {"--replay /nonexistent --listen 0", "quit", 1, "/nonexistent: No such file"},
+    {"--listen 127.0.0.1:x", "", 2, "--listen: 'x' is no port from 0 to 65535; --help"},
     {"--idle -1", "", 2, "tarvo-agent: --idle: '-1' is no number of seconds"},
     {"--config a --config b", "", 2, "tarvo-agent: --config: given twice"},
     {"--json=x", "", 2, "tarvo-agent: a flag takes no value: --json = x"},
     {"--replay", "", 2, "tarvo-agent: --replay: its value is missing"},
-    {"--command watch", "\nquit", 1, "--command 'watch': column 6: expected a number"},
+    {"--command watch", "quit", 1, "--command 'watch': column 6: expected a number"},
     {"", "watch 1\nwatch 1\nquit", 1, "standard input:2:7: client 1 watches already"},
-    {"", "vrf del A", 1, "no VRF 'A'"},
-    {"", "watch 1 A\nresend 1 B", 1, "watches 'A', not 'B'"},
-    {"", "route del 1.0.0.0/8", 1, "not added here"},
-    {"", "show nexthops A", 1, "no VRF 'A'"},
-    {"", "show nexthops", 1, "standard input:1:1: discovery is inactive: no client watches"},
-    {"--json", "watch 1\nshow it", 1, R"({"schema":1,"error":"expected 'vrfs',)"},
-    {"--json", "watch 1 A", 0, R"({"schema":1,"note":"no VRF 'A' yet"})"},
+    {"", std::string(70000, 'x') + "\nquit", 1, "standard input:1:65537: the line has more than"},
+    {"--json", "show nexthops", 1, R"({"schema":1,"error":"discovery is inactive: no client)"},
     {"", "watch 1 A", 0, "\nno VRF 'A' yet\n"},
-    {"", "show state", 1, "discovery is inactive: no client watches"},
-    {"", "show prefix 10.1.2.3", 1, "discovery is inactive: no client watches"},
     {"", "watch 1\nshow nexthops", 0, "NEXT HOP  COVERING PREFIX  VRF  ROUTES\n"},
     {"", "watch 1\nshow prefix 10.1.2.3", 1, "no next hop 10.1.2.3"},
-    {kReplay, "show prefix 10.255.2.2", 0, "> show prefix 10.255.2.2\n10.255.2.0/24\n"},
-    {kReplay, "show nexthop 10.255.1.1", 0, "\nVRF     ROUTES\nCUST-A       2\nCUST-B       1\n"},
-    {"", std::string(70000, 'x') + "\nquit", 1, "standard input:1:65537: the line has more than"},
-    {kConfigured, "", 1, kConfig + ":2:5: expected", kTwoWrong},
     {kConfigured, "", 1, kConfig + ":4:7: expected", kTwoWrong},
-    {kConfigured, "", 1, kConfig + ":2:11: route 1.0.0.0/8",
-     "route add 1.0.0.0/8\nroute add 1.0.0.0/8"},
-    {"--check-config " + kConfig, "", 1, kConfig + ":4:7: expected", kTwoWrong},
-    {"--check-config " + kConfig, "", 0, "", "watch 1\nquit\nwatch 1"},
-    {"--check-config " + kConfig, "", 0, kConfig + ":2:9: note: no line adds VRF 'B'",
-     "watch 1 A\nwatch 2 B\nvrf add A table 1 import 1:1"},
-    {"--check-config " + kConfig + " --listen 0", "", 2, "can't go with"},
+    {kCheck, "", 1, kConfig + ":4:7: expected", kTwoWrong},
+    {kCheck, "", 0, kConfig + ":3:9: note: no line adds VRF 'B'",
+     "watch 1\nwatch 2 A\nwatch 3 B\nvrf add A table 1 import 1:1"},
+    {kCheck + " --listen 0", "", 2, "can't go with"},
     {"--check-config /", "", 1, "/: Is a directory"},
     {"--check-config ''", "", 2, "--check-config: no name"},
     {"--connect /nonexistent", "", 1, "control socket /nonexistent: No such file"},
@@ -193,38 +176,36 @@ TEST(Agent, RefusesAndGoesOn) {
     std::ofstream(kConfig) << row.start;
     child agent(row.arguments, row.input);
     const std::string told = agent.rest();
-    EXPECT_NE(told.find(row.error), std::string::npos) << row.error << "\n" << told;
-    EXPECT_EQ(agent.end(), row.status) << row.error;
-    EXPECT_TRUE(!row.input.ends_with("\nquit") || told.find("> quit") != std::string::npos);
-    EXPECT_TRUE(*row.start == 0 || told.find("> help") == std::string::npos) << told;
+    EXPECT_PRED_FORMAT2(IsSubstring, row.told, told);
+    EXPECT_EQ(agent.end(), row.status) << row.told;
+    EXPECT_TRUE(!row.input.ends_with("quit") || told.find("> quit") != told.npos) << told;
+    EXPECT_TRUE(*row.start == 0 || told.find("> help") == told.npos) << told;
   }
   unlink(kConfig.c_str());
 }
 
+/// What the pattern's group matches, line by line, sorted.
+strings all_of(const std::string &text, const char *pattern) {
+  const std::regex each(pattern, std::regex::multiline);
+  strings found{std::sregex_token_iterator(text.begin(), text.end(), each, 1), {}};
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 TEST(Agent, LearnsFromARouterUntilItIsGone) {
-  child agent(kStart + "--listen 0");
-  const auto read_until = [&](const std::string &part) {
-    std::string line;
-    do line = agent.line();
-    while (!line.empty() && line.find(part) == std::string::npos);
-    EXPECT_NE(line, "") << "no " << part;
-    return line;
-  };
-  const std::string listening = read_until("listening on ");
-  read_until("standard input is at its end");
-  const std::string port = listening.substr(listening.rfind(':') + 1);
-  const std::string shell = "cat " + kExample + ".bmp - >/dev/tcp/127.0.0.1/" + port;
+  child agent("--json --config two-vpns.conf --listen 0");
+  const std::string port = agent.after("listening on 127.0.0.1:");
+  agent.after("standard input is at its end");
+  const std::string shell = "cat " EXAMPLES "/two-vpns.bmp - >/dev/tcp/127.0.0.1/" + port;
   FILE *router = popen(("exec bash -c '" + shell + "'").c_str(), "w");
-  read_until(": connected");
-  read_until("\"REMOVE\"");
+  agent.after(": connected");
+  agent.after("\"REMOVE\"");
   pclose(router);
-  strings last;
-  for (int i = 0; i < 8; ++i) last.push_back(agent.line());
-  const auto removes = [](const std::string &line) { return line.find("REMOVE") != line.npos; };
-  EXPECT_EQ(std::ranges::count_if(last, removes), 7) << "four PEs of client 1, three of client 2";
-  const auto told = std::ranges::find_if_not(last, removes);
-  EXPECT_TRUE(told != last.end() && told->ends_with(": ended, 48 messages"));
-  agent.terminate(SIGHUP);
+  std::string last;
+  for (int i = 0; i < 8; ++i) last += agent.line() + '\n';
+  EXPECT_EQ(all_of(last, "(REMOVE)").size(), 7u) << "four PEs of client 1, three of client 2";
+  EXPECT_PRED_FORMAT2(IsSubstring, ": ended, 48 messages\n", last);
+  agent.signal(SIGHUP);
   EXPECT_EQ(agent.rest(), "tarvo-agent: ended by SIGHUP\n");
   EXPECT_EQ(agent.end(), 0);
 }
@@ -236,82 +217,50 @@ TEST(Agent, EndsWhenItsReaderLeaves) {
   EXPECT_EQ(child("--listen 0", input).end(), 0);
 }
 
-/// Reads the agent's output up to the line that holds `part`, and gives what follows it.
-std::string after(child &agent, const std::string &part) {
-  for (std::string line; !(line = agent.line()).empty();)
-    if (const size_t at = line.find(part); at != std::string::npos)
-      return line.substr(at + part.size());
-  ADD_FAILURE() << "no " << part;
-  return {};
-}
-
-std::string read_file(const std::string &path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 TEST(Agent, TakesCommandsOnItsControlSocket) {
-  const std::string socket = kConfig + ".sock", connect = "--connect " + socket + ' ';
-  child agent(kReplay + " --control " + socket);
-  after(agent, "standard input is at its end");
-  std::string import, listed;
-  for (int i = 0; import.size() < 40000; ++i) {
-    const std::string target = "1:" + std::to_string(i);
-    import += ' ' + target, listed += '"' + target + "\",";
-  }
-  listed.pop_back();
+  const std::string connect = "--connect " + kSocket + ' ';
+  child agent(kReplay + " --control " + kSocket);
+  agent.after("standard input is at its end");
+  std::string imports;
+  for (int i = 0; imports.size() < 40000; ++i) imports += " 1:" + std::to_string(i);
+  const std::string added = "vrf add C table 9 import" + imports;
+  EXPECT_PRED_FORMAT2(IsSubstring, " 9 " + imports + "       0          0\n",
+                      child(connect, added + "\nshow vrfs\nvrf del C").rest());
   const struct {
-    std::string arguments, input, told;
+    std::string arguments, input;
     int status;
+    std::string told;
   } rows[] = {
-      {"--json --command quit --command 'show it'", "", "", 0},
-      {"--json", "vrf add C table 9 import" + import + "\nshow vrfs\nvrf del C",
-       R"({"schema":1,"show":"vrfs","vrfs":[)"
-       R"({"vrf":"CUST-A","table":101,"import":["65000:1"],"routes":5,"nexthops":3},)"
-       R"({"vrf":"CUST-B","table":102,"import":["10.255.1.1:7","4200000002:9"],"routes":3,"nexthops":3},)"
-       R"({"vrf":"C","table":9,"import":[)" +
-           listed + "],\"routes\":0,\"nexthops\":0}]}\n",
-       0},
-      {"--command 'show prefix 10.255.2.2'", "", "10.255.2.0/24\n", 0},
-      {"", "unwatch 2\n# nothing\nunwatch 2\nshow nexthop 10.255.2.2\nquit\nshow it",
-       "tarvo-agent: standard input:3:9: client 2 does not watch\nVRF     ROUTES\nCUST-A       2\n",
-       1},
-      {"--json --command 'show it' --command 'show prefix 10.255.2.2'", "",
-       "tarvo-agent: --command 'show it': column 6: expected 'vrfs', 'nexthops', 'nexthop', "
-       "'prefix', 'state', 'sessions', 'pools' or 'config', not 'it'\n"
-       R"({"schema":1,"error":"expected 'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', )"
-       R"('sessions', 'pools' or 'config', not 'it'","column":6})"
+      {"--json --command quit --command 'show it'", "", 0, ""},
+      {"--command 'show prefix 10.255.2.2'", "", 0, "10.255.2.0/24\n"},
+      {"", "unwatch 2\n# nothing\nunwatch 2\nshow nexthop 10.255.2.2\nquit\nshow it", 1,
+       "tarvo-agent: standard input:3:9: client 2 does not watch\nVRF     ROUTES\nCUST-A       "
+       "2\n"},
+      {"--json --command 'vrf' --command 'show prefix 10.255.2.2'", "", 1,
+       "tarvo-agent: --command 'vrf': column 4: expected 'add' or 'del' at the end\n"
+       R"({"schema":1,"error":"expected 'add' or 'del' at the end","column":4})"
        "\n"
-       "{\"schema\":1,\"show\":\"prefix\",\"nexthop\":\"10.255.2.2\",\"record\":"
-       "{\"TargetMask\":24,\"TargetAddress\":\"10.255.2.0\"}}\n",
-       1},
-      {"--command 'explain 10.255.2.2 CUST-B'", "",
+       R"({"schema":1,"show":"prefix","nexthop":"10.255.2.2",)"
+       R"("record":{"TargetMask":24,"TargetAddress":"10.255.2.0"}})"
+       "\n"},
+      {"--command 'explain 10.255.2.2 CUST-B'", "", 0,
        "10.255.2.2: reachable through the global route 10.255.2.0/24; last reported * s ago\n"
        "VRF     COUNT  ROUTES  THE NEXT SWEEP\n"
        "CUST-B      -       0  has nothing to do: no route of the VRF has this next hop\n"
-       "RD         PREFIX       TARGETS  IMPORTED BY      SESSION" +
-           std::string(kExample.size() + 7, ' ') + "PEER     VIEW\n" +
-           "65000:102  10.1.3.0/24  65000:1  CUST-A(65000:1)  " + kExample +
-           ".bmp (GoBGP)  loc-rib  loc-rib\n"
-           "65000:102  10.1.4.0/24  65000:1  CUST-A(65000:1)  " +
-           kExample + ".bmp (GoBGP)  loc-rib  loc-rib\n",
-       0},
+       "RD         PREFIX       TARGETS  IMPORTED BY      SESSION               PEER     VIEW\n"
+       "65000:102  10.1.3.0/24  65000:1  CUST-A(65000:1)  two-vpns.bmp (GoBGP)  loc-rib  loc-rib\n"
+       "65000:102  10.1.4.0/24  65000:1  CUST-A(65000:1)  two-vpns.bmp (GoBGP)  loc-rib  "
+       "loc-rib\n"},
   };
   for (const auto &row : rows) {
     child client(connect + row.arguments, row.input);
-    const std::string told =
-        std::regex_replace(client.rest(), std::regex(R"(\d+ s ago)"), "* s ago");
-    EXPECT_EQ(told, row.told) << row.arguments;
+    const std::string told = client.rest();
+    EXPECT_EQ(std::regex_replace(told, std::regex(R"(\d+ s ago)"), "* s ago"), row.told);
     EXPECT_EQ(client.end(), row.status) << row.arguments;
   }
   EXPECT_EQ(child(connect, "route del 10.255.1.1/32\nrib restart").end(), 0);
-  EXPECT_NE(after(agent, "client 1     REMOVE      10.255.1.1"), "")
-      << "an event of the agent's own";
-  agent.terminate();
-  agent.rest();
-  EXPECT_EQ(agent.end(), 0);
-  EXPECT_NE(access(socket.c_str(), F_OK), 0);
+  agent.after("client 1     REMOVE      10.255.1.1");
+  EXPECT_EQ(agent.end(SIGTERM), 0);
 }
 
 /// The program with a terminal at its ends.
@@ -321,7 +270,7 @@ class terminal {
     pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
     if (pid_ != 0) return;
     setenv("TERM", "xterm", 1);
-    execl("/bin/sh", "sh", "-c", ("exec '" AGENT "' " + arguments).c_str(), nullptr);
+    execl("/bin/sh", "sh", "-c", (kRun + arguments).c_str(), nullptr);
     _exit(127);
   }
   void type(const std::string &keys) {
@@ -349,15 +298,14 @@ class terminal {
 };
 
 TEST(Agent, PromptsOnATerminal) {
-  const std::string socket = kConfig + ".sock";
-  child agent(kReplay + " --control " + socket);
-  after(agent, "standard input is at its end");
+  child agent(kReplay + " --control " + kSocket);
+  agent.after("standard input is at its end");
   const struct {
     std::string arguments, key;
     int status;
   } rows[] = {
-      {"--connect " + socket, "\x04", 0},
-      {"--connect " + socket, "\x03", -SIGINT},
+      {"--connect " + kSocket, "\x04", 0},
+      {"--connect " + kSocket, "\x03", -SIGINT},
       {kReplay, "\x04", 0},
       {kReplay, "\x03", 0},
   };
@@ -376,163 +324,126 @@ TEST(Agent, PromptsOnATerminal) {
   }
 }
 
-std::string ask_http(const std::string &port, const std::string &request) {
-  const std::string shell =
-      "exec 3<>/dev/tcp/127.0.0.1/" + port + "; printf '" + request +
-      " HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n' >&3; cat <&3";
-  FILE *answer = popen(("exec bash -c \"" + shell + '"').c_str(), "r");
-  std::string text;
-  for (int c; (c = getc(answer)) != EOF;) text += static_cast<char>(c);
-  pclose(answer);
+/// What bash prints, which can connect by itself.
+std::string bash(const std::string &script) {
+  FILE *told = popen(("exec bash -c '" + script + "'").c_str(), "r");
+  const std::string text = read_to(told, '\0');
+  pclose(told);
   return text;
+}
+
+std::string ask_http(const std::string &port, const std::string &request) {
+  return bash("exec 3<>/dev/tcp/127.0.0.1/" + port + "; printf \"" + request +
+              " HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n\" >&3; cat <&3");
+}
+
+std::string read_file(const std::string &path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
 }
 
 // The page has the metrics that docs/metrics.md describes, and no others.
 TEST(Agent, ShowsItsMetricsAndNothingElse) {
   child agent(kReplay + " --metrics 0 --command 'route del 10.255.3.3/32' --command 'rib restart'");
-  const std::string port = after(agent, "metrics on 127.0.0.1:");
-  after(agent, "standard input is at its end");
-  child idle("--metrics 0");
-  const std::string other = after(idle, "metrics on 127.0.0.1:");
-  const std::string inactive = ask_http(other, "GET /metrics");
-  EXPECT_NE(inactive.find("\ntarvo_discovery_active 0\n"), std::string::npos) << inactive;
-  EXPECT_EQ(inactive.find("tarvo_vrf_pes{"), std::string::npos);
-  const sockaddr_in to{AF_INET, htons(uint16_t(std::stoi(other))), {htonl(INADDR_LOOPBACK)}, {}};
-  const timeval patience{5, 0};
-  int last = -1;
-  for (int i = 0; i < 17; ++i) {  // one too many; they end with the test
-    last = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    setsockopt(last, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
-    EXPECT_EQ(connect(last, reinterpret_cast<const sockaddr *>(&to), sizeof to), 0);
-  }
-  char byte;
-  EXPECT_TRUE(read(last, &byte, 1) == 0 || errno == ECONNRESET);
-  for (const char *refused : {"POST /metrics", "PUT /metrics"})
-    EXPECT_TRUE(ask_http(port, refused).starts_with("HTTP/1.1 405 "));
+  const std::string port = agent.after("metrics on 127.0.0.1:");
+  agent.after("standard input is at its end");
+  EXPECT_TRUE(ask_http(port, "POST /metrics").starts_with("HTTP/1.1 405 "));
   EXPECT_TRUE(ask_http(port, "GET /").starts_with("HTTP/1.1 404 "));
-  const std::string head = ask_http(port, "HEAD /metrics"), page = ask_http(port, "GET /metrics");
+  const std::string head = ask_http(port, "HEAD /metrics");
   EXPECT_TRUE(head.starts_with("HTTP/1.1 200 ") && head.ends_with("\r\n\r\n")) << head;
+  std::string page = ask_http(port, "GET /metrics");
   for (const char *line :
        {"tarvo_discovery_active 1", "tarvo_vrf_pes{vrf=\"CUST-A\"} 3",
         "tarvo_vrf_reachable_pes{vrf=\"CUST-B\"} 2", "tarvo_vrf_routes{vrf=\"CUST-A\"} 5",
         "tarvo_bmp_messages_total 48", "tarvo_bmp_sessions_opened_total 1", "tarvo_rib_paths 8",
         "tarvo_notifications_total 13", "tarvo_requests_queued 0",
         "tarvo_notifications_lost_total 0"})
-    EXPECT_NE(page.find(std::string("\n") + line + '\n'), std::string::npos) << line << page;
+    EXPECT_PRED_FORMAT2(IsSubstring, std::string("\n") + line + '\n', page);
+  EXPECT_EQ(page.find("tarvo_pool_bytes{pool=\"PE Discovery workQ Chunk\"} 0\n"), page.npos);
 
-  EXPECT_EQ(page.find("tarvo_pool_bytes{pool=\"PE Discovery workQ Chunk\"} 0\n"),
-            std::string::npos);
-
-  std::istringstream lines(page);
-  std::string described, text;
-  std::map<std::string, std::string> help, label;
-  strings order;
-  while (std::getline(lines, text)) {
-    std::istringstream words(text);
-    std::string mark, kind, name, rest;
-    if (text.starts_with("# ")) {
-      words >> mark >> kind >> name >> std::ws, std::getline(words, rest);
-      if (kind == "HELP") order.push_back(name), help[name] = rest;
-      if (kind == "TYPE") help[name] = rest + " | $ | " + help[name];
-    } else if (const size_t brace = text.find('{'); brace != std::string::npos) {
-      label[text.substr(0, brace)] = text.substr(brace + 1, text.find('=') - brace - 1);
-    }
-  }
-  label["tarvo_bmp_malformed_total"] = "kind";  // there are none
-  for (const std::string &name : order) {
-    std::string row = "| `" + name + "` | " + help[name] + " |\n";
-    described += row.replace(row.find('$'), 1, label[name]);
-  }
+  const std::string none = "# TYPE tarvo_bmp_malformed_total counter\n";
+  page.insert(page.find(none + '#') + none.size(), "tarvo_bmp_malformed_total{kind=");
+  const std::regex metric("# HELP (\\S+) (.*)\n# TYPE \\S+ (\\S+)\n(\\S+\\{(\\w+)=)?");
   const std::string docs = read_file(EXAMPLES "/../docs/metrics.md");
-  EXPECT_EQ(docs.substr(docs.find("|---|---|---|---|\n") + 18), described);
+  EXPECT_EQ(docs.substr(docs.find("|---|---|---|---|\n") + 18),
+            std::regex_replace(page, metric, "| `$1` | $3 | $5 | $2 |\n",
+                               std::regex_constants::format_no_copy));
+}
+
+TEST(Agent, BoundsItsMetricsConnections) {
+  child agent("--metrics 0");
+  const std::string port = agent.after("metrics on 127.0.0.1:");
+  const std::string inactive = ask_http(port, "GET /metrics");
+  EXPECT_PRED_FORMAT2(IsSubstring, "\ntarvo_discovery_active 0\n", inactive);
+  EXPECT_PRED_FORMAT2(testing::IsNotSubstring, "tarvo_vrf_pes{", inactive);
+  // One too many is closed at once: the status is not that of a time-out.
+  EXPECT_EQ(bash("for i in {1..17}; do exec {to}<>/dev/tcp/127.0.0.1/" + port +
+                 "; done; read -t 5 -u $to; echo $?"),
+            "1\n");
 }
 
 TEST(Agent, CanBeLookedAtWhileItReplays) {
-  const std::string recording = kConfig + ".bmp", socket = kConfig + ".sock";
+  const std::string recording = kPlace + ".bmp";
   ASSERT_EQ(mkfifo(recording.c_str(), 0600), 0);
   for (const bool whole : {true, false}) {
-    child agent("--config " + kExample + ".conf --replay " + recording + " --control " + socket +
-                " --metrics 0");
-    const std::string port = after(agent, "metrics on 127.0.0.1:");
+    child agent("--config two-vpns.conf --replay " + recording + " --metrics 0 --control " +
+                kSocket);
+    const std::string port = agent.after("metrics on 127.0.0.1:");
     if (whole) {
       std::ofstream writer(recording);
-      writer << read_file(kExample + ".bmp") << std::flush;
-      const std::string shown = child("--json --connect " + socket, "show sessions").rest();
-      EXPECT_NE(shown.find("\"messages\":48,"), std::string::npos) << shown;
-      EXPECT_NE(ask_http(port, "GET /metrics").find("\ntarvo_bmp_messages_total 48\n"),
-                std::string::npos);
+      writer << read_file(EXAMPLES "/two-vpns.bmp") << std::flush;
+      EXPECT_PRED_FORMAT2(IsSubstring, "\"messages\":48,",
+                          child("--json --connect " + kSocket, "show sessions").rest());
+      EXPECT_PRED_FORMAT2(IsSubstring, "\ntarvo_bmp_messages_total 48\n",
+                          ask_http(port, "GET /metrics"));
       writer.close();
-      after(agent, "standard input is at its end");
+      agent.after("standard input is at its end");
     }
-    agent.terminate();
+    agent.signal(SIGTERM);
     const std::string told = agent.rest();
-    EXPECT_EQ(told.find(recording + ": not read to its end") == std::string::npos, whole) << told;
+    EXPECT_EQ(told.find(recording + ": not read to its end") == told.npos, whole) << told;
     EXPECT_EQ(agent.end(), whole ? 0 : 1);
-    EXPECT_NE(access(socket.c_str(), F_OK), 0);
+    EXPECT_NE(access(kSocket.c_str(), F_OK), 0);
   }
   unlink(recording.c_str());
 }
 
 // All that is told to a service manager: ready once it listens, fed whether or not anybody watches.
 TEST(Agent, TellsItsServiceManager) {
-  const std::string path = kConfig + ".notify";
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof address.sun_path - 1);
-  const int manager = socket(AF_UNIX, SOCK_DGRAM, 0);
-  ASSERT_EQ(bind(manager, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-  const auto told = [manager] {
-    char text[200];
-    const ssize_t size = recv(manager, text, sizeof text, 0);
-    return std::string(text, size > 0 ? size_t(size) : 0);
-  };
-  setenv("NOTIFY_SOCKET", path.c_str(), 1), setenv("WATCHDOG_USEC", "30000", 1);
+  setenv("WATCHDOG_USEC", "30000", 1);
   for (const std::string &start : {kReplay + " --listen 0", std::string("--listen 0")}) {
+    const bool replays = start.starts_with(kReplay);
+    const std::string name = (replays ? "" : "@") + kPlace + ".notify";
+    const agent::descriptor manager = agent::unix_socket(SOCK_DGRAM, bind, name);
+    setenv("NOTIFY_SOCKET", name.c_str(), 1);
     child agent(start);
-    if (start != "--listen 0") {
-      EXPECT_EQ(told(), "STATUS=reading " + kExample + ".bmp");
+    if (replays) {
+      EXPECT_EQ(received(manager), "STATUS=reading two-vpns.bmp");
     }
-    EXPECT_TRUE(told().starts_with("READY=1\nSTATUS=")) << start;
-    for (int fed = 0; fed < 3; ++fed) EXPECT_EQ(told(), "WATCHDOG=1");
-    after(agent, "standard input is at its end");
-    agent.terminate();
-    std::string last = told();
-    while (last == "WATCHDOG=1") last = told();
+    EXPECT_TRUE(received(manager).starts_with("READY=1\nSTATUS=")) << start;
+    for (int fed = 0; fed < 3; ++fed) EXPECT_EQ(received(manager), "WATCHDOG=1");
+    agent.after("standard input is at its end");
+    agent.signal(SIGTERM);
+    std::string last = "WATCHDOG=1";
+    while (last == "WATCHDOG=1") last = received(manager);
     EXPECT_EQ(last, "STOPPING=1");
-    agent.rest();
     EXPECT_EQ(agent.end(), 0);
+    unlink(name.c_str());
   }
   unsetenv("NOTIFY_SOCKET"), unsetenv("WATCHDOG_USEC");
-  close(manager);
-  unlink(path.c_str());
-}
-
-/// What begins these lines, after their marks and up to where a part of `until` begins, sorted.
-strings heads(const std::string &text, const std::string &mark, const strings &untils) {
-  strings found;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.starts_with(mark)) continue;
-    line.erase(0, mark.size());
-    for (const std::string &until : untils) line = line.substr(0, line.find(until));
-    found.push_back(line);
-  }
-  std::sort(found.begin(), found.end());
-  return found;
 }
 
 TEST(Agent, ManualPageHasTheOptionsAndCommandsThatThereAre) {
   const std::string page = read_file(EXAMPLES "/../docs/tarvo-agent.8");
-  const std::string help = child("--help").rest();
-  strings options = heads(help, "  --", {" "}), commands;
+  const strings options = all_of(child("--help").rest(), "^  --([a-z-]+)");
   EXPECT_GT(options.size(), 10u);
-  strings described = heads(page, ".It Fl -", {" "});
-  EXPECT_EQ(described, options);
-  child agent("--json --command help");
-  const json shown = json::parse(agent.line());
-  for (const json &form : shown["help"]) commands.push_back(form["syntax"]);
+  EXPECT_EQ(all_of(page, "^\\.It Fl -([a-z-]+)"), options);
+  const json help = json::parse(child("--json --command help").rest());
+  strings commands;
+  for (const json &form : help["help"]) commands.push_back(form["syntax"]);
   std::sort(commands.begin(), commands.end());
-  EXPECT_EQ(heads(page, ".It Cm ", {}), commands);
+  EXPECT_EQ(all_of(page, "^\\.It Cm (.*)$"), commands);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The command grammar: every form, every kind of wrong line with its place, and completion.
+// The command grammar: every kind of word, every kind of wrong line with its place, and completion.
 #include "agent/command.h"
 
 #include <arpa/inet.h>
@@ -33,24 +33,9 @@ const struct {
     {"watch 2 CUST-A", verb::watch, "CUST-A", 2},
     {"unwatch 0", verb::unwatch},
     {"watch 4294967294 \xc3\xa9\xf0\x9f\x90\x8c", verb::watch, "\xc3\xa9\xf0\x9f\x90\x8c", ~1u},
-    {"resend 2 CUST-A", verb::resend, "CUST-A", 2},
-    {"interval 7", verb::interval, "", 7},
+    {"interval 2147483647", verb::interval, "", 2147483647},
     {"rib restart", verb::rib_restart},
     {"explain 0.0.0.1 CUST-A", verb::explain, "CUST-A", 0, 0, 0, {}, htonl(1)},
-    {"show vrfs", verb::show_vrfs},
-    {"show nexthops CUST-A", verb::show_nexthops, "CUST-A"},
-    {"show nexthop 10.1.2.3", verb::show_nexthop, "", 0, 0, 0, {}, htonl(0x0a010203)},
-    {"show prefix 0.0.0.1", verb::show_prefix, "", 0, 0, 0, {}, htonl(1)},
-    {"show state", verb::show_state},
-    {"show sessions", verb::show_sessions},
-    {"show pools", verb::show_pools},
-    {"show config", verb::show_config},
-    {"trace on", verb::trace_on},
-    {"trace off", verb::trace_off},
-    {"json", verb::answer_json},
-    {"text", verb::answer_text},
-    {"help", verb::help},
-    {"quit", verb::quit},
 };
 
 TEST(Command, Reads) {
@@ -86,15 +71,15 @@ const struct {
     {"route add 10.255.1.1/24", 11, "without host bits"},
     {"route add 10.0.0.0/33", 11, "a prefix"},
     {"route add 10.0.0/8", 11, "a prefix"},
+    {std::string("route add 10.0.0.0\0x/8", 22), 11, "a prefix"},
     {"route del 10.0.0.0/8 now", 22, "expected the end of the line, not 'now'"},
     {"watch 7x", 7, "a number"},
-    {"watch -1", 7, "a number"},
     {"watch 1 A B", 11, "the end of the line"},
     {"show prefix 10.0.0.0/8", 13, "expected an IPv4 address"},
-    {"show", 5,
-     "'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions', 'pools' or 'config'"},
-    {"interval soon", 10, "seconds"},
+    {"show", 5, "'vrfs', 'nexthops', 'nexthop', 'prefix', 'state', 'sessions', 'pools' or "},
+    {"interval soon", 10, "seconds (1 to"},
     {"interval 0", 10, "seconds (1 to"},
+    {"interval 2147483648", 10, "seconds (1 to"},
     {"watch 4294967295", 7, "to 4294967294"},
     {std::string(100000, 'q'), 1, "..."},
 };
@@ -105,7 +90,7 @@ TEST(Command, SaysWhatIsWrongAndWhere) {
     const auto *error = std::get_if<command_error>(&result);
     ASSERT_NE(error, nullptr) << line;
     EXPECT_EQ(error->column, column) << line << ": " << error->text;
-    EXPECT_NE(error->text.find(expected), std::string::npos) << line << ": " << error->text;
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, expected, error->text);
     EXPECT_LT(error->text.size(), 300u);
   };
   for (const auto &row : kBad) expect_error(row.line, row.column, row.expected);

@@ -39,13 +39,8 @@ const struct row {
     {"show state", R"("show":"state","record":{"x":5}})", kState, 0, "\xa1\x61x\x05"},
     {"show nexthops", R"("reachable":false,"prefix":null)", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
     {"show prefix 10.0.0.1", "no route covers next hop", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
-    {"show nexthops",
-     R"("nexthops":[{"nexthop":"10.0.0.1",)",
-     kNhop,
-     0,
-     "",
-     0,
-     {"0x1/", "0x100000a/"}},  // the first one went meanwhile
+    // The first one went meanwhile.
+    {"show nexthops", R"(s":[{"nexthop":"10.0.0.1",)", kNhop, 0, "", 0, {"0x1/", "0x100000a/"}},
     {"show vrfs", R"("routes":110,"nexthops":22)", kVrf, 0, "\xa1\x6bPrefixCount\x05"},
     {"show nexthops", kNone, kNhop, TARVO_ODS_ERR_NOT_FOUND},
     {"show state", "code 0x40829000", kState, TARVO_ODS_ERR_ENCODE},
@@ -57,9 +52,7 @@ const struct row {
     {"show vrfs", "code 0x40820200", kVrf, ODS_ERR_NOMEM},
     {"show nexthop 10.0.0.1", "code 0x40820200", kVrf, ODS_ERR_NOMEM},
     {"show prefix 10.0.0.1", "code 0x40820200", kPrefix, ODS_ERR_NOMEM},
-    {"show state", kCantRead, kState, 0},
     {"show state", kCantRead, kState, 0, "\x05"},
-    {"show state", kCantRead, kState, 0, "\xa1\x61x"},
     {"show state", kCantRead, kState, 0, "\xa1\x61x\x05\x05"},
     {"show state", kCantRead, kState, 0, "\xa1\x61x\x05", 6},
     {"show state", kCantRead, kState, 0, "\xa1\x61x\x44once"},
@@ -68,13 +61,11 @@ const struct row {
     {"show nexthops", kCantRead, kPrefix, 0, "\xa1\x6dTargetAddress\xd8\x34\x44once"},
     {"show nexthops", kCantRead, kPrefix, 0, "\xa2\x6aTargetMask\x05\x6dTargetAddress\x05"},
     {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x61x\x05"},
-    {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x6bPrefixCount\xf5"},
     {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x6bPrefixCount\x05", 6},
     {"show nexthops", kCantRead, kNhop, 0},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1/", nullptr}},  // again and again
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x2/", "0x1/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x0/"}},
-    {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x12"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"001/"}},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1x/"}},
@@ -185,9 +176,8 @@ TEST(OperData, ListsPagesAndRefusesWrongAnswers) {
   for (const row &answer : kAnswers) {
     now = &answer;
     const std::string told = w.run(answer.command);
-    EXPECT_NE(told.find(answer.expected), std::string::npos)
-        << answer.command << ' ' << &answer - kAnswers << '\n'
-        << told;
+    EXPECT_PRED_FORMAT2(testing::IsSubstring, answer.expected, told)
+        << answer.command << ' ' << &answer - kAnswers;
   }
   now = nullptr;
 }
