@@ -45,6 +45,11 @@ inline bytes vpn(int length, uint32_t prefix, const bytes &labels = be(0x3e8001,
   return be(8 * labels.size() + 64 + static_cast<size_t>(length), 1) + labels +
          be(0x0000fde800000064, 8) + ip(length, prefix).substr(1);
 }
+inline bytes many_routes(uint32_t number) {
+  bytes many;
+  for (uint32_t i = 0; i < number; ++i) many += vpn(32, 0x0b000000 + i);
+  return many;
+}
 inline const bytes kPlain = vpn(24, 0x0a010100), kTwo = kPlain + vpn(32, 0x0a010201);
 inline const bytes kId7 = be(7, 4) + kPlain, kId8 = be(8, 4) + kPlain;
 inline const bytes kOrigin = attr(0x40, 1, be(0, 1)), kPath = attr(0x40, 2, be(0x02010000fde8, 6));
@@ -117,19 +122,10 @@ inline const bytes kGood = tell(kPlain), kToB = tell(kPlain, kLoc, kHop2, kTarge
 inline const bytes kNine1 = ip(24, 0x0a090100), kNine2 = ip(23, 0x0a090200),
                    kNine = ip(16, 0x0a090000);
 
-// One of everything, for the pre-policy view.
+// One of everything, for the pre-policy view; valid, and with what recordings may lack: AS_PATH
+// segments, a stack of labels, IPv4 unicast, a list of capabilities in the extended form, an
+// attribute with an extended length, a Peer Down.
 inline const bytes kStream =
-    kInitiation + up(1, 2, kPre) + tell(kId7 + be(8, 4) + vpn(32, 0x0a010201), kPre) +
-    learn(kNextHop + attr(0x80, 4, zeros(4)) + reach(hop(kHop2), kTwo) +
-              targets({kTargetB, kTargetC}),
-          "", kPre) +
-    take(kPlain, kPre) + learn(kNextHop, kNine, kPre) + tell(kPlain, kOther, kHop3, kTargetC) +
-    down(kOther) + down(kLoc) + tell(kPlain, kPre, kHop3, kTargetB);
-const char kStreamState[] = " A1*2 B2*1 B3*1 C2*1 10.9.0.0/16";
-
-// Valid, and of what recordings may lack: AS_PATH segments, a stack of labels, IPv4 unicast, a list
-// of capabilities in the extended form, an attribute with an extended length, a Peer Down.
-inline const bytes kRich =
     kInitiation + up(1, 2, kPre) + up(1, 0, kOther, true) +
     tell(kId7 + be(8, 4) + vpn(32, 0x0a010201), kPre) +
     learn(reach(hop(kHop2), be(9, 4) + vpn(20, 0x0a013000, kOpenLabel + be(0x3e8001, 3))) +
@@ -141,7 +137,9 @@ inline const bytes kRich =
     learn(kNextHop, kNine + kNine1, kOther) + learn(reach(be(kHop3, 4), kNine2, 1), "", kOther) +
     monitor(update("", "", kNine1), kOther) + take(kNine2, kOther, 1) +
     take(be(8, 4) + vpn(32, 0x0a010201, kLabel8), kPre) + tell(vpn(32, 1), kThird) + down(kThird);
-const char kRichState[] = " A1*1 B2*1 C2*1 C3*2 10.9.0.0/16";
+// And a route that lacks the path identifier that the OPENs promise.
+inline const bytes kDoubtful = kStream + tell(kPlain, kPre, kHop3, kTargetB);
+const char kStreamState[] = " A1*1 B2*1 C2*1 C3*2 10.9.0.0/16";
 
 inline std::span<const uint8_t> span_of(const bytes &text) {
   return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};

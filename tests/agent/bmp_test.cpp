@@ -1,7 +1,6 @@
 // The BMP station: what routers send and what hostile ones might, as bytes in and routes out.
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <fstream>
 #include <list>
 #include <set>
@@ -16,11 +15,6 @@ uint32_t tarvo_pe_discovery_resend(uint32_t, const char *) { return 1; }
 namespace agent {
 namespace {
 
-bytes thousand_routes() {
-  bytes many;
-  for (uint32_t i = 0; i < 1000; ++i) many += vpn(32, 0x0a020000 + i);
-  return many;
-}
 bytes unicast(const bytes &routes) { return reach(be(kHop1, 4), routes, 1); }
 const bytes kVersion = be(4, 1) + be(6, 4) + be(4, 1), kShort = be(3, 1) + be(5, 4) + be(4, 1),
             kLarge = be(3, 1) + be((1 << 20) + 1, 4) + be(4, 1);
@@ -28,7 +22,7 @@ const bytes kVersion = be(4, 1) + be(6, 4) + be(4, 1), kShort = be(3, 1) + be(5,
 const struct {
   const char *what;
   bytes state, stream;
-  setup how = kLocRib;
+  setup how = {};
 } kStreams[] = {
     {"three forms of targets, others between", " A1*1 B1*1 C1*1",
      learn(targets({kNo[0], kTargetB, kNo[1], kTargetA, kNo[2], kTargetC}) + kReach1)},
@@ -37,7 +31,7 @@ const struct {
            kReach1 + kOrigin + kA + targets({kTargetB}))},
     {"short AS numbers", " A1*1",
      monitor(update(kOrigin + attr(64, 2, be(0x0201fde8, 4)) + kReach1 + kA))},
-    {"an extended message", " A1*1000", tell(thousand_routes())},
+    {"an extended message", " A1*1000", tell(many_routes(1000))},
     {"two labels, none, and the default route of a VPN", " A1*4",
      tell(vpn(24, 0x0a010100, kOpenLabel + be(1, 3)) + vpn(24, 0, zeros(3)) + vpn(32, 1, kLabel8) +
           vpn(0, 0))},
@@ -91,7 +85,7 @@ TEST(BmpSession, LearnsWhatRoutersSend) {
     EXPECT_EQ(w.state(), row.state) << row.what;
     EXPECT_EQ(w.feed(""), goes_on) << row.what;
     EXPECT_EQ(w.session.stream_error().empty(), row.state.find("bmp-") == bytes::npos) << row.what;
-    const bytes kept = row.how == kRecording ? w.learned() : "";
+    const bytes kept = row.how.of == kind::recording ? w.learned() : "";
     w.session.finish("");
     EXPECT_EQ(w.learned(), kept) << row.what;
     EXPECT_FALSE(w.session.info().up);
@@ -235,27 +229,16 @@ TEST(BmpSession, RefusesAttributesBeyondTheLimit) {
   EXPECT_EQ(w.learned(), " A1*1");
 }
 
-// ---- Every way to split, cut and corrupt one stream ----
-
-TEST(BmpSession, AnySplitGivesTheSame) {
-  for (size_t size = kStream.size(); size > 0; --size) {
-    world w(kPreView);
-    for (size_t at = 0; at < kStream.size(); at += size) w.feed(kStream.substr(at, size));
-    const session_info info = w.session.info();
-    ASSERT_EQ(w.state() + "; " + std::to_string(info.messages) + info.system_name,
-              kStreamState + std::string(" said*1; 10pe1"))
-        << "in chunks of " << size;
-  }
-}
+// ---- Every byte of one stream, corrupted ----
 
 // Whatever byte is broken, nothing may show but the stream's next hops, each in the tables that it
 // shows in otherwise; a next hop reads as the bytes that stand in its place.
 bool shows_only(const std::vector<route_count> &shown, const bytes &broken) {
   std::set<std::pair<uint32_t, bytes>> right;
   for (const auto &[address, tables] : {std::pair(kHop1, "A"), {kHop2, "BC"}, {kHop3, "BC"}})
-    for (size_t at = 0; (at = kStream.find(hop(address), at)) != bytes::npos; ++at)
+    for (size_t at = 0; (at = kDoubtful.find(hop(address), at)) != bytes::npos; ++at)
       for (const char table : std::string_view(tables))
-        for (const bytes &from : {kStream, broken}) right.insert({table, from.substr(at + 8, 4)});
+        for (const bytes &from : {kDoubtful, broken}) right.insert({table, from.substr(at + 8, 4)});
   return std::ranges::all_of(shown, [&](const route_count &c) {
     return right.contains({c.table_id, be(ntohl(c.nexthop), 4)});
   });
@@ -263,9 +246,9 @@ bool shows_only(const std::vector<route_count> &shown, const bytes &broken) {
 
 TEST(BmpSession, NoCorruptedByteShowsAWrongPe) {
   rib_world w;
-  for (size_t at = 0; at < kStream.size(); ++at)
+  for (size_t at = 0; at < kDoubtful.size(); ++at)
     for (int flip = 1; flip < 256; flip += SWEEP_STEP) {
-      bytes broken = kStream;
+      bytes broken = kDoubtful;
       broken[at] = static_cast<char>(broken[at] ^ flip);
       bmp_session session(w.routes, bmp_view::pre_policy, kind::connection, "r", [](auto &) {});
       session.feed(span_of(broken));
@@ -297,19 +280,11 @@ TEST(BmpStation, KeepsConnectionsApart) {
   }
   EXPECT_TRUE(w.comes_to(" A1*1"));
 
-  std::multiset<std::string> sessions;
-  session_totals sum;
-  for (const session_info &s : w.station.sessions()) {
-    sessions.insert(s.up ? "up" : s.malformed.empty() ? "down" : s.malformed.begin()->first);
-    sum.messages += s.messages, sum.routes_read += s.routes_read;
-    sum.peers += s.up ? s.peers : 0;
-  }
-  EXPECT_EQ(sessions,
-            (std::multiset<std::string>{"bmp-version", "bmp-version", "down", "down", "up"}));
+  EXPECT_EQ(std::ranges::count(w.station.sessions(), true, &session_info::up), 1);
   const session_totals all = w.station.totals();
   EXPECT_EQ(std::tuple(all.up, all.opened, all.peers, all.messages, all.routes_read),
-            std::tuple(1u, 5u, sum.peers, sum.messages, sum.routes_read));
-  EXPECT_EQ(all.malformed.at("bmp-version"), 2u);
+            std::tuple(1u, 5u, 1u, 7u, 4u));
+  EXPECT_EQ(all.malformed, (std::map<std::string, uint64_t>{{"bmp-version", 2}}));
 }
 
 TEST(BmpStation, TellsHowAFirstTableComes) {
@@ -320,8 +295,7 @@ TEST(BmpStation, TellsHowAFirstTableComes) {
   testing::internal::CaptureStderr();
   router from(port);
   from.send(kInitiation + kGood);
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (asked < 3 && std::chrono::steady_clock::now() < deadline) w.shown();  // until it is whole
+  EXPECT_TRUE(comes([&] { return w.shown() == " A1*1" && asked >= 3; })) << "until it is whole";
   from.send(tell(kTwo));
   EXPECT_TRUE(w.comes_to(" A1*2"));
   const std::string told = testing::internal::GetCapturedStderr();
@@ -329,54 +303,30 @@ TEST(BmpStation, TellsHowAFirstTableComes) {
   EXPECT_EQ(asked, 3) << "of the first table only";
 }
 
-TEST(BmpStation, RefusesWhatItHasNoRoomFor) {
-  station_world w;
-  const uint16_t port = w.listening_port();
-  testing::internal::CaptureStderr();
-  std::list<router> routers;
-  for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) routers.emplace_back(port);
-  for (int round = 0; round < 2; ++round) {
-    for (int i = 0; i < 2; ++i) EXPECT_TRUE(router(port).closed());
-    routers.front().send(kTermination);
-    EXPECT_TRUE(routers.front().closed());
-    routers.pop_front();
-    routers.emplace_back(port).send(round == 0 ? kGood : tell(kTwo));
-    EXPECT_TRUE(w.comes_to(round == 0 ? " A1*1" : " A1*2"));
-  }
-  EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 2u);
-}
-
-size_t open_descriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return size_t(std::distance(begin(all), end(all)));
-}
-
+// Round after round: as many as it has room for, and as many again that it refuses.
 TEST(BmpStation, OutlastsThousandsOfConnections) {
   station_world w;
   const uint16_t port = w.listening_port();
   testing::internal::CaptureStderr();
   const size_t before = open_descriptors();
-  std::list<router> routers;
-  for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) routers.emplace_back(port);
-  for (int i = 0; i < 1500; ++i) ASSERT_TRUE(router(port).closed());
-  EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 1u);
-  testing::internal::CaptureStderr();
-  const auto none_up = [&] { return w.comes_to("") && w.station.totals().up == 0; };
-  for (int i = 0; i < 1500; i += bmp_station::kMaxConnections) {
+  for (int round = 0; round < 24; ++round) {
+    std::list<router> routers;
+    for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) routers.emplace_back(port);
+    for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) ASSERT_TRUE(router(port).closed());
     for (router &each : routers) each.send(kGood);
     EXPECT_TRUE(w.comes_to(" A1*1"));
     routers.clear();
-    while (!none_up()) ASSERT_FALSE(testing::Test::HasFailure());
+    EXPECT_TRUE(comes([&] { return w.station.totals().up == 0; }));
+    EXPECT_TRUE(w.comes_to(""));
     EXPECT_EQ(open_descriptors(), before);
-    for (size_t j = 0; j < bmp_station::kMaxConnections; ++j) routers.emplace_back(port);
   }
-  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 24u);
 }
 
 TEST(BmpStation, ReplaysRecordings) {
   station_world w;
   const std::string path = testing::TempDir() + "bmp_test." + std::to_string(getpid());
-  const bytes many = tell(thousand_routes());
+  const bytes many = tell(many_routes(1000));
   testing::internal::CaptureStderr();
   for (const auto &[stream, error] : {std::pair(many + many + many + kGood, ""),
                                       {tell(kPlain, kLoc, kHop2) + "\3", "ends within the message"},

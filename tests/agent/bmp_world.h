@@ -9,11 +9,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <list>
 #include <vector>
 
 #include "agent/bmp_session.h"
 #include "agent/bmp_station.h"
+#include "agent/descriptor.h"
 #include "agent/fence.h"
 #include "agent/global_table.h"
 #include "agent/redistribution.h"
@@ -30,6 +32,14 @@ inline size_t count(const std::string &text, const std::string &part) {
   size_t n = 0;
   for (size_t at = 0; (at = text.find(part, at)) != bytes::npos; ++at) ++n;
   return n;
+}
+
+/// Asks again and again, for half a minute at most.
+inline bool comes(const auto &asked) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (!asked())
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  return true;
 }
 
 struct rib_world {
@@ -60,17 +70,18 @@ struct rib_world {
   }
 };
 
-enum setup { kLocRib, kPreView, kRecording };
+struct setup {
+  bmp_view view = bmp_view::loc_rib;
+  kind of = kind::connection;
+};
+constexpr setup kPreView{bmp_view::pre_policy}, kRecording{.of = kind::recording};
 
 struct world : rib_world {
   std::vector<std::string> said;
   bmp_session session;
 
-  explicit world(setup how = kLocRib)
-      : world(how == kPreView ? bmp_view::pre_policy : bmp_view::loc_rib,
-              how == kRecording ? kind::recording : kind::connection) {}
-  world(bmp_view view, kind of)
-      : session(routes, view, of, "r", [this](const std::string &line) { said.push_back(line); }) {}
+  explicit world(const setup &how = {})
+      : session(routes, how.view, how.of, "r", [this](auto &line) { said.push_back(line); }) {}
   bool feed(const bytes &stream) { return session.feed(span_of(stream)); }
   /// What was learned, " fault*1" and " said*1" for one diagnostic.
   std::string state() {
@@ -96,10 +107,7 @@ struct station_world : rib_world {
   }
   /// Each question is a turn of the RIB thread, so the answer comes without a pause.
   bool comes_to(const std::string &expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (shown() != expected)
-      if (std::chrono::steady_clock::now() > deadline) return false;
-    return true;
+    return comes([&] { return shown() == expected; });
   }
   uint16_t listening_port() {
     testing::internal::CaptureStderr();
@@ -113,28 +121,29 @@ struct station_world : rib_world {
 // A router's end of a connection.
 class router {
  public:
-  explicit router(uint16_t port, bool must_connect = true) {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(port);
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const int failed = connect(fd_, reinterpret_cast<sockaddr *>(&to), sizeof to);
-    EXPECT_TRUE(failed == 0 || !must_connect);
+  explicit router(uint16_t port) {
+    const sockaddr_in to{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    connected_ = connect(fd_.number, reinterpret_cast<const sockaddr *>(&to), sizeof to) == 0;
   }
-  ~router() { close(fd_); }
   void send(const bytes &stream) { EXPECT_TRUE(try_send(stream)); }
   bool try_send(const bytes &stream) {
-    return ::send(fd_, stream.data(), stream.size(), MSG_NOSIGNAL) == ssize_t(stream.size());
+    return ::send(fd_.number, stream.data(), stream.size(), MSG_NOSIGNAL) == ssize_t(stream.size());
   }
   /// Waits until the station closes.
   bool closed(int milliseconds = 30000) {
-    pollfd one{fd_, POLLIN, 0};
+    pollfd one{fd_.number, POLLIN, 0};
     char byte;
-    return poll(&one, 1, milliseconds) == 1 && read(fd_, &byte, 1) <= 0;
+    return connected_ && poll(&one, 1, milliseconds) == 1 && read(one.fd, &byte, 1) <= 0;
   }
 
  private:
-  const int fd_ = socket(AF_INET, SOCK_STREAM, 0);
+  const descriptor fd_{socket(AF_INET, SOCK_STREAM, 0)};
+  bool connected_ = false;
 };
+
+inline size_t open_descriptors(const std::string &process = "self") {
+  const std::filesystem::directory_iterator all("/proc/" + process + "/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
 
 }  // namespace agent

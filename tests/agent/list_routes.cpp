@@ -12,14 +12,9 @@
 
 #include "agent/bgp_open.h"
 #include "agent/bgp_update.h"
-#include "agent/bmp_session.h"
-#include "agent/fence.h"
-#include "agent/global_table.h"
-#include "agent/redistribution.h"
-#include "agent/rib.h"
 #include "agent/text.h"
 #include "tarvo/discovery.h"
-#include "tests/agent/bmp_bytes.h"
+#include "tests/agent/bmp_world.h"
 
 // The RIB's fence stays closed: the module is never called.
 uint32_t tarvo_pe_discovery_register(uint32_t, const char *, tarvo_nd_notify_fn) { return 1; }
@@ -42,32 +37,28 @@ std::string attributes_of(uint32_t nexthop, std::span<const route_target> target
   return text;
 }
 
-void list_view(std::span<const uint8_t> stream, bmp_view view, const std::string &name,
+void list_view(const bytes &stream, bmp_view view, const char *name,
                const std::set<uint32_t> &nexthops) {
-  global_table global;
-  fence pace;
-  redistribution reports{pace};
-  rib routes{global, reports};
-  bmp_session session(routes, view, bmp_session::source_kind::recording, "", [](auto &) {});
-  session.feed(stream);
-  session.finish("");
-  routes.settle();
+  world w({view, kind::recording});
+  w.feed(stream);
+  w.session.finish("");
+  w.routes.settle();
   for (const uint32_t nexthop : nexthops)
-    routes.visit_nexthop(nexthop, [&](const rib::path_info &path) {
-      list(name + " =", path.key, attributes_of(nexthop, path.targets));
+    w.routes.visit_nexthop(nexthop, [&](const rib::path_info &path) {
+      list(name + std::string(" ="), path.key, attributes_of(nexthop, path.targets));
     });
 }
 
 }  // namespace
 
 int main(int count, char **argv) {
-  if (count == 1) return std::cout << kRich, 0;
+  if (count == 1) return std::cout << kStream, 0;
   std::ifstream file(argv[1], std::ios::binary);
-  const std::vector<uint8_t> stream{std::istreambuf_iterator<char>(file), {}};
+  const bytes stream{std::istreambuf_iterator<char>(file), {}};
   std::map<std::pair<uint8_t, bytes>, add_path_families> peers;  // by type and address
   std::set<uint32_t> nexthops;
   bgp_update update;
-  byte_cursor in(stream);
+  byte_cursor in(span_of(stream));
   for (size_t number = 1; in.left() > 0; ++number) {
     in.skip(1);
     byte_cursor message = in.take(in.u32() - 5);
