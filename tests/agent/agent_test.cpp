@@ -56,7 +56,7 @@ class child {
   void signal(int number) { kill(pid_, number); }
   /// Stops reading, and gives the exit status.
   int end(int by = 0) {
-    signal(by);
+    if (by != 0) signal(by);
     const int status = pclose(std::exchange(lines_, nullptr));
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -322,6 +322,7 @@ TEST(Agent, PromptsOnATerminal) {
     EXPECT_TRUE(person.until("no such text").ends_with("\r\n")) << row.arguments;
     EXPECT_EQ(person.end(), row.status) << row.arguments;
   }
+  EXPECT_EQ(agent.end(SIGTERM), 0);
 }
 
 /// What bash prints, which can connect by itself.
@@ -362,8 +363,11 @@ TEST(Agent, ShowsItsMetricsAndNothingElse) {
     EXPECT_PRED_FORMAT2(IsSubstring, std::string("\n") + line + '\n', page);
   EXPECT_EQ(page.find("tarvo_pool_bytes{pool=\"PE Discovery workQ Chunk\"} 0\n"), page.npos);
 
+  // Nothing was malformed, so that its label is on no line yet.
   const std::string none = "# TYPE tarvo_bmp_malformed_total counter\n";
-  page.insert(page.find(none + '#') + none.size(), "tarvo_bmp_malformed_total{kind=");
+  const size_t at = page.find(none + '#');
+  ASSERT_NE(at, page.npos) << page;
+  page.insert(at + none.size(), "tarvo_bmp_malformed_total{kind=");
   const std::regex metric("# HELP (\\S+) (.*)\n# TYPE \\S+ (\\S+)\n(\\S+\\{(\\w+)=)?");
   const std::string docs = read_file(EXAMPLES "/../docs/metrics.md");
   EXPECT_EQ(docs.substr(docs.find("|---|---|---|---|\n") + 18),

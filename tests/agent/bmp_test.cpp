@@ -280,7 +280,11 @@ TEST(BmpStation, KeepsConnectionsApart) {
   }
   EXPECT_TRUE(w.comes_to(" A1*1"));
 
-  EXPECT_EQ(std::ranges::count(w.station.sessions(), true, &session_info::up), 1);
+  const std::vector<session_info> sessions = w.station.sessions();
+  EXPECT_EQ(sessions.size(), 5u);
+  EXPECT_EQ(std::ranges::count(sessions, true, &session_info::up), 1);
+  const auto ended_by_fault = [](const session_info &s) { return !s.up && !s.malformed.empty(); };
+  EXPECT_EQ(std::ranges::count_if(sessions, ended_by_fault), 2);
   const session_totals all = w.station.totals();
   EXPECT_EQ(std::tuple(all.up, all.opened, all.peers, all.messages, all.routes_read),
             std::tuple(1u, 5u, 1u, 7u, 4u));
@@ -303,7 +307,8 @@ TEST(BmpStation, TellsHowAFirstTableComes) {
   EXPECT_EQ(asked, 3) << "of the first table only";
 }
 
-// Round after round: as many as it has room for, and as many again that it refuses.
+// Round after round: as many as it has room for, and as many again that it refuses; and once one
+// place was free, that it refuses is told again.
 TEST(BmpStation, OutlastsThousandsOfConnections) {
   station_world w;
   const uint16_t port = w.listening_port();
@@ -313,6 +318,11 @@ TEST(BmpStation, OutlastsThousandsOfConnections) {
     std::list<router> routers;
     for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) routers.emplace_back(port);
     for (size_t i = 0; i < bmp_station::kMaxConnections; ++i) ASSERT_TRUE(router(port).closed());
+    routers.front().send(kTermination);
+    EXPECT_TRUE(routers.front().closed());
+    routers.pop_front();
+    routers.emplace_back(port);
+    EXPECT_TRUE(router(port).closed());
     for (router &each : routers) each.send(kGood);
     EXPECT_TRUE(w.comes_to(" A1*1"));
     routers.clear();
@@ -320,7 +330,7 @@ TEST(BmpStation, OutlastsThousandsOfConnections) {
     EXPECT_TRUE(w.comes_to(""));
     EXPECT_EQ(open_descriptors(), before);
   }
-  EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 24u);
+  EXPECT_EQ(count(testing::internal::GetCapturedStderr(), "64 sessions are open"), 48u);
 }
 
 TEST(BmpStation, ReplaysRecordings) {

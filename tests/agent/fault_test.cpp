@@ -144,7 +144,10 @@ class running_agent {
     std::ofstream(kPlace + ".bmp", std::ios::binary) << recorded;
     start();
   }
-  ~running_agent() { end(); }
+  ~running_agent() {
+    end();
+    unlink((kPlace + ".bmp").c_str());
+  }
 
   bool await_ready() {
     given_up_ = false;

@@ -40,7 +40,7 @@ const struct row {
     {"show nexthops", R"("reachable":false,"prefix":null)", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
     {"show prefix 10.0.0.1", "no route covers next hop", kPrefix, TARVO_ODS_ERR_NOT_FOUND},
     // The first one went meanwhile.
-    {"show nexthops", R"(s":[{"nexthop":"10.0.0.1",)", kNhop, 0, "", 0, {"0x1/", "0x100000a/"}},
+    {"show nexthops", R"([{"nexthop":"10.0.0.1",)", kNhop, 0, "", 0, {"0x1/", "0x100000a/"}},
     {"show vrfs", R"("routes":110,"nexthops":22)", kVrf, 0, "\xa1\x6bPrefixCount\x05"},
     {"show nexthops", kNone, kNhop, TARVO_ODS_ERR_NOT_FOUND},
     {"show state", "code 0x40829000", kState, TARVO_ODS_ERR_ENCODE},
@@ -61,6 +61,7 @@ const struct row {
     {"show nexthops", kCantRead, kPrefix, 0, "\xa1\x6dTargetAddress\xd8\x34\x44once"},
     {"show nexthops", kCantRead, kPrefix, 0, "\xa2\x6aTargetMask\x05\x6dTargetAddress\x05"},
     {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x61x\x05"},
+    {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x6bPrefixCount\xf5"},
     {"show nexthop 10.0.0.1", kCantRead, kVrf, 0, "\xa1\x6bPrefixCount\x05", 6},
     {"show nexthops", kCantRead, kNhop, 0},
     {"show nexthops", kCantRead, kNhop, 0, "", 0, {"0x1/", nullptr}},  // again and again

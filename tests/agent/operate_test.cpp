@@ -112,11 +112,12 @@ struct control_world {
   }
   /// Serves, and gives all that comes for a client; at the end "END".
   std::string heard(const peer &by) {
-    std::string all;
-    for (std::string part = "?"; part != "" && part != "END"; all += part) {
+    std::string all, part;
+    do {
       turn();
       part = received(by.fd, MSG_DONTWAIT);
-    }
+      all += part;
+    } while (part != "" && part != "END");
     return all;
   }
 };
@@ -320,14 +321,19 @@ TEST(Explain, SaysWhatTheNextSweepDoes) {
   } rows[] = {
       {true, 300, 100, 2, 2, "keeps: keeps it in 100 s: 2 routes report it"},
       {true, 300, 5, 1, 1, "keeps: keeps it in 5 s: 1 route reports it"},
+      {true, 300, 12, 0, 0,
+       "removes_unless_reported: removes it in 12 s unless reported: no route"},
       {true, 300, 12, 0, 12345,
-       "removes_unless_reported: removes it in 12 s unless reported: 12,3"},
+       "removes_unless_reported: removes it in 12 s unless reported: 12,345 routes report it"},
       {true, 29, 29, 1, 0, "removes: removes it in 29 s: no route reports it"},
       {true, 29, 28, 1, 0, "keeps_once: keeps it in 28 s, the one after it doesn't: no route"},
       {true, 28, 14, 1, 0, "removes: removes it in 14 s: no route reports it"},
       {true, 28, 13, 1, 0, "keeps_once: keeps it in 13 s, the one after it doesn't: no route"},
       {true, 300, 9, kUnknown, 0, "none: has nothing to do: no route of the VRF has this next hop"},
-      {true, 300, 9, kUnknown, 1, "reported_again: comes in 9 s; discovery doesn't know it ("},
+      {true, 300, 9, kUnknown, 1,
+       "reported_again: comes in 9 s; discovery doesn't know it (its limit, or memory), the "
+       "refresh "
+       "before the sweep tries again: 1 route reports it"},
       {false, 300, 0, kUnknown, 1, "none: there is none: discovery is inactive"},
   };
   for (const auto &row : rows) {

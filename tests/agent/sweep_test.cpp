@@ -146,24 +146,28 @@ struct swept {
 
 class Sweep : public testing::TestWithParam<swept> {
  protected:
-  /// What a replay gives: its routes; whether it told of a fault, and every PE that it showed.
+  /// What a replay gives: its routes; how many messages it read, whether it told of a fault, and
+  /// every PE that it showed.
   struct outcome {
     std::string routes;
+    uint64_t messages = 0;
     bool reported = false;
     std::set<std::pair<uint32_t, uint32_t>> pes;  ///< by table
   };
 
-  static outcome replay(const bytes &stream, size_t most = bytes::npos) {
+  static outcome replay(const bytes &stream, size_t chunk = 0) {
     outcome got;
     world w({GetParam().view, kind::recording});
     for (size_t at = 0, size = 0; at < stream.size(); at += size) {
       // Whole messages as the stream's own lengths have them, so that each one's result is seen.
-      size = std::min({stream.size() - at, std::max<size_t>(number(stream, at + 1, 4), 1), most});
+      size = chunk != 0 ? chunk : std::max<size_t>(number(stream, at + 1, 4), 1);
+      size = std::min(size, stream.size() - at);
       w.feed(stream.substr(at, size));
       for (const route_count &c : w.routes.count_routes()) got.pes.insert({c.table_id, c.nexthop});
     }
     w.session.finish("");
     got.routes = w.learned();
+    got.messages = w.session.info().messages;
     got.reported = !w.session.info().malformed.empty();
     return got;
   }
@@ -187,8 +191,12 @@ class Sweep : public testing::TestWithParam<swept> {
 TEST_P(Sweep, ChunksGiveTheSame) {
   EXPECT_TRUE(known.exact);
   EXPECT_EQ(known.fields.size(), GetParam().fields);
-  for (size_t most = 1; most < stream.size(); most += 1 + most / 8)
-    ASSERT_EQ(replay(stream, most).routes, GetParam().routes) << "in chunks of " << most;
+  for (size_t chunk = 1; chunk < stream.size(); chunk += 1 + chunk / 8) {
+    const outcome got = replay(stream, chunk);
+    ASSERT_EQ(got.routes, GetParam().routes) << "in chunks of " << chunk;
+    ASSERT_EQ(got.messages, known.messages.size()) << "in chunks of " << chunk;
+    ASSERT_FALSE(got.reported) << "in chunks of " << chunk;
+  }
 }
 
 TEST_P(Sweep, EveryTruncationGivesTheWholeMessages) {
@@ -238,7 +246,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(swept{"LocRib", bmp_view::loc_rib, recording(), kRecorded, 535},
                     swept{"PostPolicy", bmp_view::post_policy, recording(), kRecorded, 535},
                     swept{"PrePolicy", bmp_view::pre_policy, recording(), kRecorded, 535},
-                    swept{"Rich", bmp_view::pre_policy, kStream, kStreamState, 107}),
+                    swept{"OneOfEverything", bmp_view::pre_policy, kStream, kStreamState, 107}),
     [](const auto &row) { return row.param.name; });
 
 }  // namespace

@@ -13,7 +13,8 @@
 
 namespace agent {
 
-/// Bound or connected (`attach`) to a name; a '@' begins one outside the file system.
+/// Bound or connected (`attach`) to a name; a '@' begins one outside the file system. Waits 5 s for
+/// what is to come.
 inline descriptor unix_socket(int type, decltype(&connect) attach, const std::string &name) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -21,12 +22,14 @@ inline descriptor unix_socket(int type, decltype(&connect) attach, const std::st
   if (name.starts_with('@')) address.sun_path[0] = '\0';
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
   descriptor fd(socket(AF_UNIX, type, 0));
+  const timeval patience{5, 0};
+  setsockopt(fd.number, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   EXPECT_EQ(attach(fd.number, reinterpret_cast<sockaddr *>(&address), size), 0) << name;
   return fd;
 }
 
 /// What comes next: bytes of a stream, or a datagram; "END" where nothing comes any more, "" where
-/// nothing came yet and `flags` say not to wait.
+/// nothing came in time, or yet when `flags` say not to wait.
 inline std::string received(const descriptor &from, int flags = 0) {
   std::string text(1 << 20, '\0');
   const ssize_t size = recv(from.number, text.data(), text.size(), flags);

@@ -33,7 +33,7 @@ CHECKED(void, _Z22tarvo_nd_set_intervalsjj, (uint32_t refresh, uint32_t clear), 
 static void check_tree(const wavl_tree_t *tree) TARVO_NO_THREAD_SAFETY_ANALYSIS {
   under_nd();
   require(tree != &tarvo_nd_nhop_tree || tarvo_nd_nhop_chunk != nullptr,
-          "a finished tree is touched");
+          "a tree is touched whose pool is gone");
   require(tree->cmp == tarvo_nd_nhop_cmp || tree->cmp == tarvo_nd_tableid_cmp,
           "a freed tree is touched");
 }
