@@ -432,7 +432,7 @@ TEST(AgentFaults, OfSystemCalls) {
   for (const auto &row : kFailures)
     for (const bool forever : {false, true}) {
       SCOPED_TRACE(std::to_string(row.which) + strerror(row.error) + (forever ? " for good" : ""));
-      const long step = row.which == kPoll && !at_length ? 8 : 1;
+      const long step = at_length ? 1 : row.which == kPoll ? 8 : CALL_STEP;
       long nth = 1;
       while (!HasFailure() && fail_nth(row, forever, nth, right)) nth += step;
       EXPECT_GT(nth, 1) << "none is reached";
