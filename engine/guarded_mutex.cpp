@@ -51,14 +51,13 @@ void guarded_mutex_lock(guarded_mutex_t *lock, const char *caller,
   }
 }
 
-static void require(int result, int line) {
-  if (result != 0) tarvo_nd_assertion_failed(line, "retcode == EOK");
-}
+// What the fatal assertions of an unlock print.
+static const char kCondition[] = "retcode == EOK";
 
 static void end_revival(guarded_mutex_t *lock) {
-  require(pthread_cond_signal(&lock->revival_cond), 350);
+  tarvo_nd_require_ok(pthread_cond_signal(&lock->revival_cond), 350, kCondition);
   pending(lock).store(0);
-  require(pthread_mutex_unlock(&lock->revival_mutex), 355);
+  tarvo_nd_require_ok(pthread_mutex_unlock(&lock->revival_mutex), 355, kCondition);
 }
 
 // During a revival the reviver holds the companion, not the lock proper, so who holds the
@@ -71,7 +70,7 @@ static void unlock_during_revival(guarded_mutex_t *lock) {
       end_revival(lock);
       return;
     case 0:
-      require(pthread_mutex_unlock(&lock->revival_mutex), 341);
+      tarvo_nd_require_ok(pthread_mutex_unlock(&lock->revival_mutex), 341, kCondition);
       report_unlock(lock, EPERM);
       return;
     case ETIMEDOUT:

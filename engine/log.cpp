@@ -22,7 +22,8 @@ void tarvo_nd_log_disc_limit(const char *text) {
   oxa_errmsg(&record, record.severity, text);
 }
 
-void tarvo_nd_assertion_failed(int line, const char *condition) {
+void tarvo_nd_require_ok(int result, int line, const char *condition) {
+  if (result == 0) return;
   flockfile(stderr);
   fprintf(stderr, "%s: %d %s -- assertion failed\n", "os/pthread", line, condition);
   abort();

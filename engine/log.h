@@ -16,6 +16,6 @@ void tarvo_nd_log_err_mem(const char *text);
 /// Logs that the next-hop limit refused an address.
 void tarvo_nd_log_disc_limit(const char *text);
 
-/// Prints an assertion of the thread layer on standard error and aborts. The lines are fixed
-/// labels by which such reports are known in the field, not lines of this source.
-[[noreturn]] void tarvo_nd_assertion_failed(int line, const char *condition);
+/// Unless `result` is 0: prints an assertion of the thread layer on standard error and aborts. The
+/// lines are fixed labels by which such reports are known in the field, not lines of this source.
+void tarvo_nd_require_ok(int result, int line, const char *condition);

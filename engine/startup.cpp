@@ -47,17 +47,13 @@ static uint32_t create_timers(void *event_mgr) {
   return TARVO_ND_OK;
 }
 
-static void require(int result, int line, const char *condition) {
-  if (result != 0) tarvo_nd_assertion_failed(line, condition);
-}
-
 // In the calling thread, so that the worker inherits them blocked.
 static void block_realtime_signals() {
   sigset_t set;
-  require(sigemptyset(&set), 488, "rc == 0");
-  require(sigaddset(&set, SIGRTMIN + 6), 490, "rc == 0");
-  require(sigaddset(&set, SIGRTMIN + 10), 494, "rc ==0");
-  require(pthread_sigmask(SIG_BLOCK, &set, nullptr), 496, "rc == 0");
+  tarvo_nd_require_ok(sigemptyset(&set), 488, "rc == 0");
+  tarvo_nd_require_ok(sigaddset(&set, SIGRTMIN + 6), 490, "rc == 0");
+  tarvo_nd_require_ok(sigaddset(&set, SIGRTMIN + 10), 494, "rc ==0");
+  tarvo_nd_require_ok(pthread_sigmask(SIG_BLOCK, &set, nullptr), 496, "rc == 0");
 }
 
 static uint32_t start_worker() {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include "engine/state.h"
-#include "tarvo/records.h"
 
 /// Queues the expiry of a phase. Timer handler, with the nd mutex held. A request that cannot be
 /// queued is logged and lost: the cycle goes on without that phase's work.

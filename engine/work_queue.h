@@ -1,7 +1,8 @@
 // The work queue: a FIFO of requests in elements of one pool, bounded by memory alone.
 //
 // Any thread appends; the worker takes from the head. Both hold the workQ mutex for one
-// allocation or release, one copy and one link, and never during database work.
+// allocation or release, one copy and one link, and never during database work. The purge of a
+// deleted table alone walks the whole queue under it.
 #pragma once
 
 #include "engine/state.h"
@@ -11,7 +12,8 @@
 [[nodiscard]] bool tarvo_nd_workq_create();
 
 /// Queues a copy of `request` and wakes the worker. Any thread, also with the nd mutex held.
-/// Returns 1 queued, 0 not queued (a null request or no memory; logged).
+/// Returns 1 queued, also when the wake-up failed (logged), 0 not queued (a null request or no
+/// memory; logged).
 int tarvo_nd_work_enqueue(const tarvo_nd_work_req_t *request) TARVO_EXCLUDES(tarvo_nd_workq_mutex);
 
 /// Moves the head into `request`. When the queue is empty, waits for one wake-up instead and

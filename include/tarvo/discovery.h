@@ -66,7 +66,8 @@ TARVO_API int tarvo_nd_enqueue_nhop_update(uint32_t table_id, uint32_t nhop_addr
 
 /**
  * Reports that the RIB restarted: every next hop is to be confirmed again within the clear
- * interval, and redistribution of every table is requested anew.
+ * interval, and redistribution of every table is requested anew. Dropped by the worker while
+ * discovery is inactive.
  *
  * @return 1 queued; 0 not queued, since memory is gone (logged)
  */
@@ -118,7 +119,8 @@ TARVO_API void tarvo_nd_set_rib_refresh_interval(uint32_t interval);
  *                   told separately
  * @param vrf_name   VRF to watch, cut to 244 characters; null or empty: all VPNs
  * @param notify     the client's callback
- * @return TARVO_ND_OK queued; TARVO_ND_ERR_INVALID_ARG without a callback; TARVO_ND_ERR_NOMEM
+ * @return TARVO_ND_OK queued; nothing queued: TARVO_ND_ERR_INVALID_ARG without a callback,
+ *         TARVO_ND_ERR_NOMEM since memory is gone (logged)
  *
  * The first registration activates discovery. If activation fails (logged), the client stays
  * registered, is told END, and the next registration tries again. If memory for the registration
@@ -131,7 +133,8 @@ TARVO_API uint32_t tarvo_pe_discovery_register(uint32_t client_id, const char *v
  * Removes one registration of a client: its all-VPN registration if it has one, else the one whose
  * VRF name sorts first. The last one to leave deactivates discovery, and nobody is told.
  *
- * @return TARVO_ND_OK queued, also for an unknown client; TARVO_ND_ERR_NOMEM
+ * @return TARVO_ND_OK queued, also for an unknown client; TARVO_ND_ERR_NOMEM not queued, since
+ *         memory is gone (logged)
  *
  * The callback may still run until the worker has handled the request; nobody is told when. The
  * RESEND_END of another client's resend, asked for after this call, tells it.
@@ -142,8 +145,8 @@ TARVO_API uint32_t tarvo_pe_discovery_unregister(uint32_t client_id);
  * Replays to a client what it watches: ADD for every reachable next hop, then RESEND_END.
  *
  * @param client_id  as at its registration
- * @param vrf_name  as at its registration; a client not registered so is told nothing
- * @return TARVO_ND_OK queued; TARVO_ND_ERR_NOMEM
+ * @param vrf_name   as at its registration; a client not registered so is told nothing
+ * @return TARVO_ND_OK queued; TARVO_ND_ERR_NOMEM not queued, since memory is gone (logged)
  *
  * Of an ID registered more than once under that name, the first registration is told, and no other:
  * one resend is one RESEND_END.

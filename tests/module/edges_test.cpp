@@ -63,6 +63,11 @@ TEST(Guarded, EveryPathOfLockAndUnlock) {
       {"companion busy", {"timedlock"}, 16, kOfUnlock, {kNotOwner}},
       {"companion broken", {"timedlock"}, 22, kOfUnlock, {kNotUnlocked + kInvalid}},
       {"wait for the revival fails", {"wait"}, 22, kOfBoth, {kNotLocked + kInvalid, kNotOwner}},
+      {"the reviver asks for leave too",
+       {"trylock", "wait"},
+       130,
+       kOfUnlock,
+       {kNotLocked + "130:Owner died"}},
       {"another is the reviver, and stays", {}, 0, kOfAnother, {kNotOwner}}};
   for (const auto &path : kPaths) {
     w.fail_next("", 1, path.error);

@@ -289,6 +289,7 @@ static event_handler handler;
 
 int event_async_attach(void *mgr, unsigned kind, event_handler attached, void *context) {
   errno = w.error;
+  require(w.workq_pool != nullptr, "the timer event comes before the queue");
   if (w.failing("attach") || mgr != &w || kind != 128 || context != nullptr) return -1;
   handler = attached;
   return 5;
@@ -397,7 +398,8 @@ static const char *lock_name(const void *lock) {
 
 void ptd_set_mutex_block(void *lock, const char *caller, int line) {
   begin_wait(lock);
-  require(line > 1, "a lock site has no line");
+  // In no file does a site stand so far up, but the default argument does.
+  require(line > 25, "a lock site has another line");
   const char *name = lock_name(&static_cast<guarded_mutex_t *>(lock)->mutex);
   w.note("block " + std::string(name == nullptr ? "?" : name) + " " + caller);
 }
@@ -491,7 +493,12 @@ WRAPPED(int, pthread_sigmask, "", (int how, const sigset_t *set, sigset_t *old),
         __real_pthread_sigmask(how, set, old))
 WRAPPED(int, rmx_wait_on_revival_condvar, "", (void *lock), w.error,
         __real_rmx_wait_on_revival_condvar(lock))
-WRAPPED(int, pthread_mutex_lock, lock_name(m), (pthread_mutex_t * m), w.error,
+static const char *announced(const pthread_mutex_t *m) {
+  const bool locks = m == &tarvo_nd_mutex.mutex || m == &tarvo_nd_workq_mutex.mutex;
+  require(!locks || waits_for == m, "a lock blocks unannounced");
+  return lock_name(m);
+}
+WRAPPED(int, pthread_mutex_lock, announced(m), (pthread_mutex_t * m), w.error,
         __real_pthread_mutex_lock(m))
 WRAPPED(int, pthread_mutex_unlock, lock_name(m), (pthread_mutex_t * m), w.error,
         __real_pthread_mutex_unlock(m))
