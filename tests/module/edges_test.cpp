@@ -33,7 +33,7 @@ TEST(StartUp, RegistersTheTablesLastAndStartsNoTimer) {
 // ------------------------------------ guarded discipline ------------------------------------
 
 static void lock(guarded_mutex_t &m) TARVO_NO_THREAD_SAFETY_ANALYSIS {
-  guarded_mutex_lock(&m, "caller", 7);
+  guarded_mutex_lock(&m, "caller", 100);
 }
 static void unlock(guarded_mutex_t &m) TARVO_NO_THREAD_SAFETY_ANALYSIS { guarded_mutex_unlock(&m); }
 

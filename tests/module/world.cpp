@@ -399,7 +399,7 @@ static const char *lock_name(const void *lock) {
 void ptd_set_mutex_block(void *lock, const char *caller, int line) {
   begin_wait(lock);
   // In no file does a site stand so far up, but the default argument does.
-  require(line > 25, "a lock site has another line");
+  require(line > 20, "a lock site has another line");
   const char *name = lock_name(&static_cast<guarded_mutex_t *>(lock)->mutex);
   w.note("block " + std::string(name == nullptr ? "?" : name) + " " + caller);
 }
