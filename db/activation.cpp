@@ -55,8 +55,7 @@ static void delete_every_nhop() TARVO_REQUIRES(tarvo_nd_mutex) {
 void tarvo_nd_activate() {
   if (!create_next_hop_table()) return;
   tarvo_nd_vrf_walk_redist(TARVO_ND_REDIST_START);
-  const uint32_t interval = tarvo_nd_get_refresh_interval();
-  tarvo_nd_start_refresh_phase();
+  const uint32_t interval = tarvo_nd_start_refresh_phase();
   // Last: whoever sees the flag finds everything in place.
   tarvo_nd_set_active(1);
   // A setter that did not see it yet left its interval to us.

@@ -1,5 +1,6 @@
 // Discovery's two states: the next-hop table, redistribution and the refresh timer exist together
-// while a client is registered, and not otherwise.
+// or not at all, from the first client's registration to the last one's end, unless activation
+// failed.
 #pragma once
 
 #include "engine/state.h"

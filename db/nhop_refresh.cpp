@@ -13,7 +13,8 @@ void tarvo_nd_nhop_mark_all() {
   }
 }
 
-// An entry that has no reference to begin with is not touched: an add for it may be on its way.
+// An entry that has no reference to begin with, since there was no memory for one, stays: the next
+// add or delete of its address finds it.
 static void sweep_nhop(tarvo_nd_nhop_t *nhop) TARVO_REQUIRES(tarvo_nd_mutex) {
   tarvo_nd_nhop_table_t *ref = tarvo_nd_nhop_table_first(&nhop->tables);
   if (ref == nullptr) return;

@@ -9,5 +9,5 @@
 void tarvo_nd_nhop_mark_all() TARVO_REQUIRES(tarvo_nd_mutex);
 
 /// Removes the references that nobody reported since the last mark, and the next hops that they
-/// leave without references. Worker thread.
+/// leave without references; not those that had none. Worker thread.
 void tarvo_nd_nhop_sweep() TARVO_REQUIRES(tarvo_nd_mutex);

@@ -48,19 +48,20 @@ void tarvo_nd_nhop_copy(tarvo_nd_nhop_t *to, const tarvo_nd_nhop_t *nhop)
     TARVO_REQUIRES(tarvo_nd_mutex);
 
 /// Looks up the route that covers the record's address and sets prefix, length and the reachable
-/// flag by it. Also for a scratch record.
+/// flag by it. Also for a scratch record. Null is ignored.
 void tarvo_nd_nhop_resolve(tarvo_nd_nhop_t *nhop) TARVO_REQUIRES(tarvo_nd_mutex);
 
 /// Tells the all-VPN clients, then the clients of each referenced table in order of table ID.
 void tarvo_nd_nhop_notify_all(tarvo_nd_nhop_t *nhop, bool add) TARVO_REQUIRES(tarvo_nd_mutex);
 
-/// Removes one reference; the table's clients are told when the next hop is reachable.
+/// Removes one reference; the table's clients are told when the next hop is reachable. Null is
+/// ignored, as either argument.
 void tarvo_nd_nhop_table_delete(tarvo_nd_nhop_table_t *ref, tarvo_nd_nhop_t *nhop)
     TARVO_REQUIRES(tarvo_nd_mutex);
 void tarvo_nd_nhop_table_delete_all(tarvo_nd_nhop_t *nhop) TARVO_REQUIRES(tarvo_nd_mutex);
 
-/// Removes an entry with its references; the all-VPN clients are told last.
+/// Removes an entry with its references; the all-VPN clients are told last. Null is ignored.
 void tarvo_nd_nhop_delete(tarvo_nd_nhop_t *nhop) TARVO_REQUIRES(tarvo_nd_mutex);
 
-/// Releases an entry that is not in the tree (any more).
+/// Releases an entry that is not in the tree (any more). Null is ignored.
 void tarvo_nd_nhop_free(tarvo_nd_nhop_t *nhop) TARVO_REQUIRES(tarvo_nd_mutex);

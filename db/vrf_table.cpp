@@ -72,6 +72,7 @@ static void delete_table(uint32_t table_id) TARVO_REQUIRES(tarvo_nd_mutex)
     redist(vrf, TARVO_ND_REDIST_STOP);
     // While the entry is still in the tree, so that its name leads to the clients to be told.
     withdraw_references(table_id);
+    // After the callbacks of these withdrawals, which may queue reports of the table.
     tarvo_nd_del_nhop_update_from_work_req(table_id);
   }
   tarvo_nd_vrf_t key = {};

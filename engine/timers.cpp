@@ -49,8 +49,10 @@ static void leaf_start(mgd_timer_leaf_t *leaf, uint32_t seconds) {
   mgd_timer_leaf_start(leaf, &delay);
 }
 
-void tarvo_nd_start_refresh_phase() {
-  leaf_start(tarvo_nd_refresh_timer, current_phases().refresh);
+uint32_t tarvo_nd_start_refresh_phase() {
+  const uint32_t interval = tarvo_nd_get_refresh_interval();
+  leaf_start(tarvo_nd_refresh_timer, tarvo_nd_phases_of(interval).refresh);
+  return interval;
 }
 
 void tarvo_nd_start_clear_phase() { leaf_start(tarvo_nd_clear_timer, current_phases().clear); }

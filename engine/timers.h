@@ -32,11 +32,13 @@ constexpr tarvo_nd_phases tarvo_nd_phases_of(uint32_t interval) {
 /// Handles every expired leaf. On the thread that dispatches the agent's event manager.
 int tarvo_nd_timer_handler(void *context);
 
-/// Seconds until the current cycle ends, or negative while discovery is inactive. Any thread.
+/// Seconds until the current cycle ends; negative while discovery is inactive, and while more than
+/// 2^31 - 1 are left. Any thread.
 int32_t tarvo_nd_get_refresh_interval_remaining() TARVO_EXCLUDES(tarvo_nd_mutex);
 
-/// Starts one phase, of the length that the interval gives it now. The other leaf is stopped.
-void tarvo_nd_start_refresh_phase() TARVO_REQUIRES(tarvo_nd_mutex);
+/// Starts one phase, of the length that the interval gives it now. The other leaf is stopped. The
+/// refresh phase returns that interval.
+uint32_t tarvo_nd_start_refresh_phase() TARVO_REQUIRES(tarvo_nd_mutex);
 void tarvo_nd_start_clear_phase() TARVO_REQUIRES(tarvo_nd_mutex);
 
 /// Stops the leaf that runs, if any.

@@ -10,7 +10,7 @@
 #include "engine/work_queue.h"
 #include "platform/thread_diag.h"
 
-// Every lock of the thread is taken under the name of its entry.
+// Both locks of a round are taken under the name of the thread's entry.
 static const char kCaller[] = "tarvo_nd_process_work_req";
 
 // Handles a request that means nothing while discovery is inactive.

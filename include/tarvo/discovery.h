@@ -52,9 +52,10 @@ TARVO_API uint32_t tarvo_nd_init(void *event_mgr);
  * @return 1 queued; 0 not queued, since memory is gone (logged)
  *
  * One report per route: each add raises the table's count of that next hop, each delete lowers it;
- * at 0 the table no longer refers to the next hop. A delete of what is not counted is ignored. One
- * that comes between a refresh and the reports that answer it finds the count at 0, and ends the
- * reference at once. Dropped by the worker while discovery is inactive.
+ * at 0 the table no longer refers to the next hop. A delete of what is not counted is ignored,
+ * unless no table refers to the next hop, since there was no memory for its reference: then it
+ * goes. One that comes between a refresh and the reports that answer it finds the count at 0, and
+ * ends the reference at once. Dropped by the worker while discovery is inactive.
  *
  * The table need not be announced. What is reported of one that is not, be it withdrawn, the
  * default table or 0, is counted all the same: all-VPN clients are told, clients of a VRF name are
@@ -66,8 +67,10 @@ TARVO_API int tarvo_nd_enqueue_nhop_update(uint32_t table_id, uint32_t nhop_addr
 
 /**
  * Reports that the RIB restarted: every next hop is to be confirmed again within the clear
- * interval, and redistribution of every table is requested anew. Dropped by the worker while
- * discovery is inactive.
+ * interval, and redistribution of every table is requested anew. That interval runs by the clock:
+ * reports that wait in the queue for longer come too late, and so do all of them when the end of a
+ * clear phase is queued right behind the restart. Their next hops are told as REMOVE, and then as
+ * ADD. Dropped by the worker while discovery is inactive.
  *
  * @return 1 queued; 0 not queued, since memory is gone (logged)
  */
@@ -102,9 +105,11 @@ TARVO_API int tarvo_nd_enqueue_table_update(const char *vrf_name, uint32_t table
  *
  * The clear phase takes half of an interval of up to 28 s (rounded down) and 29 s of a longer one;
  * the refresh phase takes the rest. The clear phase is what the RIB has to report its routes again:
- * a next hop that it reports later is told as REMOVE, and then as ADD. An interval of 1 has none,
+ * a next hop that it reports later, or that waits in the queue for longer, is told as REMOVE, and
+ * then as ADD. An interval of 1 has none,
  * so that every next hop goes and comes once a second: no interval to run with. While discovery is
- * inactive the value is only kept. Takes the nd mutex: not from a notify callback.
+ * inactive the value is only kept. Of an interval above 2^31 - 1 s the operational data don't tell
+ * what is left. Takes the nd mutex: not from a notify callback.
  */
 TARVO_API void tarvo_nd_set_rib_refresh_interval(uint32_t interval);
 

@@ -61,7 +61,7 @@ TARVO_API uint32_t tarvo_mpls_discovery_ods_datalist(void *context, ods_list_res
                                                      ods_path_t *path, void *more);
 /** @} */
 
-/** Seconds left of the refresh interval. */
+/** Seconds left of the refresh interval; TARVO_ODS_ERR_NOT_FOUND above 2^31 - 1. */
 TARVO_API uint32_t tarvo_mpls_discovery_ods_vpn_state_get(ods_item_t *item, ods_path_t *path);
 
 /** The route of the global table that covers a next hop; TARVO_ODS_ERR_NOT_FOUND without one. */

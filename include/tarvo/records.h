@@ -87,8 +87,9 @@ static_assert(offsetof(tarvo_nd_nhop_table_t, ref_count) == 28, "layout seen by 
  * @name Events of a client
  * @{
  */
-#define TARVO_ND_EVENT_ADD UINT32_C(1)    /**< a next hop became reachable, or its route changed */
-#define TARVO_ND_EVENT_REMOVE UINT32_C(2) /**< a next hop is gone or unreachable */
+#define TARVO_ND_EVENT_ADD \
+  UINT32_C(1) /**< reachable for what the client watches, or its route changed */
+#define TARVO_ND_EVENT_REMOVE UINT32_C(2) /**< no longer reachable for what the client watches */
 #define TARVO_ND_EVENT_END UINT32_C(3)    /**< the replay after a registration is complete */
 #define TARVO_ND_EVENT_RESEND_END UINT32_C(4) /**< the replay after a resend is complete */
 /** @} */

@@ -25,7 +25,8 @@
 static void under_nd() { require(holds(tarvo_nd_mutex), "the database is used without the lock"); }
 
 CHECKED(int32_t, _Z18tarvo_nd_is_activev, (), (), point("active?"))
-CHECKED(void, _Z19tarvo_nd_set_activei, (int32_t active), (active), under_nd(); point("set active"))
+static void check_flag(int32_t active);
+CHECKED(void, _Z19tarvo_nd_set_activei, (int32_t active), (active), check_flag(active))
 CHECKED(uint32_t, _Z29tarvo_nd_get_refresh_intervalv, (), (), point("interval?"))
 CHECKED(void, _Z22tarvo_nd_set_intervalsjj, (uint32_t refresh, uint32_t clear), (refresh, clear),
         point("set intervals"))
@@ -155,6 +156,12 @@ unsigned mgd_timer_leaf_type(mgd_timer_leaf *leaf) {
 void expire() {
   for (mgd_timer_leaf &leaf : leaves) leaf.expired = leaf.runs;
   tarvo_nd_timer_handler(nullptr);
+}
+
+static void check_flag(int32_t active) {
+  under_nd();
+  require(active == 0 || leaves[0].runs, "the flag comes before the timer");
+  point("set active");
 }
 
 void check_timers() {

@@ -163,11 +163,14 @@ TEST(Refusals, AreToldByCodeOrMessage) {
     request.type = type;
     tarvo_nd_work_enqueue(&request);
   }
+  w.fail_next("pthread_mutex_trylock nd");
   w.run();
   EXPECT_EQ(w.take(), (texts{"log 5 INTERNAL During enqueuing NHop:0:invalid request",
+                             "block nd tarvo_nd_process_work_req",  // unknown, but under the lock
                              "log 5 INTERNAL PE discovery invalid request type:0:Unknown",
                              "log 5 INTERNAL PE discovery invalid request type:11:Unknown"}));
-  EXPECT_EQ(tarvo_pe_discovery_register(1, "A", nullptr), TARVO_ND_ERR_INVALID_ARG);
+  EXPECT_EQ(tarvo_pe_discovery_register(1, "A", nullptr), 0x44a30400);
+  EXPECT_EQ(TARVO_ND_ERR_NOT_FOUND, 0x44a30600);
   for (const bool active : {false, true}) {
     if (active) w.client(1);
     EXPECT_EQ(tarvo_nd_first_nhop_by_tableid(0, nullptr), TARVO_ND_ERR_INVALID_ARG);
@@ -202,6 +205,11 @@ TEST(Refusals, NullIsNothing) {
   EXPECT_EQ(tarvo_nd_nhop_table_next(&tables, nullptr), nullptr);
   EXPECT_EQ(tarvo_nd_vrf_name2tableid(nullptr), 0u);
   EXPECT_EQ(tarvo_nd_vrf_redist(nullptr, nullptr), 0);
+  // The whole word says that a table is on; an unknown action is none.
+  tarvo_nd_vrf_t vrf = {};
+  vrf.flags = 2;
+  for (int action : {static_cast<int>(TARVO_ND_REDIST_START), 5})
+    EXPECT_EQ(tarvo_nd_vrf_redist(&vrf, &action), 1);
   tarvo_nd_nhop_table_delete(nullptr, &nhop);
   tarvo_nd_nhop_table_delete(&ref, nullptr);
   tarvo_nd_nhop_resolve(nullptr);
@@ -257,4 +265,22 @@ TEST(Limit, IsToldBeforeAnyNextHopWasFreed) {
   w.run();
   const auto told = [](const std::string &line) { return line.starts_with("log 6 DISC_LIMIT"); };
   EXPECT_EQ(std::ranges::count_if(w.take(), told), 1);
+}
+
+TEST(TableDelete, DropsWhatIsReportedWhileItsReferencesGo) {
+  w.start();
+  w.routes = {"10.0.0.0/8"};
+  tarvo_nd_enqueue_table_update("A", 7, 1);
+  EXPECT_FALSE(tarvo_nd_is_active());
+  w.run();
+  EXPECT_STREQ(tarvo_nd_tableid2vrf_name(7), "A") << "known while inactive";
+  tarvo_pe_discovery_register(1, "A", [](uint32_t, uint32_t event, const void *data) {
+    if (event == TARVO_ND_EVENT_REMOVE)
+      tarvo_nd_enqueue_nhop_update(7, static_cast<const tarvo_nd_nhop_info_t *>(data)->nhop_addr,
+                                   1);
+  });
+  tarvo_nd_enqueue_nhop_update(7, htonl(host("10.0.0.1")), 1);
+  tarvo_nd_enqueue_table_update("A", 7, 0);
+  w.run();
+  EXPECT_EQ(nhop_count(), 0);
 }

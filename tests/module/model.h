@@ -174,7 +174,7 @@ class model {
   void sweep() {
     const auto before = held.hops;
     for (const auto &[host, hop] : before) {
-      if (hop.tables.empty()) continue;  // an add for it may be on its way
+      if (hop.tables.empty()) continue;  // no memory for its reference
       for (const auto &[table, count] : hop.tables)
         if (count == 0) drop_table(host, table);
       drop_if_bare(host);

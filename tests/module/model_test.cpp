@@ -50,7 +50,7 @@ const std::vector<std::string> kNames = {
 
 const profile kSmall = {{kFewHosts, {0, 1, 2, 3, 0xe0000000, 0xffffffff}, kNames},
                         {"0.0.0.0/0", "10.0.0.0/8", "10.0.0.0/24", "10.0.0.3/32", "128.0.0.0/1"},
-                        {0, 1, 2, 5, 28, 29, 57, 300, 0xffffffff},
+                        {0, 1, 2, 5, 28, 29, 57, 58, 300, 0xffffffff},
                         {500, 3, 40, 3, 6, 1}};
 const profile kLarge = {{scattered(700), {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12}, kNames},
                         {"10.0.0.0/9", "10.64.0.0/10", "10.128.0.0/9"},

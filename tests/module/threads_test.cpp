@@ -131,6 +131,8 @@ TEST(Threads, EveryoneAtOnce) {
   pthread_join(w.worker, &result);
   EXPECT_EQ(result, PTHREAD_CANCELED);
   EXPECT_EQ(std::ranges::count(w.take(), "unname"), 1);
+  for (guarded_mutex_t *lock : {&tarvo_nd_mutex, &tarvo_nd_workq_mutex})
+    EXPECT_EQ(pthread_mutex_trylock(&lock->mutex), 0) << "a cancelled worker leaves its locks";
   printf("%d flips, %d views of VRFs, %d offered, %d handled, %d purged, %d refused, %d expiries\n",
          flips, listed.load(), offered + expired, w.handled.load(), w.purged.load(), refused,
          expired);
