@@ -190,7 +190,9 @@ static std::vector<scenario> all_scenarios() {
        [] { deactivate(), reg(3); },
        {worker,
         [] { tarvo_nd_set_rib_refresh_interval(10), tarvo_nd_set_rib_refresh_interval(300); }},
-       leaves(true, 0, 1)},
+       leaves(true, 0, 1),
+       false,
+       1},
       {"withdrawals as their table leaves",
        nothing,
        {worker, delete_table, withdraw},
@@ -228,7 +230,7 @@ int main(int argc, char **argv) {
     return 2;
   }
   uint64_t count = 0;
-  for (const scenario &s : scenarios) count += run_all(s, atoi(argv[1]));
+  for (const scenario &s : scenarios) count += run_all(s, atoi(argv[1]) + s.deeper);
   printf("%zu scenarios, preemptions up to %s: %lu schedules\n", scenarios.size(), argv[1], count);
   const uint64_t random = strtoull(argv[2], nullptr, 10);
   const uint64_t seed =

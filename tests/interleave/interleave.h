@@ -20,6 +20,7 @@ struct scenario {
   std::vector<steps> threads;  ///< at most four
   steps check;                 ///< on the main fiber, when all are done
   bool deaths = false;         ///< threads end while they hold a lock
+  int deeper = 0;              ///< preemptions beyond those asked for, where few find nothing
 };
 
 // ---- scheduler.cpp ----
