@@ -455,7 +455,10 @@ TEST(Agent, ManualPageHasTheOptionsAndCommandsThatThereAre) {
   EXPECT_EQ(all_of(page, "^\\.It Fl -([a-z-]+)"), options);
   const json help = json::parse(child("--json --command help").rest());
   strings commands;
-  for (const json &form : help["help"]) commands.push_back(form["syntax"]);
+  for (const json &form : help["help"]) {
+    commands.push_back(form["syntax"]);
+    EXPECT_NE(form["help"], "") << form;
+  }
   std::sort(commands.begin(), commands.end());
   EXPECT_EQ(all_of(page, "^\\.It Cm (.*)$"), commands);
 }
