@@ -142,7 +142,8 @@ const struct {
     {"--json", "show nexthops", 1, R"({"schema":1,"error":"discovery is inactive: no client)"},
     {"", "watch 1 A", 0, "\nno VRF 'A' yet\n"},
     {"", "vrf add \xc3\xa9 table 10 import 1:1\nshow\tvrfs", 0,
-     "> show vrfs\nVRF  TABLE  IMPORT  ROUTES  NEXT HOPS\n\xc3\xa9       10  1:1          0          0\n"},
+     "> show vrfs\nVRF  TABLE  IMPORT  ROUTES  NEXT HOPS\n\xc3\xa9       10  1:1          0        "
+     "  0\n"},
     {"", "help", 0,
      "\nquit                                   end the agent; on a control socket, the"},
     {"", "watch 1\ninterval 199\nshow state", 0, "VALUE\nRefreshRemaining  19"},
