@@ -25,12 +25,13 @@ static bool write_now(std::string_view text) {
   return write(STDERR_FILENO, text.data(), text.size()) >= 0;
 }
 
-void diagnose(std::string_view line) noexcept {
+void diagnose(std::string_view line, std::string_view head) noexcept {
   constexpr size_t kLongest = 4000;
   const unsigned lost = dropped.exchange(0);
   try {
     std::string text;
     if (lost != 0) text = "tarvo-agent: " + std::to_string(lost) + " lines lost\n";
+    text += head;
     text += line.substr(0, kLongest);
     text += '\n';
     if (write_now(text)) return;

@@ -8,10 +8,10 @@
 
 namespace agent {
 
-/// Writes one line, whole, unless standard error takes none now: then the line is dropped and
-/// counted, and the next one that goes out is preceded by how many were. A line is cut at 4,000
-/// characters. Any thread; never throws.
-void diagnose(std::string_view line) noexcept;
+/// Writes one line after its head, whole, unless standard error takes none now: then the line is
+/// dropped and counted, and the next one that goes out is preceded by how many were. A line is cut
+/// at 4,000 characters. Any thread; never throws.
+void diagnose(std::string_view line, std::string_view head = {}) noexcept;
 
 /// Writes text as it is, unless standard error takes none now. Any thread; never throws.
 void show_status(std::string_view text) noexcept;

@@ -108,7 +108,8 @@ command_error interpreter::run(const command &c, show_as as, std::string &answer
   }
   if (adds) made_.take_out(c);
   answer.clear();
-  return {c.columns.front(), std::move(failed)};
+  const bool of_address = c.what == verb::show_nexthop || c.what == verb::show_prefix;
+  return {of_address ? c.columns.back() : c.columns.front(), std::move(failed)};
 }
 
 std::string interpreter::effect(const command &c, show_as as, std::string &answer) {

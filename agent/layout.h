@@ -3,12 +3,19 @@
 
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "agent/json.h"
 
 namespace agent {
+
+/// Characters of UTF-8: all bytes but those that go on with one.
+inline size_t width_of(std::string_view text) {
+  return static_cast<size_t>(
+      std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; }));
+}
 
 /// Rows under a heading; columns as wide as their widest cell, those under '>' to the right.
 class table {
@@ -23,7 +30,7 @@ class table {
 
   void add(std::vector<std::string> row) {
     width_.resize(std::max(width_.size(), row.size()));
-    for (size_t i = 0; i < row.size(); ++i) width_[i] = std::max(width_[i], row[i].size());
+    for (size_t i = 0; i < row.size(); ++i) width_[i] = std::max(width_[i], width_of(row[i]));
     rows_.push_back(std::move(row));
   }
 
@@ -31,7 +38,7 @@ class table {
     std::string text;
     for (const auto &row : rows_) {
       for (size_t i = 0; i < row.size(); ++i) {
-        const std::string blanks(width_[i] - row[i].size(), ' ');
+        const std::string blanks(width_[i] - width_of(row[i]), ' ');
         text += (i == 0 ? "" : "  ") + (right_[i] ? blanks + row[i] : row[i] + blanks);
       }
       text.erase(text.find_last_not_of(' ') + 1);

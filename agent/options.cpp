@@ -118,7 +118,8 @@ void describe_others(CLI::App &app, options &into) {
     refuse_both(check, connect);
     refuse_both(check, line);
   });
-  app.add_flag("--json", into.json, "One JSON object a line on standard output");
+  app.add_flag("--json", into.json, "One JSON object a line on standard output")
+      ->disable_flag_override();
 }
 
 }  // namespace
@@ -126,10 +127,11 @@ void describe_others(CLI::App &app, options &into) {
 // The library's own words for these are about counts and conversions.
 static std::string plain_text(const CLI::ParseError &e) {
   std::string text = e.what();
+  const size_t flag_with_value = text.find(" was given a disallowed flag override");
+  if (flag_with_value != text.npos)
+    return "--" + text.substr(0, flag_with_value) + " takes no value; --help tells more";
   if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::ArgumentMismatch))
     text = text.substr(0, text.find(':')) + ": its value is missing";
-  if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::ConversionError))
-    text = "a flag takes no value" + text.substr(std::min(text.find(':'), text.size()));
   return text + "; --help tells more";
 }
 

@@ -10,6 +10,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -87,14 +88,17 @@ void end_on_signals() {
   }
 }
 
+/// A line on standard error, whose reader must not keep the agent from its work.
+void tell_error(std::string_view text) noexcept { diagnose(text, "tarvo-agent: "); }
+
 void tell_signal() {
   for (const auto &[number, name] : kEnding)
-    if (signalled == number) diagnose(std::string("tarvo-agent: ended by ") + name);
+    if (signalled == number) tell_error(std::string("ended by ") + name);
 }
 
 /// Tells what a start-up code other than 0 means.
 bool succeeded(const char *otherwise, uint32_t code) {
-  if (code != 0) complain(std::string(otherwise) + ": " + code_text(code));
+  if (code != 0) tell_error(std::string(otherwise) + ": " + code_text(code));
   return code == 0;
 }
 
@@ -153,7 +157,7 @@ class agent_program {
     out_.flush();
     const int error = out_.error();
     if (error != 0 && error != EPIPE) {  // a reader who left had enough: no failure
-      complain(std::string("standard output: ") + strerror(error));
+      tell_error(std::string("standard output: ") + strerror(error));
       failed_ = true;
     }
     return failed_ ? 1 : 0;
@@ -163,7 +167,7 @@ class agent_program {
   bool start_module() {
     void *events = start_event_manager();
     if (events == nullptr) {
-      complain(std::string("event manager: ") + strerror(errno));
+      tell_error(std::string("event manager: ") + strerror(errno));
       return false;
     }
     install_services(reports_, global_);
@@ -179,7 +183,7 @@ class agent_program {
       quit_ |= line.what.what == verb::quit;
       if (error.empty()) continue;
       out_.flush();
-      complain(error);
+      tell_error(error);
       watchers_.unwatch_all();
       return false;
     }
@@ -242,7 +246,7 @@ class agent_program {
     if (error.empty()) return;
     failed_ = true;
     out_.flush();
-    complain(error);
+    tell_error(error);
   }
 
   progress progress_line() {
@@ -287,7 +291,11 @@ class agent_program {
 
   /// The line is shown before what it prints, so that the output reads like a dialogue.
   void run_line(const std::string &source, size_t number, const std::string &line) {
-    if (!options_.json) out_.print("> " + printable(line) + '\n');
+    if (!options_.json) {
+      std::string shown = line;
+      std::ranges::replace(shown, '\t', ' ');
+      out_.print("> " + printable(shown) + '\n');
+    }
     note(execute(source, number, line));
   }
 
@@ -322,7 +330,7 @@ class agent_program {
   void await_end() {
     if (ended()) return;
     if (options_.listen.empty() && !control_.is_open() && !metrics_.is_open()) return;
-    complain("standard input is at its end; listening until a signal or quit");
+    tell_error("standard input is at its end; listening until a signal or quit");
     await_input(-1);
   }
 
@@ -359,7 +367,7 @@ class agent_program {
       // A person sees the error and corrects it: no reason to call the run a failure.
       surviving("standard input", [&] {
         const std::string error = execute("standard input", 0, *line);
-        if (!error.empty()) complain(error);
+        if (!error.empty()) tell_error(error);
       });
       if (!ended()) terminal_.show();
     }

@@ -9,7 +9,7 @@
 
 namespace agent {
 
-/// A line on standard error; it may wait for its reader, as the main thread may.
+/// A line on standard error; it waits for its reader, as what runs no agent may.
 void complain(std::string_view text);
 
 /// Runs the agent on the calling thread, the main one; the exit status. Once a process.

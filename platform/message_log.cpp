@@ -1,14 +1,18 @@
 // Message log: formats each message into a buffer on the stack and writes it in one call, so that
 // lines of several threads never mix. The lock covers the states of all rate limits; it is never
-// held while writing, since a blocked or cancelled writer must not stop the others.
+// held while writing, since a cancelled writer must not stop the others.
 #include "message_log.h"
 
 #include <errno.h>
+#include <limits.h>
+#include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
+
+#include <atomic>
 
 #include "lock_private.h"
 
@@ -27,6 +31,7 @@ struct limit_state {
 static_assert(sizeof(limit_state) <= sizeof(oxa_msg_limit_t::state), "room in the record");
 
 platform::mutex limits_lock;
+std::atomic<uint32_t> lost{0};  // lines, since the last that went out
 
 int64_t nanoseconds(clockid_t clock) {
   struct timespec t;
@@ -61,8 +66,9 @@ struct line {
   size_t length = 0;
   bool cut = false;
 
-  // The last bytes are kept free for the cut mark, the count of suppressed lines and the newline.
-  static constexpr size_t kReserve = sizeof kCutMark + sizeof " (4294967295 suppressed)\n";
+  // The last bytes are kept free for the cut mark, the counts and the newline.
+  static constexpr size_t kReserve =
+      sizeof kCutMark + sizeof " (4294967295 suppressed) (4294967295 lines lost)\n";
 
   void append_args(size_t end, const char *format, va_list args)
       __attribute__((format(printf, 3, 0))) {
@@ -91,9 +97,10 @@ void append_head(line *l, const oxa_msg_rec_t *message, int severity) {
             message->group, severity, message->mnemonic);
 }
 
-void append_tail(line *l, uint32_t suppressed) {
+void append_tail(line *l, uint32_t suppressed, uint32_t lost_before) {
   if (l->cut) l->append(kMaxLine, "%s", kCutMark);
   if (suppressed != 0) l->append(kMaxLine, " (%u suppressed)", suppressed);
+  if (lost_before != 0) l->append(kMaxLine, " (%u lines lost)", lost_before);
   for (size_t i = 0; i < l->length; ++i) {
     const unsigned char c = static_cast<unsigned char>(l->text[i]);
     if (c < ' ' || c == 0x7f) l->text[i] = '?';  // names are not ours; one message is one line
@@ -101,13 +108,14 @@ void append_tail(line *l, uint32_t suppressed) {
   l->text[l->length++] = '\n';
 }
 
-void write_line(const line &l) {
-  size_t done = 0;
-  while (done < l.length) {
-    const ssize_t rc = write(STDERR_FILENO, l.text + done, l.length - done);
-    if (rc < 0 && errno != EINTR) return;
-    if (rc > 0) done += static_cast<size_t>(rc);
-  }
+// Whether the line went out. Messages come with locks held, so it does not wait: a pipe that polls
+// as writable takes PIPE_BUF bytes at once. The agent has the same for lines of its own, since it
+// may run on another layer.
+bool write_now(const line &l) {
+  static_assert(kMaxLine <= PIPE_BUF, "one write, whole");
+  pollfd ready = {STDERR_FILENO, POLLOUT, 0};
+  if (poll(&ready, 1, 0) == 0 || (ready.revents & POLLOUT) == 0) return false;
+  return write(STDERR_FILENO, l.text, l.length) >= 0;
 }
 
 }  // namespace
@@ -124,7 +132,8 @@ void oxa_errmsg(const oxa_msg_rec_t *message, int severity, ...) {
   errno = saved_errno;
   l.append_args(kMaxLine - line::kReserve, message->format, args);
   va_end(args);
-  append_tail(&l, suppressed);
-  write_line(l);
+  const uint32_t lost_before = lost.exchange(0);
+  append_tail(&l, suppressed, lost_before);
+  if (!write_now(l)) lost += lost_before + 1;
   errno = saved_errno;
 }

@@ -8,6 +8,10 @@
  * with the time in UTC. A line has at most 1024 bytes: a text that is longer, for which at least
  * 900 are left, is cut and ends in "...". A control character in it is written as "?". Each line is
  * one write, so threads never mix theirs.
+ *
+ * Logging never waits for a reader, since the module logs with its locks held: a line that standard
+ * error, as a full pipe, does not take at once is dropped and counted, and the next line that goes
+ * out ends in " (N lines lost)".
  */
 #ifndef TARVO_PLATFORM_MESSAGE_LOG_H
 #define TARVO_PLATFORM_MESSAGE_LOG_H

@@ -23,7 +23,7 @@ lab_end() {
   trap - EXIT
   [ ${#lab_pids[@]} -eq 0 ] || kill "${lab_pids[@]}" 2>/dev/null
   wait
-  [ $status -eq 0 ] || tail -n 5 "$lab"/*.log >&2
+  [ $status -eq 0 ] || [ ${#lab_pids[@]} -eq 0 ] || tail -n 5 "$lab"/*.log >&2
   rm -rf "$lab"
   exit $status
 }

@@ -1,4 +1,5 @@
 // The agent as its operator sees it: the built program, its lines, its exit status.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
@@ -23,6 +24,7 @@ using strings = std::vector<std::string>;
 
 const std::string kPlace = testing::TempDir() + "agent_test_" + std::to_string(getpid());
 const std::string kConfig = kPlace + ".conf", kSocket = kPlace + ".sock";
+const std::string kRoot = EXAMPLES "/..";
 const std::string kRun = "cd '" EXAMPLES "'; exec '" AGENT "' ";
 const std::string kReplay = "--config two-vpns.conf --replay two-vpns.bmp";
 
@@ -37,7 +39,7 @@ class child {
  public:
   explicit child(const std::string &arguments, const std::string &input = "") {
     std::ofstream(input_) << input;
-    lines_ = popen(("echo $$; " + kRun + arguments + " 2>&1 <" + input_).c_str(), "r");
+    lines_ = popen(("echo $$; " + kRun + "2>&1 <" + input_ + ' ' + arguments).c_str(), "r");
     pid_ = std::stoi(line());
   }
   ~child() {
@@ -68,69 +70,55 @@ class child {
   pid_t pid_ = 0;
 };
 
-/// "ADD 1 10.255.1.1 10.255.1.1/32": an event without its number and time.
-std::string event_of(const json &line) {
-  std::string text = line["event"].get<std::string>() + ' ' + line["client"].dump();
-  if (line.contains("nexthop"))
-    text += ' ' + line["nexthop"].get<std::string>() + ' ' + line["prefix"].get<std::string>();
-  return text + (line["vrf"].is_null() ? "" : ' ' + line["vrf"].get<std::string>());
+std::string read_file(const std::string &path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
 }
 
-TEST(Agent, TellsTheStoryOfTheExample) {
-  child agent("--json " + kReplay +
-                  " --command='show vrfs' --command='route del 10.255.5.5/32'"
-                  " --command='rib restart' --command='show nexthops'"
-                  " --command='show nexthops CUST-B' --command='show nexthop 10.255.1.1'",
-              "resend 2\nshow pools\nshow config\nunwatch 1\nunwatch 2\nshow vrfs");
-  strings events;
-  std::vector<json> shows;
-  uint64_t seq = 0;
-  std::istringstream lines(agent.rest());
-  for (std::string text; std::getline(lines, text);) {
-    const json line = json::parse(text);
-    if (line.contains("show")) {
-      shows.push_back(line);
-      continue;
-    }
-    EXPECT_EQ(line["seq"], ++seq);
-    events.push_back(event_of(line));
-  }
-  EXPECT_EQ(agent.end(), 0);
+/// Every time of day as in README, which is one that is always the same.
+std::string timeless(const std::string &text) {
+  static const std::regex kTime("[0-9-]{10}T[0-9:.]{12}Z");
+  return std::regex_replace(text, kTime, "2026-11-24T21:36:39.986Z");
+}
 
-  EXPECT_EQ(events,
-            (strings{"END 1", "END 2 CUST-A", "ADD 1 10.255.1.1 10.255.1.1/32",
-                     "ADD 2 10.255.1.1 10.255.1.1/32 CUST-A", "ADD 1 10.255.2.2 10.255.2.0/24",
-                     "ADD 2 10.255.2.2 10.255.2.0/24 CUST-A", "ADD 1 10.255.3.3 10.255.3.3/32",
-                     "ADD 2 10.255.3.3 10.255.3.3/32 CUST-A", "ADD 1 10.255.4.4 10.255.4.4/32",
-                     "ADD 1 10.255.5.5 10.255.5.5/32", "REMOVE 1 10.255.4.4 10.255.4.4/32",
-                     "REMOVE 1 10.255.5.5 10.255.5.5/32", "ADD 2 10.255.1.1 10.255.1.1/32 CUST-A",
-                     "ADD 2 10.255.2.2 10.255.2.0/24 CUST-A",
-                     "ADD 2 10.255.3.3 10.255.3.3/32 CUST-A", "RESEND_END 2 CUST-A"}));
-  ASSERT_EQ(shows.size(), 7u);
-  EXPECT_EQ(shows[6], shows[0]) << "while nobody watches";
-  EXPECT_EQ(shows[0]["vrfs"], json::parse(R"([
-      {"vrf":"CUST-A","table":101,"import":["65000:1"],"routes":5,"nexthops":3},
-      {"vrf":"CUST-B","table":102,"import":["10.255.1.1:7","4200000002:9"],
-       "routes":3,"nexthops":3}])"));
-  EXPECT_EQ(shows[1]["nexthops"], json::parse(R"([
-      {"nexthop":"10.255.1.1","reachable":true,"prefix":"10.255.1.1/32",
-       "vrfs":[{"vrf":"CUST-A","routes":2},{"vrf":"CUST-B","routes":1}]},
-      {"nexthop":"10.255.2.2","reachable":true,"prefix":"10.255.2.0/24",
-       "vrfs":[{"vrf":"CUST-A","routes":2}]},
-      {"nexthop":"10.255.3.3","reachable":true,"prefix":"10.255.3.3/32",
-       "vrfs":[{"vrf":"CUST-A","routes":1},{"vrf":"CUST-B","routes":1}]},
-      {"nexthop":"10.255.5.5","reachable":false,"prefix":null,
-       "vrfs":[{"vrf":"CUST-B","routes":1}]}])"));
-  EXPECT_EQ(shows[2]["nexthops"].size(), 3u);
-  EXPECT_EQ(shows[2]["nexthops"][1], json::parse(R"(
-      {"nexthop":"10.255.3.3","reachable":true,"prefix":"10.255.3.3/32",
-       "vrfs":[{"vrf":"CUST-B","routes":1}]})"));
-  EXPECT_EQ(shows[3]["vrfs"], shows[1]["nexthops"][0]["vrfs"]);
-  EXPECT_FALSE(shows[4]["pools"].empty());
-  EXPECT_EQ(shows[5]["commands"].size(), 9u);
+/// What script/run's command line prints with more arguments, or with other input.
+std::string example(const std::string &more = "") {
+  const std::string script = read_file(kRoot + "/script/run");
+  const size_t arguments = script.find(" --config ");
+  FILE *agent =
+      popen(("cd '" + kRoot + "'; exec '" AGENT "'" +
+             script.substr(arguments, script.find_last_not_of('\n') + 1 - arguments) + more)
+                .c_str(),
+            "r");
+  const std::string told = timeless(read_to(agent, '\0'));
+  EXPECT_EQ(pclose(agent), 0) << told;
+  return told;
+}
+
+TEST(Agent, PrintsTheExampleAsItIsShown) {
+  const std::string told = example();
+  EXPECT_EQ(told, timeless(read_file(EXAMPLES "/two-vpns.out")));
+
+  // README leaves out lines in the middle.
+  const std::string readme = timeless(read_file(kRoot + "/README.md"));
+  const size_t first = readme.find("```\n2026-") + 4, dots = readme.find("\n...\n", first) + 1;
+  EXPECT_PRED_FORMAT2(IsSubstring, readme.substr(first, dots - first), told);
+  const std::string last = readme.substr(dots + 4, readme.find("```", dots) - dots - 4);
+  EXPECT_TRUE(told.ends_with(last)) << last;
+}
+
+TEST(Agent, TellsTheStoryOfTheExampleInJson) {
+  std::ofstream(kConfig) << "resend 2\nshow nexthops CUST-B\nshow nexthop 10.255.1.1\nshow config\n"
+                            "unwatch 1\nunwatch 2\nshow vrfs\n";
+  EXPECT_EQ(example(" --json <" + kConfig), read_file(TESTS "/two-vpns.jsonl"));
+  unlink(kConfig.c_str());
 }
 
 const std::string kConfigured = "--command help --config " + kConfig;
+const std::string kCutStream = "--replay /dev/stdin --command 'show sessions'";
+const std::string kCut = read_file(EXAMPLES "/two-vpns.bmp").substr(0, 4000);
+const std::string kFull = kPlace + ".full";  // a pipe that nobody reads
 const std::string kCheck = "--check-config " + kConfig;
 const char *const kTwoWrong = "watch 1\nvrf ad A\n\nwatch x\n";
 
@@ -146,15 +134,39 @@ const struct {
     {"--listen 127.0.0.1:x", "", 2, "--listen: 'x' is no port from 0 to 65535; --help"},
     {"--idle -1", "", 2, "tarvo-agent: --idle: '-1' is no number of seconds"},
     {"--config a --config b", "", 2, "tarvo-agent: --config: given twice"},
-    {"--json=x", "", 2, "tarvo-agent: a flag takes no value: --json = x"},
+    {"--json=3", "", 2, "tarvo-agent: --json takes no value; --help"},
     {"--replay", "", 2, "tarvo-agent: --replay: its value is missing"},
     {"--command watch", "quit", 1, "--command 'watch': column 6: expected a number"},
     {"", "watch 1\nwatch 1\nquit", 1, "standard input:2:7: client 1 watches already"},
     {"", std::string(70000, 'x') + "\nquit", 1, "standard input:1:65537: the line has more than"},
     {"--json", "show nexthops", 1, R"({"schema":1,"error":"discovery is inactive: no client)"},
     {"", "watch 1 A", 0, "\nno VRF 'A' yet\n"},
+    {"", "vrf add \xc3\xa9 table 10 import 1:1\nshow\tvrfs", 0,
+     "> show vrfs\nVRF  TABLE  IMPORT  ROUTES  NEXT HOPS\n\xc3\xa9       10  1:1          0        "
+     "  0\n"},
+    {"", "help", 0,
+     "\nquit                                   end the agent; on a control socket, the"},
+    {"", "watch 1\ninterval 199\nshow state", 0, "VALUE\nRefreshRemaining  19"},
+    {"", "watch 1\ntrace on\nrib restart\ntrace off\nrib restart\nquit", 0,
+     "\ntrace: DISC: Notify client 4294967295 of RESEND_END\n> trace off\n> rib restart\n> quit\n"},
+    {kCutStream, kCut, 1,
+     "ROUTER      SYSTEM  STATE  PEERS  VIEWS                           MESSAGES  ROUTES READ  "
+     "SKIPPED"
+     "         MALFORMED        LAST ERROR\n"
+     "/dev/stdin  GoBGP   ended      6  loc-rib post-policy pre-policy        28            7  "
+     "other_views=15  bmp-truncated=1  the stream ends within the message at byte 3937, after 63 "
+     "bytes "
+     "of it\n"},
+    {kCutStream + " --json", kCut, 1,
+     R"("up":false,"peers":6,"views":["loc-rib","post-policy","pre-policy"],"messages":28,)"
+     R"("routes_read":7,"skipped":{"other_views":15,"ipv6_nexthop":0,"vrf_unicast":0,"over_limit":0,)"
+     R"("rib_full":0},"malformed":{"bmp-truncated":1},"last_error":"the stream ends within the mes)"},
+    {kReplay, "show pools", 0, "\nPE Discovery NHop Chunk               136       4       1 "},
+    {kReplay + " --json", "show pools", 0,
+     R"({"pool":"PE Discovery NHop Chunk","element_size":136,"in_use":4,"chunks":1,"bytes":)"},
+    {"2>" + kFull, "x\nquit", 1, "> x\n> quit\n"},
     {"", "watch 1\nshow nexthops", 0, "NEXT HOP  COVERING PREFIX  VRF  ROUTES\n"},
-    {"", "watch 1\nshow prefix 10.1.2.3", 1, "no next hop 10.1.2.3"},
+    {"", "watch 1\nshow prefix 10.1.2.3", 1, "input:2:13: no next hop 10.1.2.3"},
     {kConfigured, "", 1, kConfig + ":4:7: expected", kTwoWrong},
     {kCheck, "", 1, kConfig + ":4:7: expected", kTwoWrong},
     {kCheck, "", 0, kConfig + ":3:9: note: no line adds VRF 'B'",
@@ -172,6 +184,10 @@ const struct {
 };
 
 TEST(Agent, RefusesAndGoesOn) {
+  ASSERT_EQ(mkfifo(kFull.c_str(), 0600), 0);
+  const agent::descriptor full(open(kFull.c_str(), O_RDWR | O_NONBLOCK));
+  while (write(full.number, kPlace.data(), 1) == 1) {
+  }
   for (const auto &row : kRefusals) {
     std::ofstream(kConfig) << row.start;
     child agent(row.arguments, row.input);
@@ -182,6 +198,7 @@ TEST(Agent, RefusesAndGoesOn) {
     EXPECT_TRUE(*row.start == 0 || told.find("> help") == told.npos) << told;
   }
   unlink(kConfig.c_str());
+  unlink(kFull.c_str());
 }
 
 /// What the pattern's group matches, line by line, sorted.
@@ -338,12 +355,6 @@ std::string ask_http(const std::string &port, const std::string &request) {
               " HTTP/1.1\\r\\nHost: a\\r\\nConnection: close\\r\\n\\r\\n\" >&3; cat <&3");
 }
 
-std::string read_file(const std::string &path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
 // The page has the metrics that docs/metrics.md describes, and no others.
 TEST(Agent, ShowsItsMetricsAndNothingElse) {
   child agent(kReplay + " --metrics 0 --command 'route del 10.255.3.3/32' --command 'rib restart'");
@@ -369,7 +380,7 @@ TEST(Agent, ShowsItsMetricsAndNothingElse) {
   ASSERT_NE(at, page.npos) << page;
   page.insert(at + none.size(), "tarvo_bmp_malformed_total{kind=");
   const std::regex metric("# HELP (\\S+) (.*)\n# TYPE \\S+ (\\S+)\n(\\S+\\{(\\w+)=)?");
-  const std::string docs = read_file(EXAMPLES "/../docs/metrics.md");
+  const std::string docs = read_file(kRoot + "/docs/metrics.md");
   EXPECT_EQ(docs.substr(docs.find("|---|---|---|---|\n") + 18),
             std::regex_replace(page, metric, "| `$1` | $3 | $5 | $2 |\n",
                                std::regex_constants::format_no_copy));
@@ -439,13 +450,16 @@ TEST(Agent, TellsItsServiceManager) {
 }
 
 TEST(Agent, ManualPageHasTheOptionsAndCommandsThatThereAre) {
-  const std::string page = read_file(EXAMPLES "/../docs/tarvo-agent.8");
+  const std::string page = read_file(kRoot + "/docs/tarvo-agent.8");
   const strings options = all_of(child("--help").rest(), "^  --([a-z-]+)");
   EXPECT_GT(options.size(), 10u);
   EXPECT_EQ(all_of(page, "^\\.It Fl -([a-z-]+)"), options);
   const json help = json::parse(child("--json --command help").rest());
   strings commands;
-  for (const json &form : help["help"]) commands.push_back(form["syntax"]);
+  for (const json &form : help["help"]) {
+    commands.push_back(form["syntax"]);
+    EXPECT_NE(form["help"], "") << form;
+  }
   std::sort(commands.begin(), commands.end());
   EXPECT_EQ(all_of(page, "^\\.It Cm (.*)$"), commands);
 }

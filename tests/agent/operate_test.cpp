@@ -1,16 +1,20 @@
 // What an operator leans on, part by part: the start-up file's check, the control socket, the
 // output that nobody reads, progress, the watchdog, and what `explain` says.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <sstream>
 
 #include "agent/control.h"
+#include "agent/diagnostics.h"
 #include "agent/explain.h"
 #include "agent/ledger.h"
 #include "agent/output.h"
@@ -18,6 +22,8 @@
 #include "agent/report_times.h"
 #include "agent/service_manager.h"
 #include "agent/start_file.h"
+#include "agent/text.h"
+#include "platform/message_log.h"
 #include "tests/agent/unix_socket.h"
 
 namespace agent {
@@ -198,12 +204,44 @@ TEST(Control, ReplacesNothingButADeadSocket) {
   EXPECT_PRED_FORMAT2(IsSubstring, "1 to 107", second.served.open(std::string(108, 'x'), 0600));
 }
 
+// ---- Standard error ----
+
+TEST(Diagnostics, DropsAndCountsWhatNobodyReads) {
+  const oxa_msg_rec_t message = {0, "%s", nullptr, "A", "B", "C", 0, 5, 0, 0, 0, 0};
+  const auto log = [&](const char *text) { oxa_errmsg(&message, 5, text); };
+  const auto tell = [](const char *text) { diagnose(text, "head: "); };
+  const struct {
+    std::function<void(const char *)> say;
+    std::string told;
+  } rows[] = {{log, " A-B-5-C: heard (3 lines lost)\n"}, {tell, "3 lines lost\nhead: heard\n"}};
+  for (const auto &row : rows) {
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK), 0);
+    const descriptor reader(fds[0]), writer(fds[1]), saved(dup(STDERR_FILENO));
+    while (write(writer.number, kPlace.data(), 1) == 1) {
+    }
+    fcntl(writer.number, F_SETFL, 0);  // from here on whoever writes has to wait
+    dup2(writer.number, STDERR_FILENO);
+    for (int i = 0; i < 3; ++i) row.say("lost");
+    std::string told(1 << 20, ' ');
+    EXPECT_GT(read(reader.number, told.data(), told.size()), PIPE_BUF);
+    row.say("heard");
+    row.say("again");
+    told.resize(static_cast<size_t>(read(reader.number, told.data(), told.size())));
+    dup2(saved.number, STDERR_FILENO);
+    EXPECT_PRED_FORMAT2(IsSubstring, row.told, told);
+    EXPECT_TRUE(told.ends_with(": again\n")) << told;
+  }
+}
+
 // ---- Standard output ----
 
 TEST(Output, LosesEventsAtTheBoundAndSaysHowMany) {
   std::promise<void> entered, reader;
   std::string written;
   constexpr uint64_t kLost = 10, kKept = output::kMaxQueued;
+  pe_event each;
+  each.time += milliseconds(7);
   const auto slow = [&](std::string_view lines) {
     if (written.empty()) {
       entered.set_value();
@@ -214,12 +252,12 @@ TEST(Output, LosesEventsAtTheBoundAndSaysHowMany) {
   };
   {
     output out(true, slow, [] { FAIL(); });
-    out.post({});
+    out.post(each);
     entered.get_future().wait();  // the writer holds event 1
-    for (uint64_t i = 0; i < kKept + kLost; ++i) out.post({});
+    for (uint64_t i = 0; i < kKept + kLost; ++i) out.post(each);
     const auto later = std::async(std::launch::async, [&] { reader.set_value(); });
     out.print("result\n");
-    out.post({});
+    out.post(each);
   }
   std::istringstream lines(written);
   const auto expect_line = [&](const std::string &part) {
@@ -227,7 +265,9 @@ TEST(Output, LosesEventsAtTheBoundAndSaysHowMany) {
     std::getline(lines, line);
     ASSERT_NE(line.find(part), std::string::npos) << line;
   };
-  const auto event = [](uint64_t seq) { return "\"seq\":" + std::to_string(seq) + ",\"time\""; };
+  const auto event = [](uint64_t seq) {
+    return "\"seq\":" + std::to_string(seq) + ",\"time\":\"1970-01-01T00:00:00.007Z\"";
+  };
   for (uint64_t seq = 1; seq <= 1 + kKept; ++seq) expect_line(event(seq));
   expect_line("\"seq\":" + std::to_string(1 + kKept + kLost) +
               ",\"event\":\"LOST\",\"count\":" + std::to_string(kLost) + '}');
