@@ -5,10 +5,11 @@
 // noticed. Elements come from the pool's current chunk until it is used up. The other chunks are
 // on one of three lists: full, partial, empty.
 //
-// Empty chunks beyond a reserve go back to the system. The reserve adapts: it grows by one whenever
-// a chunk is needed that was given back before, and shrinks by one with every eighth chunk that
-// runs empty. A pool that breathes therefore settles at keeping about what one breath needs, while
-// a single burst leaves the least reserve behind. It is never more than kMaxReserve chunks.
+// Chunks are mapped one by one, since an allocator keeps what is freed below anything in use. Empty
+// ones beyond a reserve go back to the system. The reserve adapts: it grows by one whenever a chunk
+// is needed that was given back before, and loses the empty chunks that nobody needed while
+// kPeriod chunks ran empty. A pool that breathes therefore settles at keeping what one breath
+// needs, while a single burst leaves the least reserve behind. It is never more than kMaxReserve.
 //
 // A pool is its user's, under the user's lock; only its counters are read by other threads, so they
 // are atomic, and written by plain loads and stores. The lock here covers the list of pools.
@@ -18,7 +19,10 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <new>
 
@@ -33,7 +37,10 @@
 #endif
 #ifdef POOL_ASAN
 #include <sanitizer/asan_interface.h>
+#include <sanitizer/lsan_interface.h>
 #else
+#define __lsan_register_root_region(address, size) ((void)(address), (void)(size))
+#define __lsan_unregister_root_region(address, size) ((void)(address), (void)(size))
 #define ASAN_POISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
 #define ASAN_UNPOISON_MEMORY_REGION(address, size) ((void)(address), (void)(size))
 #endif
@@ -42,7 +49,7 @@ namespace {
 
 constexpr unsigned kMinReserve = 2;
 constexpr unsigned kMaxReserve = 128;
-constexpr unsigned kEmptiedPerShrink = 8;
+constexpr unsigned kPeriod = 2 * kMaxReserve;  // longer than a breath that the reserve can cover
 constexpr uintptr_t kFreeMark = 1;
 
 // The word before each element.
@@ -116,17 +123,17 @@ struct pool {
 
   unsigned long count;  // elements of a chunk
   size_t stride;        // bytes from one element to the next
+  size_t chunk_bytes;   // whole pages
   chunk_list full, partial, empty;
-  unsigned reserve = kMinReserve;
-  unsigned emptied = 0;        // chunks that ran empty since the reserve shrank
+  unsigned long reserve = kMinReserve;
+  unsigned long emptied = 0;   // chunks that ran empty in this period
+  unsigned long unneeded = 0;  // the fewest empty chunks that were left when one was taken in it
   unsigned long returned = 0;  // chunks given back and not needed again yet
   counter chunks;
 
   char *name;
   pool *previous_pool = nullptr;  // list of pools
   pool *next_pool = nullptr;
-
-  size_t chunk_bytes() const { return sizeof(chunk) + count * stride; }
 };
 
 platform::mutex pools_lock;
@@ -147,8 +154,10 @@ void unlist_pool(pool *p) {
 }
 
 chunk *new_chunk(pool *p) {
-  void *memory = malloc(p->chunk_bytes());
-  if (memory == nullptr) return nullptr;
+  void *memory =
+      mmap(nullptr, p->chunk_bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (memory == MAP_FAILED) return nullptr;
+  __lsan_register_root_region(memory, p->chunk_bytes);
   auto *c = new (memory) chunk;
   for (unsigned long i = p->count; i-- > 0;) {
     header *h = c->slot(i * p->stride);
@@ -160,8 +169,10 @@ chunk *new_chunk(pool *p) {
 }
 
 void delete_chunk(pool *p, chunk *c) {
-  ASAN_UNPOISON_MEMORY_REGION(c, p->chunk_bytes());
-  free(c);
+  ASAN_UNPOISON_MEMORY_REGION(c, p->chunk_bytes);
+  __lsan_unregister_root_region(c, p->chunk_bytes);
+  // With too many mappings the system takes no piece out of one: then its addresses alone are lost.
+  if (munmap(c, p->chunk_bytes) != 0) madvise(c, p->chunk_bytes, MADV_DONTNEED);
   p->chunks.add(-1);
 }
 
@@ -178,10 +189,16 @@ chunk *grow(pool *p) {
   return c;
 }
 
+chunk *take_empty(pool *p) {
+  chunk *c = p->empty.pop();
+  p->unneeded = std::min(p->unneeded, p->empty.count);
+  return c;
+}
+
 // Replaces the current chunk, which is used up, by one with a free element.
 bool renew_current(pool *p) {
   chunk *c = p->partial.pop();
-  if (c == nullptr) c = p->empty.pop();
+  if (c == nullptr) c = take_empty(p);
   if (c == nullptr) c = grow(p);
   if (c == nullptr) return false;
   if (p->current != nullptr) p->full.push(p->current);
@@ -189,13 +206,16 @@ bool renew_current(pool *p) {
   return true;
 }
 
+void end_period(pool *p) {
+  p->reserve -= std::min(p->unneeded, p->reserve - kMinReserve);
+  p->unneeded = kMaxReserve;
+  p->emptied = 0;
+}
+
 void keep_or_return(pool *p, chunk *c) {
   p->empty.push(c);
   if ((p->flags & CHUNK_TRIM) == 0) return;
-  if (++p->emptied >= kEmptiedPerShrink) {
-    p->emptied = 0;
-    if (p->reserve > kMinReserve) --p->reserve;
-  }
+  if (++p->emptied == kPeriod) end_period(p);
   while (p->empty.count > p->reserve) {
     delete_chunk(p, p->empty.pop());
     ++p->returned;
@@ -228,9 +248,10 @@ void *chunk_create(const char *name, unsigned long size, unsigned long count, un
                    unsigned long, unsigned long) {
   const size_t stride =
       sizeof(header) + (size + sizeof(header) - 1) / sizeof(header) * sizeof(header);
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
   size_t bytes;
   if (name == nullptr || size == 0 || count == 0 || stride < size ||
-      __builtin_mul_overflow(count, stride, &bytes) || bytes > PTRDIFF_MAX - sizeof(chunk)) {
+      __builtin_mul_overflow(count, stride, &bytes) || bytes > PTRDIFF_MAX - sizeof(chunk) - page) {
     errno = EINVAL;
     return nullptr;
   }
@@ -246,6 +267,7 @@ void *chunk_create(const char *name, unsigned long size, unsigned long count, un
   p->flags = flags;
   p->count = count;
   p->stride = stride;
+  p->chunk_bytes = (sizeof(chunk) + bytes + page - 1) / page * page;
   p->name = name_copy;
   list_pool(p);
   return p;
@@ -303,7 +325,7 @@ void chunk_walk_pools(int (*visit)(const chunk_info_t *info, void *arg), void *a
                                .element_size = p->element_size,
                                .in_use = p->in_use.get(),
                                .chunks = chunks,
-                               .bytes = sizeof *p + strlen(p->name) + 1 + chunks * p->chunk_bytes(),
+                               .bytes = sizeof *p + strlen(p->name) + 1 + chunks * p->chunk_bytes,
                                .limit = limit == UINT64_MAX ? 0 : limit};
     if (visit(&info, arg) == 0) return;
   }

@@ -4,7 +4,7 @@
  *
  * A pool grows by chunks of `count` elements and gives chunks back when they empty, keeping a few
  * so that a pool that breathes does not thrash: two at first, more (128 at most) for a pool that
- * keeps needing what it gave back, and fewer again as more chunks run empty. A pool that fills and
+ * keeps needing what it gave back, and fewer again when it no longer does. A pool that fills and
  * empties the same 80 chunks again and again gives back a fifth of them at most, on average
  * from the sixth time on. One pool is used by one thread at a time (its user's lock); creating and
  * listing pools is safe from any thread, and so is destroying one that nobody uses any more.
@@ -20,7 +20,7 @@ PLATFORM_BEGIN
 enum {
   CHUNK_GROW = 0x001, /**< add a chunk when none has a free element; without it one chunk is all */
   CHUNK_ZERO = 0x100, /**< every element handed out is zero-filled, recycled ones too */
-  CHUNK_TRIM = 0x200  /**< give emptied chunks back to the system; without it they are kept */
+  CHUNK_TRIM = 0x200  /**< give emptied chunks back to the system, memory and all; else keep them */
 };
 
 /**
@@ -39,8 +39,9 @@ PLATFORM_API void chunk_destroy(void *pool);
 PLATFORM_API void *chunk_malloc(void *pool);
 
 /**
- * Returns an element to the pool it came from. An element that is not in use ends the process with
- * a message on standard error that names the pool: the memory behind it can no longer be trusted.
+ * Returns an element to the pool it came from. An element that is not in use ends the process: with
+ * a message on standard error that names the pool, as long as the element's chunk is held. Of one
+ * whose chunk was given back nothing is known, and freeing it may do anything.
  */
 PLATFORM_API void chunk_free(void *pool, void *element);
 

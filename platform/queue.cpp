@@ -21,7 +21,6 @@ void queue_enqueue(queue_t *q, void *element) {
   else
     as_link(q->tail)->next = as_link(element);
   q->tail = element;
-  ++q->count;
 }
 
 void *queue_dequeue(queue_t *q) {
@@ -40,7 +39,6 @@ void queue_remqueue(queue_t *q, void *element, void *previous) {
     as_link(previous)->next = next;
   if (q->tail == element) q->tail = previous;
   as_link(element)->next = nullptr;
-  --q->count;
 }
 
 void queue_unqueue(queue_t *q, void *element) {

@@ -15,9 +15,9 @@ PLATFORM_BEGIN
 
 /** A queue of all zero bytes is a valid empty queue. */
 typedef struct queue {
-  void *head;     /**< first element, or null; first word of the queue */
-  void *tail;     /**< last element, or null */
-  uint64_t count; /**< elements queued */
+  void *head;        /**< first element, or null; first word of the queue */
+  void *tail;        /**< last element, or null; the layer's own, as is what follows */
+  uint64_t reserved; /**< not looked at */
 } queue_t;
 
 static_assert(offsetof(queue_t, head) == 0, "the queue's first word is its head");

@@ -9,6 +9,9 @@
  * in rmx_wait_on_revival_condvar until the reviver ends the revival: it signals `revival_cond`,
  * clears the mark and releases the companion, in that order. A mutex that is not robust never
  * reports a dead owner, and none of this happens.
+ *
+ * Both mutexes are error-checking: by that the reviver is told from those who wait. Whoever makes
+ * `mutex` robust makes the companion robust too, or a reviver's death is the end of its waiters.
  */
 #ifndef TARVO_PLATFORM_REVIVAL_H
 #define TARVO_PLATFORM_REVIVAL_H

@@ -25,7 +25,7 @@ typedef struct mgd_timer_leaf mgd_timer_leaf_t;
  * A tree whose expiries are delivered through a copy of `event`: SIGEV_THREAD calls its function
  * on the tree's own thread, SIGEV_SIGNAL queues its signal to the process, SIGEV_NONE does
  * nothing. Any other kind is refused. The second argument is 0. Returns a handle, or null with
- * errno set.
+ * errno set. The caller's signal mask is as it was; the tree's thread takes no signals.
  */
 PLATFORM_API void *mgd_timer_tree_new(struct sigevent *event, int zero);
 

@@ -2,8 +2,7 @@
  * @file
  * Ordered trees of caller-owned records: plain (`avl_*`) and threaded (`wavl_*`).
  *
- * Both are one balanced tree: the heights of a record's two subtrees differ by one at most. A
- * record's first member is its node, so calls take and return the record's own address; the tree
+ * A record's first member is its node, so calls take and return the record's own address; the tree
  * allocates nothing and frees nothing. A comparator returns TREE_BEFORE when the first record sorts
  * before the second, TREE_EQUAL, or TREE_AFTER. Keys are unique: inserting an equal record fails.
  * Search, insert and delete cost a logarithm of the number of records; the successor of a record is
@@ -24,7 +23,10 @@ enum { TREE_BEFORE = 0, TREE_EQUAL = 1, TREE_AFTER = 2 };
 /** Compares two records; either may be a key record, of which only the key fields are set. */
 typedef int (*tree_cmp)(const void *a, const void *b);
 
-/** Links of one record. All zero while the record is in no tree, and in every key record. */
+/**
+ * The node of one record. All zero in every key record, and before the record is first inserted.
+ * The members are the layer's own: another implementation may give these 24 bytes any meaning.
+ */
 typedef struct avl_node {
   struct avl_node *left;  /**< lower records */
   struct avl_node *right; /**< higher records */
@@ -50,7 +52,8 @@ PLATFORM_API void *avl_delete(void *root_address, const void *key, tree_cmp cmp)
 
 /**
  * Calls `visit` for every record in ascending order while it returns 1; 0 ends the walk at once,
- * and then the tree is not looked at again, so such a last visit may change the tree at will.
+ * and then the tree is not looked at again, so such a last visit may change the tree at will. A
+ * visit that returns 1 may delete, and free, its own record and no other.
  * Returns 1 when every record was visited, else 0.
  */
 PLATFORM_API int avl_walk(void *root, int (*visit)(void *node, void *arg), void *arg);
@@ -63,12 +66,11 @@ PLATFORM_API void *avl_get_next(void *node);
 
 /* --- Threaded tree: a head that remembers its comparator. --- */
 
-/** Head of a threaded tree. */
+/** Head of a threaded tree; what is in it is the layer's own. */
 typedef struct wavl_tree {
-  avl_node_t *root;     /**< null when empty */
-  tree_cmp cmp;         /**< null after wavl_finish */
-  uint64_t count;       /**< records in the tree */
-  uint64_t reserved[9]; /**< not looked at */
+  avl_node_t *root;      /**< null when empty */
+  tree_cmp cmp;          /**< null after wavl_finish */
+  uint64_t reserved[10]; /**< not looked at */
 } wavl_tree_t;
 
 static_assert(sizeof(wavl_tree_t) == 96, "part of the next-hop entry's layout");
@@ -90,7 +92,7 @@ PLATFORM_API void wavl_finish(wavl_tree_t *tree);
 /** As avl_insert; `thread` is 0. */
 PLATFORM_API void *wavl_insert_thread(wavl_tree_t *tree, unsigned long thread, void *node);
 
-/** Unlinks `node`, which is in the tree, and zeroes its links. */
+/** Unlinks `node`, which is in the tree. */
 PLATFORM_API void wavl_delete_thread(wavl_tree_t *tree, unsigned long thread, void *node);
 
 /** The record equal to `key`, or null. */

@@ -15,13 +15,14 @@ struct sigevent attach(void *mgr, event_handler handler, void *context) {
   return event;
 }
 
-// Its handler raises its own event until it stops the manager.
+// Its handler attaches another event, and raises its own until it stops the manager.
 struct counted {
   void *mgr;
   int stop_at, runs = 0;
   struct sigevent event = attach(mgr, handler, this);
   static int handler(void *context) {
     auto *c = static_cast<counted *>(context);
+    attach(c->mgr, handler, c);
     ++c->runs == c->stop_at ? event_mgr_stop(c->mgr) : raise_event(c->event);
     return 0;
   }
@@ -99,7 +100,11 @@ TEST(timers, AgreeWithAList) {
   event.sigev_notify = SIGEV_SIGNAL;
   event.sigev_signo = SIGRTMIN;
   event.sigev_value.sival_int = 42;
+  sigset_t before = {}, after = {};
+  pthread_sigmask(SIG_SETMASK, nullptr, &before);
   void *tree = mgd_timer_tree_new(&event, 0);
+  pthread_sigmask(SIG_SETMASK, nullptr, &after);
+  EXPECT_EQ(memcmp(&before, &after, sizeof before), 0) << "the caller's signal mask";
   event = {};  // the tree has its copy
   const auto delivered = [&set](time_t bound) {
     siginfo_t info;

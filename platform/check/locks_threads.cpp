@@ -40,6 +40,8 @@ TEST(locks, WaitUntilTheLastReviverEndsIt) {
     std::jthread other([&] {
       g.lock();
       EXPECT_TRUE(!g.pending() && !g.mutex_is_free());
+      EXPECT_EQ(pthread_mutex_lock(&g.revival_mutex), 0) << "who waited has let go of it";
+      pthread_mutex_unlock(&g.revival_mutex);
       g.unlock();
     });
     while (g.mutex_is_free()) std::this_thread::yield();  // until the other one holds it and waits

@@ -1,21 +1,40 @@
 // What this layer does beyond the contract. Without memory: every allocation of every operation
 // fails once, which must change nothing; nor must anything be left over, of which AddressSanitizer
-// tells. And its pools tell it which elements are free.
+// tells. And its pools tell it which elements are free; its trees are balanced; its timers' thread
+// sleeps until the deadline, by the right clock.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <time.h>
 
+#include <atomic>
 #include <deque>
+#include <random>
+#include <semaphore>
 #include <string>
 
 #include "platform/bag.h"
 #include "platform/ods.h"
 #include "platform/pool.h"
+#include "platform/timer.h"
+#include "platform/tree.h"
 
 namespace {
 
 int fail_after = -1;  // allocations that succeed before the one that fails; negative: none fails
 
 bool fails() { return fail_after >= 0 && fail_after-- == 0; }
+
+constexpr time_t kForEver = -1;
+std::counting_semaphore<> waits(0);  // on a condition, begun
+std::atomic<time_t> waits_until = 0;
+
+void begin_wait(time_t until) {
+  waits_until = until;
+  waits.release();
+}
+
+std::atomic<time_t> frozen = 0;  // what the monotonic clock shows, unless 0
 
 }  // namespace
 
@@ -27,6 +46,22 @@ void *__wrap_malloc(size_t size) { return fails() ? nullptr : __real_malloc(size
 void *__wrap_calloc(size_t n, size_t size) { return fails() ? nullptr : __real_calloc(n, size); }
 void *__wrap_realloc(void *block, size_t size) {
   return fails() ? nullptr : __real_realloc(block, size);
+}
+int __real_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *m);
+int __real_pthread_cond_timedwait(pthread_cond_t *, pthread_mutex_t *, const struct timespec *);
+int __real_clock_gettime(clockid_t clock, struct timespec *t);
+int __wrap_pthread_cond_wait(pthread_cond_t *cond, pthread_mutex_t *m) {
+  begin_wait(kForEver);
+  return __real_pthread_cond_wait(cond, m);
+}
+int __wrap_pthread_cond_timedwait(pthread_cond_t *cond, pthread_mutex_t *m, const timespec *t) {
+  begin_wait(t->tv_sec);
+  return __real_pthread_cond_timedwait(cond, m, t);
+}
+int __wrap_clock_gettime(clockid_t clock, struct timespec *t) {
+  if (frozen == 0 || clock != CLOCK_MONOTONIC) return __real_clock_gettime(clock, t);
+  *t = {frozen, 0};
+  return 0;
 }
 }
 
@@ -98,6 +133,58 @@ TEST(NoMemory, RegistryAndEncoderStayAsTheyWere) {
   const bag_type_table_t string = {0, 8, &at_start};
   d = {1, "", 4, "", &string, "$1={A}s;", "$1=s;"};
   EXPECT_EQ(encode(), BAG_ERR_VALUE);
+}
+
+struct record {
+  avl_node_t node = {};
+  uint32_t key;
+  explicit record(uint32_t k) : key(k) {}
+  static int compare(const void *a, const void *b) {
+    const auto x = static_cast<const record *>(a)->key, y = static_cast<const record *>(b)->key;
+    return x < y ? TREE_BEFORE : x == y ? TREE_EQUAL : TREE_AFTER;
+  }
+};
+
+int height(const avl_node_t *n) {
+  if (n == nullptr) return 0;
+  const int left = height(n->left), right = height(n->right);
+  EXPECT_LE(std::abs(left - right), 1);
+  return 1 + std::max(left, right);
+}
+
+TEST(Trees, AreBalanced) {
+  std::deque<record> records;
+  for (uint32_t k = 0; k < 400; ++k) records.emplace_back(k);
+  wavl_tree_t tree;
+  wavl_init(&tree, 1, 0, record::compare);
+  std::mt19937 random(1);
+  for (int step = 0; step < 40000; ++step) {
+    record *r = &records[random() % records.size()];
+    const bool grows = (random() % 3 != 0) == (step / 2000 % 2 == 0);
+    if (grows)
+      wavl_insert_thread(&tree, 0, r);
+    else if (r->node.parent != 0)
+      wavl_delete_thread(&tree, 0, r);
+    if (step % 50 == 0) height(tree.root);
+  }
+}
+
+TEST(Timers, SleepUntilTheDeadlineAndKeepTheOrderOfCreation) {
+  struct sigevent event = {};
+  event.sigev_notify = SIGEV_NONE;
+  frozen = 1000;
+  void *tree = mgd_timer_tree_new(&event, 0);
+  auto *a = mgd_timer_leaf_new(tree, 0, 0, 0), *b = mgd_timer_leaf_new(tree, 0, 1, 0);
+  const struct timespec now = {}, later = {INT32_MAX, 0};
+  waits.acquire();
+  EXPECT_EQ(waits_until, kForEver);
+  mgd_timer_leaf_start(static_cast<mgd_timer_leaf_t *>(a), &later);
+  waits.acquire();
+  EXPECT_EQ(waits_until, frozen + INT32_MAX);
+  for (void *l : {b, a}) mgd_timer_leaf_start(static_cast<mgd_timer_leaf_t *>(l), &now);
+  EXPECT_EQ(mgd_timer_tree_first_expired(tree), a) << "of equal deadlines";
+  mgd_timer_tree_destroy(tree);
+  frozen = 0;
 }
 
 #ifdef __SANITIZE_ADDRESS__
