@@ -43,8 +43,7 @@ TEST(Messages, AreAsTabled) {
     EXPECT_EQ(r.facility + std::string(r.group), "TARVOKORV");
     EXPECT_EQ(std::pair(r.facility, r.group),
               std::pair(oxa_msg_rec_tarvo_agent.facility, oxa_msg_rec_tarvo_agent.group));
-    if (r.limit != nullptr)
-      EXPECT_TRUE(std::ranges::all_of(r.limit->state, [](auto s) { return s == 0; }));
+    EXPECT_TRUE(r.limit == nullptr || std::ranges::count(r.limit->state, 0) == 28);
     EXPECT_EQ(r.reserved0 + r.reserved1 + r.reserved2 + r.reserved3, 0u);
   }
   EXPECT_EQ(oxa_msg_rec_tarvo_disc_limit.limit, &oxa_msg_limit_tarvo_disc_limit);
