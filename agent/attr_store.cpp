@@ -72,8 +72,7 @@ void attr_store::release(attr_id id) {
   free_attrs_.push_back(id);
 }
 
-void attr_store::take_out(attr_id id, uint32_t nexthop, std::vector<uint32_t> &slots) const {
-  if (attrs_[id].nexthop != nexthop) return;
+void attr_store::take_out(attr_id id, std::vector<uint32_t> &slots) const {
   auto left = importers(id);
   std::erase_if(slots, [&left](uint32_t slot) {
     while (!left.empty() && left.front() < slot) left = left.subspan(1);

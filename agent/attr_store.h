@@ -47,9 +47,8 @@ class attr_store {
     if (a.nexthop == 0) return {};
     return sets_[a.set].importers;
   }
-  /// Takes those VRFs out of `slots`, ascending, that a route with these attributes belongs to with
-  /// this next hop.
-  void take_out(attr_id id, uint32_t nexthop, std::vector<uint32_t> &slots) const;
+  /// Takes those out of `slots`, ascending.
+  void take_out(attr_id id, std::vector<uint32_t> &slots) const;
 
   void add_importer(uint32_t slot, std::span<const route_target> imports);
   void remove_importer(uint32_t slot);

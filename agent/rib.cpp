@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <iterator>
 #include <new>
 #include <tuple>
 #include <unordered_map>
@@ -151,10 +150,20 @@ void rib::insert(const place &where, source_id source, const nlri &key, attr_id 
   report_change(where, key, attr_store::kNone, attributes);
 
   path_index index = take_path();
-  at(index) = {key.rd, key.prefix, key.path_id, heads_[where.bucket], attributes,
-               source, kNone,      kNone,       key.length,           key.vpn};
+  path_index &newest = sources_[source].newest;
+  at(index) = {.rd = key.rd,
+               .prefix = key.prefix,
+               .next = heads_[where.bucket],
+               .length = key.length,
+               .vpn = key.vpn,
+               .attributes = attributes,
+               .source = source,
+               .older = newest,
+               .newer = kNone,
+               .path_id = key.path_id};
   heads_[where.bucket] = index;
-  link_to_source(index);
+  if (newest != kNone) at(newest).newer = index;
+  newest = index;
   attrs_.retain(attributes);
   ++*sources_[source].together;
   if (++paths_ > heads_.size()) double_buckets();
@@ -179,13 +188,6 @@ void rib::remove(const place &where) {
   attrs_.release(p.attributes);
   --*sources_[p.source].together;
   free_path(where.at);
-}
-
-void rib::link_to_source(path_index index) {
-  path_index &newest = sources_[at(index).source].newest;
-  at(index).older = newest;
-  if (newest != kNone) at(newest).newer = index;
-  newest = index;
 }
 
 // From its bucket and its source.
@@ -262,42 +264,49 @@ void rib::report_change(const place &where, const nlri &key, attr_id before, att
 void rib::report_gained(const place &where, const nlri &key, attr_id gained, attr_id other,
                         bool add) {
   const uint32_t nexthop = attrs_.nexthop(gained);
-  made_.clear();
-  for (uint32_t slot : attrs_.importers(gained))
-    if (reports_.wants(slot, where.bucket)) made_.push_back(slot);
-  attrs_.take_out(other, nexthop, made_);
-  if (where.siblings != 0) take_out_others(key, nexthop, heads_[where.bucket], kNone, where.at);
-  for (uint32_t slot : made_) reports_.report(slot, nexthop, add);
+  slot_span slots = attrs_.importers(gained);
+  take_out(slots, nexthop, other);
+  if (where.siblings != 0)
+    take_out_others(slots, nexthop, key, heads_[where.bucket], kNone, where.at);
+  for (uint32_t slot : slots)
+    if (reports_.wants(slot, where.bucket)) reports_.report(slot, nexthop, add);
 }
 
-// Of the VRFs in made_, those where another path of the bucket, from `first` up to `end`, makes the
-// route. One walk, whatever their number.
-void rib::take_out_others(const nlri &key, uint32_t nexthop, path_index first, path_index end,
-                          path_index itself) const {
-  for (path_index index = first; index != end && !made_.empty(); index = at(index).next) {
+// Takes those VRFs out where a path with other attributes makes the route with this next hop.
+void rib::take_out(slot_span &slots, uint32_t nexthop, attr_id other) const {
+  if (attrs_.nexthop(other) != nexthop) return;
+  if (slots.data() != made_.data()) made_.assign(slots.begin(), slots.end());
+  attrs_.take_out(other, made_);
+  slots = made_;
+}
+
+// The same for each path of the NLRI from `first` up to `end`. One walk for all VRFs.
+void rib::take_out_others(slot_span &slots, uint32_t nexthop, const nlri &key, path_index first,
+                          path_index end, path_index itself) const {
+  for (path_index index = first; index != end && !slots.empty(); index = at(index).next) {
     const path &p = at(index);
-    if (index != itself && p.same_route(key)) attrs_.take_out(p.attributes, nexthop, made_);
+    if (index != itself && p.same_route(key)) take_out(slots, nexthop, p.attributes);
   }
 }
 
 // ---- Passes ----
 
-// Several paths may make a route; the first in the bucket stands for it.
-template <typename Asked>
-const std::vector<uint32_t> &rib::routes_of(size_t bucket, path_index index, Asked asked) const {
+// The VRFs where the path makes a route: of several paths that do, the first in the bucket.
+rib::slot_span rib::routes_of(size_t bucket, path_index index) const {
   const path &p = at(index);
-  made_.clear();
-  if (!p.vpn) return made_;
-  std::ranges::copy_if(attrs_.importers(p.attributes), std::back_inserter(made_), asked);
-  take_out_others(p.key(), attrs_.nexthop(p.attributes), heads_[bucket], index, index);
-  return made_;
+  slot_span slots = attrs_.importers(p.attributes);
+  take_out_others(slots, attrs_.nexthop(p.attributes), p.key(), heads_[bucket], index, index);
+  return slots;
 }
 
 template <typename Asked, typename Visit>
 void rib::visit_routes(size_t bucket, Asked asked, Visit visit) const {
-  for (path_index index = heads_[bucket]; index != kNone; index = at(index).next)
-    for (uint32_t slot : routes_of(bucket, index, asked))
-      visit(slot, attrs_.nexthop(at(index).attributes));
+  for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
+    const path &p = at(index);
+    if (!p.vpn || std::ranges::none_of(attrs_.importers(p.attributes), asked)) continue;
+    for (uint32_t slot : routes_of(bucket, index))
+      if (asked(slot)) visit(slot, attrs_.nexthop(p.attributes));
+  }
 }
 
 bool rib::work() {
@@ -351,7 +360,7 @@ void rib::visit_nexthop(uint32_t nexthop,
       const path &p = at(index);
       if (!p.vpn || attrs_.nexthop(p.attributes) != nexthop) continue;
       path_info info{p.key(), source_id(p.source), attrs_.targets(p.attributes), {}};
-      const auto &routes = routes_of(bucket, index, kEveryVrf);
+      const slot_span routes = routes_of(bucket, index);
       for (uint32_t slot : attrs_.importers(p.attributes)) {
         const size_t vrf = size_t(std::ranges::find(slots_, slot) - slots_.begin());
         info.imports.emplace_back(vrf, std::ranges::binary_search(routes, slot));

@@ -119,18 +119,19 @@ class rib {
   static constexpr size_t kSliceBuckets = 16384;
   static constexpr size_t kPrefetchAhead = 8;
 
-  // The bits are those of kMaxPaths, kMaxAttributes, kMaxSources and 32.
+  // The bits are those of kMaxPaths, kMaxAttributes, kMaxSources and 32; what a walk of the bucket
+  // reads comes first, since half of the paths stand in two cache lines.
   struct path {
     uint64_t rd;
     uint32_t prefix;
-    uint32_t path_id;
-    uint64_t next : 24;  // in the bucket, or of the free ones
+    uint32_t next : 24;  // in the bucket, or of the free ones
+    uint32_t length : 6;
+    uint32_t vpn : 1;
     uint64_t attributes : 20;
     uint64_t source : 20;
     uint64_t older : 24;  // of the source
-    uint64_t newer : 24;
-    uint64_t length : 6;
-    uint64_t vpn : 1;
+    uint32_t newer : 24;
+    uint32_t path_id;
 
     nlri key() const { return {rd, prefix, path_id, uint8_t(length), vpn != 0}; }
     bool same_route(const nlri &other) const {
@@ -166,15 +167,17 @@ class rib {
   void remove(const place &where);
   path_index take_path();
   void free_path(path_index index);
-  void link_to_source(path_index index);
   void unlink(const place &where);
   void double_buckets();
   void split_bucket(path_index first, size_t bucket);
 
   void report_change(const place &where, const nlri &key, attr_id before, attr_id after);
   void report_gained(const place &where, const nlri &key, attr_id gained, attr_id other, bool add);
-  void take_out_others(const nlri &key, uint32_t nexthop, path_index first, path_index end,
-                       path_index itself) const;
+  /// VRFs by slot, ascending: the importing ones, or in made_ what is left of them.
+  using slot_span = std::span<const uint32_t>;
+  void take_out(slot_span &slots, uint32_t nexthop, attr_id other) const;
+  void take_out_others(slot_span &slots, uint32_t nexthop, const nlri &key, path_index first,
+                       path_index end, path_index itself) const;
 
   void dump_slice();
   void dump_bucket(size_t bucket);
@@ -193,9 +196,7 @@ class rib {
     prefetch_first(bucket + 2 * kPrefetchAhead);
     prefetch_second(bucket + kPrefetchAhead);
   }
-  /// The importing VRFs that the path stands for, those among them that `asked` picks.
-  template <typename Asked>
-  const std::vector<uint32_t> &routes_of(size_t bucket, path_index index, Asked asked) const;
+  slot_span routes_of(size_t bucket, path_index index) const;
   template <typename Asked, typename Visit>
   void visit_routes(size_t bucket, Asked asked, Visit visit) const;
 
@@ -215,7 +216,7 @@ class rib {
 
   std::vector<vrf_config> vrfs_;
   std::vector<uint32_t> slots_;         ///< of vrfs_, in the same order
-  mutable std::vector<uint32_t> made_;  ///< scratch: VRFs in which a path makes a route
+  mutable std::vector<uint32_t> made_;  ///< scratch of take_out()
 };
 
 }  // namespace agent
