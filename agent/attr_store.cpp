@@ -72,10 +72,12 @@ void attr_store::release(attr_id id) {
   free_attrs_.push_back(id);
 }
 
-bool attr_store::gives(attr_id id, uint32_t slot, uint32_t nexthop) const {
-  const attr &a = attrs_[id];
-  return a.nexthop == nexthop && nexthop != 0 &&
-         std::ranges::binary_search(sets_[a.set].importers, slot);
+void attr_store::take_out(attr_id id, std::vector<uint32_t> &slots) const {
+  auto left = importers(id);
+  std::erase_if(slots, [&left](uint32_t slot) {
+    while (!left.empty() && left.front() < slot) left = left.subspan(1);
+    return !left.empty() && left.front() == slot;
+  });
 }
 
 // ---- Target sets ----

@@ -26,7 +26,7 @@ class attr_store {
  public:
   /// Attributes of no route: no next hop, no VRF. Never released.
   static constexpr attr_id kNone = 0;
-  static constexpr size_t kMaxAttributes = size_t{1} << 20;
+  static constexpr size_t kMaxAttributes = (size_t{1} << 20) - 1;
   static constexpr size_t kMaxTargets = size_t{1} << 24;  ///< of all sets together
 
   attr_store();
@@ -47,8 +47,8 @@ class attr_store {
     if (a.nexthop == 0) return {};
     return sets_[a.set].importers;
   }
-  /// Whether a route with these attributes belongs to the slot's VRF with this next hop.
-  bool gives(attr_id id, uint32_t slot, uint32_t nexthop) const;
+  /// Takes those out of `slots`, ascending.
+  void take_out(attr_id id, std::vector<uint32_t> &slots) const;
 
   void add_importer(uint32_t slot, std::span<const route_target> imports);
   void remove_importer(uint32_t slot);

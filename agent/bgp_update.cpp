@@ -118,8 +118,8 @@ route_fault read_vpn_part(byte_cursor &in, unsigned &bits, nlri &route) {
   return stacked && route.rd >> 48 > kLastDistinguisherType ? kEndlessStack : route_fault{};
 }
 
-// Reads one NLRI; sets `stray` when bits beyond the prefix aren't zero.
-route_fault read_route(byte_cursor &section, bool vpn, bool path_ids, nlri &route, bool &stray) {
+// Reads one NLRI; sets `odd` when bits beyond the prefix aren't zero.
+route_fault read_route(byte_cursor &section, bool vpn, bool path_ids, nlri &route, bool &odd) {
   if (path_ids) route.path_id = section.u32();
   unsigned bits = section.u8();
   byte_cursor in = section.take((bits + 7) / 8);
@@ -135,7 +135,7 @@ route_fault read_route(byte_cursor &section, bool vpn, bool path_ids, nlri &rout
   for (unsigned read = 0; read < bits; read += 8)
     route.prefix |= static_cast<uint32_t>(in.u8()) << (24 - read);
   const uint32_t mask = bits == 0 ? 0 : ~uint32_t{0} << (32 - bits);
-  stray |= (route.prefix & ~mask) != 0;
+  odd |= (route.prefix & ~mask) != 0;
   route.prefix &= mask;
   route.length = static_cast<uint8_t>(bits);
   return {};
@@ -145,10 +145,10 @@ route_fault read_route(byte_cursor &section, bool vpn, bool path_ids, nlri &rout
 struct section_reading {
   route_fault fault;
   size_t offset = 0;  // of the fault
-  bool stray = false;
+  bool odd = false;   // valid, but not what a router writes
 
   bool valid() const { return fault.kind == nullptr; }
-  bool clean() const { return valid() && !stray; }
+  bool clean() const { return valid() && !odd; }
 };
 
 // Appends the section's routes: all of them, or none.
@@ -158,11 +158,13 @@ section_reading read_section(byte_cursor in, bool vpn, bool path_ids, std::vecto
   while (in.left() > 0) {
     nlri route;
     reading.offset = in.offset();
-    reading.fault = read_route(in, vpn, path_ids, route, reading.stray);
+    reading.fault = read_route(in, vpn, path_ids, route, reading.odd);
     if (!reading.valid()) {
       routes.resize(before);
       return reading;
     }
+    // Twice in a row: the zeros of a path identifier read as so many default routes.
+    reading.odd |= routes.size() > before && routes.back() == route;
     routes.push_back(route);
   }
   return reading;
@@ -171,8 +173,8 @@ section_reading read_section(byte_cursor in, bool vpn, bool path_ids, std::vecto
 // The state of one pass.
 class update_reader {
  public:
-  update_reader(add_path_families negotiated, bgp_update &update)
-      : negotiated_(negotiated), update_(update) {}
+  update_reader(add_path_families &expected, bgp_update &update)
+      : expected_(expected), update_(update) {}
 
   void read(byte_cursor body);
 
@@ -190,7 +192,7 @@ class update_reader {
   void withdraw_announced(bgp_reach &reach);
   void fail(fault_action action, size_t offset, const char *kind, const char *what);
 
-  const add_path_families negotiated_;
+  add_path_families &expected_;
   bgp_update &update_;
   std::bitset<256> seen_;
   uint8_t attribute_ = 0;  // being read; 0 outside the attributes
@@ -251,10 +253,10 @@ void update_reader::read_attribute(byte_cursor &list) {
   const attribute_rule *rule = rule_of(attribute_);
   if (rule == nullptr) return;
   if (seen_.test(attribute_)) {
-    // Of a repeated attribute the first counts; but two sets of routes can't both be right.
-    if (attribute_ == kMpReach || attribute_ == kMpUnreach)
-      fail(fault_action::withdraw, offset, "attribute-repeated", "two sets of routes");
-    return;
+    // Of a repeated attribute the first counts; but two sets of routes can't both be right, and
+    // those of both are withdrawn.
+    if (attribute_ != kMpReach && attribute_ != kMpUnreach) return;
+    fail(fault_action::withdraw, offset, "attribute-repeated", "two sets of routes");
   }
   seen_.set(attribute_);
   if ((flags & (kOptional | kTransitive)) != rule->flags)
@@ -318,22 +320,24 @@ void update_reader::read_mp_reach(byte_cursor value) {
                 "a next hop that the attribute doesn't hold");
   if (routes_of == family::other) return;
 
+  const bool vpn = routes_of == family::vpn;
   const size_t length = nexthop.left();
-  const bool ipv6 = length == 16 || length == 24 || length == 32 || length == 48;
+  const bool ipv4 = length == (vpn ? 12 : 4);
+  const bool ipv6 = length == (vpn ? 24 : 16) || length == (vpn ? 48 : 32);
   // The routes start where the next hop ends: when that is in doubt, none is known.
-  const size_t ipv4_length = routes_of == family::vpn ? 12 : 4;
-  if (!ipv6 && length != ipv4_length)
+  if (!ipv4 && !ipv6)
     return fail(fault_action::withdraw, start, "next-hop-length",
                 "a next hop of a length that its family doesn't have");
 
   bgp_reach &reach = update_.multiprotocol;
   read_routes(value, routes_of, reach.routes);
-  if (ipv6) {
+  if (ipv6 && vpn) {
     update_.not_ipv4 += reach.routes.size();
     return withdraw_announced(reach);  // it replaces what the peer announced before
   }
+  if (ipv6) return;  // of the global table the prefix is all that counts
   const size_t offset = nexthop.offset();
-  if (routes_of == family::vpn && nexthop.u64() != 0)
+  if (vpn && nexthop.u64() != 0)
     fail(fault_action::withdraw, offset, "next-hop", "a next hop with a route distinguisher");
   reach.nexthop = take_next_hop(nexthop);
 }
@@ -353,29 +357,31 @@ void update_reader::read_targets(byte_cursor value) {
   }
 }
 
-// Reads as negotiated, unless that gives implausible routes and the other way gives clean ones.
+// Reads as expected, unless that gives implausible routes and the other way gives clean ones, which
+// is expected from then on: many sections read well either way.
 void update_reader::read_routes(byte_cursor section, family routes_of, std::vector<nlri> &routes) {
   const bool vpn = routes_of == family::vpn;
-  const bool path_ids = vpn ? negotiated_.vpn : negotiated_.unicast;
+  bool &path_ids = vpn ? expected_.vpn : expected_.unicast;
   const size_t before = routes.size();
-  const section_reading negotiated = read_section(section, vpn, path_ids, routes);
-  if (negotiated.clean()) return;
+  const section_reading expected = read_section(section, vpn, path_ids, routes);
+  if (expected.clean()) return;
 
   const size_t between = routes.size();
   if (read_section(section, vpn, !path_ids, routes).clean()) {
+    path_ids = !path_ids;
     update_.other_reading = true;
     routes.erase(routes.begin() + static_cast<ptrdiff_t>(before),
                  routes.begin() + static_cast<ptrdiff_t>(between));
     return;
   }
   routes.resize(between);
-  if (!negotiated.valid())
-    fail(fault_action::withdraw, negotiated.offset, negotiated.fault.kind, negotiated.fault.what);
+  if (!expected.valid())
+    fail(fault_action::withdraw, expected.offset, expected.fault.kind, expected.fault.what);
 }
 
 }  // namespace
 
-void read_update(byte_cursor body, add_path_families negotiated, bgp_update &update) {
+void read_update(byte_cursor body, add_path_families &expected, bgp_update &update) {
   update.withdrawn.clear();
   update.classic.routes.clear();
   update.multiprotocol.routes.clear();
@@ -383,7 +389,7 @@ void read_update(byte_cursor body, add_path_families negotiated, bgp_update &upd
   update.not_ipv4 = 0;
   update.other_reading = false;
   update.fault = {};
-  update_reader(negotiated, update).read(body);
+  update_reader(expected, update).read(body);
 }
 
 }  // namespace agent

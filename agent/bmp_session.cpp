@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "agent/bgp_open.h"
 #include "agent/rib.h"
@@ -197,6 +198,7 @@ void bmp_session::withdraw_all() {
   for (const auto &[key, gone] : peers_)
     if (gone.source) routes_.close_source(*gone.source);
   peers_.clear();
+  other_peers_.clear();
 }
 
 void bmp_session::read_message(std::span<const uint8_t> message) {
@@ -220,6 +222,7 @@ void bmp_session::read_initiation(byte_cursor in) {
     withdraw_all();
     terminated_ = told_empty_view_ = told_peer_limit_ = false;
     view_seen_ = {};
+    told_reading_.clear();
     system_name_.clear();
   }
   while (in.left() > 0) {
@@ -264,17 +267,22 @@ void bmp_session::read_peer_message(uint8_t type, byte_cursor in) {
   read_peer_down(header);
 }
 
+// Each map has a limit of its own: a PE may have more customers than there is room for, and brings
+// its Loc-RIB all the same.
+bmp_session::peer_map &bmp_session::peers_of_type(uint8_t type) {
+  return (type == kLocRibInstance) == (chosen_ == kLocRib) ? peers_ : other_peers_;
+}
+
 bmp_session::peer *bmp_session::find_or_add_peer(const peer_key &key) {
-  const auto found = peers_.find(key);
-  if (found != peers_.end()) return &found->second;
-  if (peers_.size() < kMaxPeers) return &peers_[key];
+  peer_map &known = peers_of_type(key.type);
+  const auto found = known.find(key);
+  if (found != known.end()) return &found->second;
+  if (known.size() < kMaxPeers) return &known[key];
 
   ++skipped_.over_limit;
-  if (!told_peer_limit_)
+  if (&known == &peers_ && !std::exchange(told_peer_limit_, true))
     say("more than " + std::to_string(kMaxPeers) +
-        " peers: the messages of further ones are "
-        "read over");
-  told_peer_limit_ = true;
+        " peers: the messages of further ones are read over");
   return nullptr;
 }
 
@@ -292,10 +300,11 @@ void bmp_session::read_peer_up(const peer_header &header, byte_cursor in) {
 
 // Each peer type has views of its own, so the peer's one source is of the type that went down.
 void bmp_session::read_peer_down(const peer_header &header) {
-  const auto gone = peers_.find(header.key);
-  if (gone == peers_.end()) return;
+  peer_map &known = peers_of_type(header.key.type);
+  const auto gone = known.find(header.key);
+  if (gone == known.end()) return;
   if (gone->second.source) routes_.close_source(*gone->second.source);
-  peers_.erase(gone);
+  known.erase(gone);
 }
 
 // Routes.
@@ -308,9 +317,9 @@ bmp_session::view_index bmp_session::view_of(const peer_header &header) {
 
 void bmp_session::read_routes(const peer_header &header, byte_cursor in) {
   const view_index view = view_of(header);
+  view_seen_[view] |= in.left() > kLongestEndOfRib;
   if (view != chosen_) {
     ++skipped_.other_views;
-    view_seen_[view] |= in.left() > kLongestEndOfRib;
     return;
   }
 
@@ -329,12 +338,7 @@ void bmp_session::read_routes(const peer_header &header, byte_cursor in) {
 // Applies what was read. Withdrawals go first: a route in both lists is announced.
 void bmp_session::learn(const peer_header &header, peer &from) {
   if (update_.fault.action != fault_action::none) report_fault(header, update_.fault, "UPDATE");
-  if (update_.other_reading && !from.told_reading) {
-    from.told_reading = true;
-    say(name_of(header.key) +
-        ": path identifiers are used against what the OPENs say; read as they "
-        "come");
-  }
+  if (update_.other_reading) tell_reading(header.key);
   skipped_.ipv6_nexthop += update_.not_ipv4;
   routes_read_ += update_.withdrawn.size() + update_.classic.routes.size() +
                   update_.multiprotocol.routes.size();
@@ -343,7 +347,6 @@ void bmp_session::learn(const peer_header &header, peer &from) {
 
   for (const bgp_reach *reach : {&update_.classic, &update_.multiprotocol}) {
     if (reach->routes.empty()) continue;
-    view_seen_[chosen_] = true;
     const bool vpn = reach->routes.front().vpn;
     // Unicast routes of a router's VRF aren't those of the global table.
     const bool global = header.key.distinguisher == 0 &&
@@ -427,14 +430,24 @@ void bmp_session::count_fault(const char *kind, const std::string &text) {
   last_error_ = text;
 }
 
-// Counts a fault and, unless a hostile router has made too many of them, tells it.
 void bmp_session::report(const char *kind, const std::string &text) {
   count_fault(kind, text);
-  if (reports_ > kMaxReports) return;
+  tell(text);
+}
+
+// Unless a hostile router has made it tell too much.
+void bmp_session::tell(const std::string &text) {
+  if (told_enough()) return;
   if (++reports_ <= kMaxReports)
     say(text);
   else
     say("further faults are only counted");
+}
+
+// Once a peer, also if that goes and comes.
+void bmp_session::tell_reading(const peer_key &key) {
+  if (told_enough() || !told_reading_.insert(key).second) return;
+  tell(name_of(key) + ": path identifiers are used against what the OPENs say; read as they come");
 }
 
 void bmp_session::say(const std::string &text) { say_(router_ + ": " + text); }
@@ -446,7 +459,7 @@ session_info bmp_session::info() const {
   told.up = running_ && !terminated_;
   for (size_t view = 0; view < kViews; ++view)
     if (view_seen_[view]) told.views.emplace_back(kViewNames[view]);
-  told.peers = static_cast<uint32_t>(peers_.size());
+  told.peers = static_cast<uint32_t>(peers_.size() + other_peers_.size());
   told.messages = messages_;
   told.routes_read = routes_read_;
   for (const auto &[kind, count] : malformed_) told.malformed.emplace(kind, count);

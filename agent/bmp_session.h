@@ -2,8 +2,9 @@
 //
 // It keeps the session's peers, each with the RIB source of the one view that is learned, what
 // `show sessions` tells, and the beginning of a message that hasn't arrived whole. Everything is
-// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers, 1,000 faults told and why it
-// ends, and the RIB's own on routes. A session that finds no memory ends.
+// the RIB thread's own. Bounds: one message of 1 MiB, 4,096 peers that can bring the chosen view
+// and as many others, 1,000 faults told and why it ends, and the RIB's own on routes. A session
+// that finds no memory ends.
 #pragma once
 
 #include <array>
@@ -16,6 +17,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "agent/bgp_update.h"
@@ -76,9 +78,9 @@ class bmp_session {
   };
   struct peer {
     add_path_families add_path;
-    bool told_reading = false;
     std::optional<source_id> source;  // opened by the first route
   };
+  using peer_map = std::unordered_map<peer_key, peer, peer_hash>;
   struct peer_header {
     peer_key key;
     uint8_t flags = 0;
@@ -101,6 +103,7 @@ class bmp_session {
   void announce(peer &from, const bgp_reach &reach, std::span<const route_target> targets);
 
   static view_index view_of(const peer_header &header);
+  peer_map &peers_of_type(uint8_t type);
   peer *find_or_add_peer(const peer_key &key);
   void withdraw_all();
   void terminate();
@@ -110,6 +113,9 @@ class bmp_session {
   static void tell_if_memory_serves(Tell tell);
   void report_fault(const peer_header &header, const bgp_fault &fault, const char *message);
   void report(const char *kind, const std::string &text);
+  bool told_enough() const { return reports_ > kMaxReports; }
+  void tell(const std::string &text);
+  void tell_reading(const peer_key &key);
   void count_fault(const char *kind, const std::string &text);
   void say(const std::string &text);
   static std::string name_of(const peer_key &key);
@@ -121,7 +127,8 @@ class bmp_session {
   const diagnostic say_;
 
   const std::shared_ptr<size_t> paths_ = std::make_shared<size_t>(0);  // in the RIB
-  std::unordered_map<peer_key, peer, peer_hash> peers_;
+  peer_map peers_;                // that can bring the chosen view
+  peer_map other_peers_;          // only counted
   std::vector<uint8_t> partial_;  // a message whose rest hasn't come yet
   bgp_update update_;             // scratch, reused from message to message
   uint64_t message_at_ = 0;       // position in the stream of the message being read
@@ -131,6 +138,7 @@ class bmp_session {
   std::array<bool, kViews> view_seen_{};
   bool told_empty_view_ = false;
   bool told_peer_limit_ = false;
+  std::unordered_set<peer_key, peer_hash> told_reading_;
   uint32_t reports_ = 0;
 
   std::string system_name_;

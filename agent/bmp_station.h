@@ -35,7 +35,7 @@ enum class bmp_view { loc_rib, post_policy, pre_policy };
 /// What a session read over on purpose.
 struct skipped_counts {
   uint64_t other_views = 0;   ///< messages of views that weren't chosen
-  uint64_t ipv6_nexthop = 0;  ///< routes without an IPv4 next hop
+  uint64_t ipv6_nexthop = 0;  ///< VPN routes without an IPv4 next hop
   uint64_t vrf_unicast = 0;   ///< IPv4 unicast routes that aren't the global table's
   uint64_t over_limit = 0;    ///< messages of peers over the session's limit
   uint64_t rib_full = 0;      ///< routes that the RIB refused

@@ -3,7 +3,12 @@
 // It is a client of the module under a VRF name that no table can have: its resend brings
 // RESEND_END and nothing else, in queue order. It is registered while anyone watches. The lock
 // covers the counters; it is held while a resend is queued, so that tickets are numbered in queue
-// order (nd mutex, then this lock, then the workQ mutex), and never while waiting.
+// order, and never while waiting.
+//
+// Order of locks, of the agent and the module: nd mutex, this lock (pass() holds it while a burst
+// is queued), the redistribution's, the module's workQ mutex. The RIB thread's lock comes before
+// the redistribution's, and is taken with none of the others held. Clang's analysis cannot follow
+// the order through callbacks.
 //
 // Reports are queued in bursts, and one of the two threads works on the queue at a time: together
 // they would wait for each other's lock and cache lines at each report, which costs twice the CPU

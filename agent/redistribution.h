@@ -3,8 +3,7 @@
 // The worker (with the nd mutex held) switches tables on and off and asks for resets; the RIB
 // thread adopts these requests, dumps tables and reports changes. The lock covers the requests and
 // every hand-over of reports to the module, so that a table switched off is silent once the call
-// has returned. Order: nd mutex, then this lock, then the module's workQ mutex; pacing waits
-// without any lock.
+// has returned. The order of locks stands in fence.h; pacing waits without any lock.
 //
 // Each request gives its table a new generation, and a report carries the generation that it was
 // made under: a hand-over drops the reports of an older one, which a new dump covers or nobody

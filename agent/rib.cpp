@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <array>
+#include <new>
 #include <tuple>
 #include <unordered_map>
 
@@ -12,6 +14,8 @@
 #include "agent/seeded_hash.h"
 
 namespace agent {
+
+static constexpr auto kEveryVrf = [](uint32_t) { return true; };
 
 rib::rib(global_table &global, redistribution &reports)
     : global_(global), reports_(reports), heads_(size_t{1} << kMinBucketBits, kNone) {}
@@ -29,6 +33,7 @@ void rib::release(attr_id attributes) { attrs_.release(attributes); }
 // A new table has nothing to report yet: the module asks for it once it knows the table.
 void rib::add_vrf(const vrf_config &vrf) {
   make_room(vrfs_, slots_);
+  made_.reserve(vrfs_.capacity());
   vrf_config kept = vrf;
   const uint32_t slot = reports_.add_table(vrf.table_id);
   try {
@@ -55,8 +60,8 @@ void rib::remove_vrf(uint32_t table_id) {
 // ---- Sources ----
 
 source_id rib::open_source(account paths) {
+  if (sources_.size() == kMaxSources && free_sources_.empty()) throw std::bad_alloc();
   make_room(sources_, free_sources_);
-  closing_.reserve(sources_.capacity());
   source_id id = source_id(sources_.size());
   if (free_sources_.empty()) {
     sources_.emplace_back();
@@ -69,35 +74,17 @@ source_id rib::open_source(account paths) {
 }
 
 void rib::close_source(source_id id) {
-  if (sources_[id].paths == 0) {
-    sources_[id] = {};
-    free_sources_.push_back(id);
-    return;
+  std::array<nlri, 64> keys;  // so many at a time, as expect() likes it
+  while (sources_[id].newest != kNone) {
+    size_t count = 0;
+    for (path_index i = sources_[id].newest; i != kNone && count < keys.size(); i = at(i).older)
+      keys[count++] = at(i).key();
+    const std::span known(keys.data(), count);
+    expect(known);
+    for (const nlri &key : known) withdraw(id, key);
   }
-  sources_[id].closing = true;
-  closing_.push_back(id);
-}
-
-void rib::settle() {
-  if (closing_.empty()) return;
-  for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
-    prefetch_after(bucket);
-    sweep_bucket(bucket);
-  }
-  for (source_id id : closing_) {
-    sources_[id] = {};
-    free_sources_.push_back(id);
-  }
-  closing_.clear();
-}
-
-void rib::sweep_bucket(size_t bucket) {
-  for (path_index index = heads_[bucket]; index != kNone;) {
-    const path &p = at(index);
-    path_index next = p.next;
-    if (sources_[p.source].closing) remove(locate(p.source, p.key()));
-    index = next;
-  }
+  sources_[id] = {};
+  free_sources_.push_back(id);
 }
 
 // ---- Paths ----
@@ -134,7 +121,6 @@ void rib::expect(std::span<const nlri> keys) const {
 }
 
 bool rib::announce(source_id source, const nlri &key, attr_id attributes) {
-  settle();
   place where = locate(source, key);
   if (where.at != kNone) {
     replace(where, attributes);
@@ -155,7 +141,6 @@ bool rib::has_room(const place &where, source_id source) {
 }
 
 void rib::withdraw(source_id source, const nlri &key) {
-  settle();
   place where = locate(source, key);
   if (where.at != kNone) remove(where);
 }
@@ -165,11 +150,21 @@ void rib::insert(const place &where, source_id source, const nlri &key, attr_id 
   report_change(where, key, attr_store::kNone, attributes);
 
   path_index index = take_path();
-  at(index) = {key.rd,     key.prefix,  heads_[where.bucket], source,
-               attributes, key.path_id, key.length,           key.vpn};
+  path_index &newest = sources_[source].newest;
+  at(index) = {.rd = key.rd,
+               .prefix = key.prefix,
+               .next = heads_[where.bucket],
+               .length = key.length,
+               .vpn = key.vpn,
+               .attributes = attributes,
+               .source = source,
+               .older = newest,
+               .newer = kNone,
+               .path_id = key.path_id};
   heads_[where.bucket] = index;
+  if (newest != kNone) at(newest).newer = index;
+  newest = index;
   attrs_.retain(attributes);
-  ++sources_[source].paths;
   ++*sources_[source].together;
   if (++paths_ > heads_.size()) double_buckets();
 }
@@ -189,12 +184,25 @@ void rib::remove(const place &where) {
   report_change(where, p.key(), p.attributes, attr_store::kNone);
   if (!p.vpn && where.siblings == 0) global_.remove(p.prefix, p.length);
 
-  path_index &link = where.before == kNone ? heads_[where.bucket] : at(where.before).next;
-  link = p.next;
+  unlink(where);
   attrs_.release(p.attributes);
-  --sources_[p.source].paths;
   --*sources_[p.source].together;
   free_path(where.at);
+}
+
+// From its bucket and its source.
+void rib::unlink(const place &where) {
+  const path &p = at(where.at);
+  if (where.before == kNone)
+    heads_[where.bucket] = p.next;
+  else
+    at(where.before).next = p.next;
+
+  if (p.newer == kNone)
+    sources_[p.source].newest = p.older;
+  else
+    at(p.newer).older = p.older;
+  if (p.older != kNone) at(p.older).newer = p.newer;
 }
 
 rib::path_index rib::take_path() {
@@ -255,49 +263,53 @@ void rib::report_change(const place &where, const nlri &key, attr_id before, att
 // Reports the routes that `gained` makes and neither `other` nor another path of the NLRI does.
 void rib::report_gained(const place &where, const nlri &key, attr_id gained, attr_id other,
                         bool add) {
-  uint32_t nexthop = attrs_.nexthop(gained);
-  for (uint32_t slot : attrs_.importers(gained)) {
-    if (!reports_.wants(slot, where.bucket) || attrs_.gives(other, slot, nexthop)) continue;
-    if (where.siblings != 0 && another_gives(where, key, slot, nexthop)) continue;
-    reports_.report(slot, nexthop, add);
-  }
+  const uint32_t nexthop = attrs_.nexthop(gained);
+  slot_span slots = attrs_.importers(gained);
+  take_out(slots, nexthop, other);
+  if (where.siblings != 0)
+    take_out_others(slots, nexthop, key, heads_[where.bucket], kNone, where.at);
+  for (uint32_t slot : slots)
+    if (reports_.wants(slot, where.bucket)) reports_.report(slot, nexthop, add);
 }
 
-bool rib::another_gives(const place &where, const nlri &key, uint32_t slot,
-                        uint32_t nexthop) const {
-  for (path_index index = heads_[where.bucket]; index != kNone; index = at(index).next) {
+// Takes those VRFs out where a path with other attributes makes the route with this next hop.
+void rib::take_out(slot_span &slots, uint32_t nexthop, attr_id other) const {
+  if (attrs_.nexthop(other) != nexthop) return;
+  if (slots.data() != made_.data()) made_.assign(slots.begin(), slots.end());
+  attrs_.take_out(other, made_);
+  slots = made_;
+}
+
+// The same for each path of the NLRI from `first` up to `end`. One walk for all VRFs.
+void rib::take_out_others(slot_span &slots, uint32_t nexthop, const nlri &key, path_index first,
+                          path_index end, path_index itself) const {
+  for (path_index index = first; index != end && !slots.empty(); index = at(index).next) {
     const path &p = at(index);
-    if (index != where.at && p.same_route(key) && attrs_.gives(p.attributes, slot, nexthop))
-      return true;
+    if (index != itself && p.same_route(key)) take_out(slots, nexthop, p.attributes);
   }
-  return false;
 }
 
 // ---- Passes ----
 
-// Several paths may carry a route; the first in the bucket stands for it.
-bool rib::first_to_give(size_t bucket, path_index of, uint32_t slot) const {
-  const path &route = at(of);
-  uint32_t nexthop = attrs_.nexthop(route.attributes);
-  for (path_index index = heads_[bucket]; index != of; index = at(index).next) {
-    const path &p = at(index);
-    if (p.same_route(route.key()) && attrs_.gives(p.attributes, slot, nexthop)) return false;
-  }
-  return true;
+// The VRFs where the path makes a route: of several paths that do, the first in the bucket.
+rib::slot_span rib::routes_of(size_t bucket, path_index index) const {
+  const path &p = at(index);
+  slot_span slots = attrs_.importers(p.attributes);
+  take_out_others(slots, attrs_.nexthop(p.attributes), p.key(), heads_[bucket], index, index);
+  return slots;
 }
 
-template <typename Visit>
-void rib::visit_routes(size_t bucket, Visit visit) const {
+template <typename Asked, typename Visit>
+void rib::visit_routes(size_t bucket, Asked asked, Visit visit) const {
   for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
     const path &p = at(index);
-    if (!p.vpn) continue;
-    for (uint32_t slot : attrs_.importers(p.attributes))
-      visit(index, slot, attrs_.nexthop(p.attributes));
+    if (!p.vpn || std::ranges::none_of(attrs_.importers(p.attributes), asked)) continue;
+    for (uint32_t slot : routes_of(bucket, index))
+      if (asked(slot)) visit(slot, attrs_.nexthop(p.attributes));
   }
 }
 
 bool rib::work() {
-  settle();
   reports_.adopt();
   if (reports_.dumping()) dump_slice();
   reports_.flush();
@@ -315,18 +327,17 @@ void rib::dump_slice() {
 }
 
 void rib::dump_bucket(size_t bucket) {
-  visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {
-    if (reports_.dumping(slot) && first_to_give(bucket, index, slot))
-      reports_.report_dumped(slot, nexthop);
-  });
+  visit_routes(
+      bucket, [&](uint32_t slot) { return reports_.dumping(slot); },
+      [&](uint32_t slot, uint32_t nexthop) { reports_.report_dumped(slot, nexthop); });
 }
 
 std::vector<route_count> rib::count_routes() const {
   std::unordered_map<uint64_t, uint64_t, seeded_hash> counts;  // by slot and next hop
   for (size_t bucket = 0; bucket < heads_.size(); ++bucket) {
     prefetch_after(bucket);
-    visit_routes(bucket, [&](path_index index, uint32_t slot, uint32_t nexthop) {
-      if (first_to_give(bucket, index, slot)) ++counts[uint64_t{slot} << 32 | nexthop];
+    visit_routes(bucket, kEveryVrf, [&](uint32_t slot, uint32_t nexthop) {
+      ++counts[uint64_t{slot} << 32 | nexthop];
     });
   }
   std::unordered_map<uint32_t, uint32_t> table_ids;
@@ -348,10 +359,11 @@ void rib::visit_nexthop(uint32_t nexthop,
     for (path_index index = heads_[bucket]; index != kNone; index = at(index).next) {
       const path &p = at(index);
       if (!p.vpn || attrs_.nexthop(p.attributes) != nexthop) continue;
-      path_info info{p.key(), p.source, attrs_.targets(p.attributes), {}};
+      path_info info{p.key(), source_id(p.source), attrs_.targets(p.attributes), {}};
+      const slot_span routes = routes_of(bucket, index);
       for (uint32_t slot : attrs_.importers(p.attributes)) {
         const size_t vrf = size_t(std::ranges::find(slots_, slot) - slots_.begin());
-        info.imports.emplace_back(vrf, first_to_give(bucket, index, slot));
+        info.imports.emplace_back(vrf, std::ranges::binary_search(routes, slot));
       }
       visit(info);
     }

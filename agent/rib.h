@@ -7,6 +7,8 @@
 // through however many imported targets, it is there once. A path that a change concerns is
 // compared with its bucket before and after, and the difference is reported, adds first.
 //
+// The paths of a source are also linked, newest first, so that closing it costs what it brought.
+//
 // Everything here is the RIB thread's own; only the redistribution and the global table, which it
 // feeds, are shared. A path takes 32 bytes and its share of the buckets 4 to 8; no allocation is
 // made per route. kMaxPaths bounds the whole, kMaxPathsPerNlri the work that one change costs, and
@@ -47,8 +49,9 @@ struct route_count {
 
 class rib {
  public:
-  static constexpr size_t kMaxPaths = size_t{1} << 24;  ///< half a GiB
+  static constexpr size_t kMaxPaths = (size_t{1} << 24) - 1;  ///< half a GiB
   static constexpr size_t kMaxPathsPerNlri = 1024;
+  static constexpr size_t kMaxSources = size_t{1} << 20;  ///< open_source() throws beyond
 
   rib(global_table &global, redistribution &reports);
   ~rib();
@@ -59,10 +62,8 @@ class rib {
   using account = std::shared_ptr<size_t>;
 
   source_id open_source(account paths = std::make_shared<size_t>(0));
-  /// Withdraws everything that the source brought. Several in a row cost one pass: the work is
-  /// done by the next call of settle(), work(), announce() or withdraw().
+  /// Withdraws everything that the source brought.
   void close_source(source_id source);
-  void settle();
 
   /// Interns a next hop (network byte order) and a set of targets (any order, duplicates allowed).
   /// The caller holds one reference until release(); every path that uses it holds one more.
@@ -85,8 +86,8 @@ class rib {
   void remove_vrf(uint32_t table_id);
   const std::vector<vrf_config> &vrfs() const { return vrfs_; }
 
-  /// One turn of background work: sources closed, requests of the module, a slice of the dumps,
-  /// and the hand-over of reports. Returns whether another is due.
+  /// One turn of background work: requests of the module, a slice of the dumps, and the hand-over
+  /// of reports. Returns whether another is due.
   bool work();
 
   /// Routes by VRF and next hop, in order of table ID and next hop (as a number): one pass.
@@ -111,24 +112,28 @@ class rib {
  private:
   /// An index of a path, or kNone.
   using path_index = uint32_t;
-  static constexpr path_index kNone = ~path_index{0};
+  static constexpr path_index kNone = kMaxPaths;
   static constexpr unsigned kSegmentBits = 16;
   static constexpr size_t kSegmentPaths = size_t{1} << kSegmentBits;
   static constexpr unsigned kMinBucketBits = 10;
   static constexpr size_t kSliceBuckets = 16384;
   static constexpr size_t kPrefetchAhead = 8;
 
+  // The bits are those of kMaxPaths, kMaxAttributes, kMaxSources and 32; what a walk of the bucket
+  // reads comes first, since half of the paths stand in two cache lines.
   struct path {
     uint64_t rd;
     uint32_t prefix;
-    path_index next;
-    source_id source;
-    attr_id attributes;
+    uint32_t next : 24;  // in the bucket, or of the free ones
+    uint32_t length : 6;
+    uint32_t vpn : 1;
+    uint64_t attributes : 20;
+    uint64_t source : 20;
+    uint64_t older : 24;  // of the source
+    uint32_t newer : 24;
     uint32_t path_id;
-    uint8_t length;
-    bool vpn;
 
-    nlri key() const { return {rd, prefix, path_id, length, vpn}; }
+    nlri key() const { return {rd, prefix, path_id, uint8_t(length), vpn != 0}; }
     bool same_route(const nlri &other) const {
       return prefix == other.prefix && rd == other.rd && length == other.length && vpn == other.vpn;
     }
@@ -136,8 +141,7 @@ class rib {
   static_assert(sizeof(path) == 32, "what a route costs");
 
   struct origin {
-    size_t paths = 0;
-    bool closing = false;
+    path_index newest = kNone;
     account together;
   };
 
@@ -163,15 +167,18 @@ class rib {
   void remove(const place &where);
   path_index take_path();
   void free_path(path_index index);
+  void unlink(const place &where);
   void double_buckets();
   void split_bucket(path_index first, size_t bucket);
 
   void report_change(const place &where, const nlri &key, attr_id before, attr_id after);
   void report_gained(const place &where, const nlri &key, attr_id gained, attr_id other, bool add);
-  bool another_gives(const place &where, const nlri &key, uint32_t slot, uint32_t nexthop) const;
-  bool first_to_give(size_t bucket, path_index index, uint32_t slot) const;
+  /// VRFs by slot, ascending: the importing ones, or in made_ what is left of them.
+  using slot_span = std::span<const uint32_t>;
+  void take_out(slot_span &slots, uint32_t nexthop, attr_id other) const;
+  void take_out_others(slot_span &slots, uint32_t nexthop, const nlri &key, path_index first,
+                       path_index end, path_index itself) const;
 
-  void sweep_bucket(size_t bucket);
   void dump_slice();
   void dump_bucket(size_t bucket);
   // Inlined always: to GCC a function that only prefetches has no effect, and it drops the call.
@@ -189,8 +196,9 @@ class rib {
     prefetch_first(bucket + 2 * kPrefetchAhead);
     prefetch_second(bucket + kPrefetchAhead);
   }
-  template <typename Visit>
-  void visit_routes(size_t bucket, Visit visit) const;
+  slot_span routes_of(size_t bucket, path_index index) const;
+  template <typename Asked, typename Visit>
+  void visit_routes(size_t bucket, Asked asked, Visit visit) const;
 
   global_table &global_;
   redistribution &reports_;
@@ -205,10 +213,10 @@ class rib {
 
   std::vector<origin> sources_;
   std::vector<source_id> free_sources_;
-  std::vector<source_id> closing_;
 
   std::vector<vrf_config> vrfs_;
-  std::vector<uint32_t> slots_;  ///< of vrfs_, in the same order
+  std::vector<uint32_t> slots_;         ///< of vrfs_, in the same order
+  mutable std::vector<uint32_t> made_;  ///< scratch of take_out()
 };
 
 }  // namespace agent

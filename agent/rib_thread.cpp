@@ -98,7 +98,8 @@ void rib_thread::loop() {
     {
       scoped_lock held(lock_);
       if (stop_) return;
-      if (!busy && jobs_ == nullptr && idle_waiters_ > 0) {
+      // Idle still: a request may have come after work() looked, and its waiter after it.
+      if (!busy && jobs_ == nullptr && idle_waiters_ > 0 && reports_.idle()) {
         idle_waiters_ = 0;
         ++idles_;
         changed_.notify_all();
@@ -126,8 +127,6 @@ void rib_thread::run_jobs() {
       j->failure = std::current_exception();
     }
   }
-  // A caller that goes on finds the effect of its job, sources closed included.
-  routes_.settle();
   scoped_lock held(lock_);
   for (job *j = jobs; j != nullptr; j = j->next) j->done = true;
   changed_.notify_all();

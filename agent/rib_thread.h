@@ -1,6 +1,7 @@
 // The RIB's thread: one loop over sockets, jobs of other threads, and redistribution.
 //
-// The lock covers the jobs and what other threads wait for; the descriptors are the thread's own.
+// The lock covers the jobs and what other threads wait for (its order stands in fence.h); the
+// descriptors are the thread's own.
 // A job is its caller's, who waits for it, so there are no more jobs than calling threads; the
 // station bounds the descriptors.
 #pragma once

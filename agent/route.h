@@ -12,6 +12,8 @@ struct nlri {
   uint32_t path_id = 0;  ///< RFC 7911; 0 without path identifiers
   uint8_t length = 0;    ///< 0 to 32
   bool vpn = false;      ///< false: IPv4 unicast of the global table, and `rd` is 0
+
+  bool operator==(const nlri &) const = default;
 };
 
 /// A route target: the 8 bytes of its extended community read as one big-endian number.

@@ -4,12 +4,13 @@
 // row of a table: the feed's shape, then microseconds of CPU (all threads) and bytes of memory
 // (grown at the peak, so the queue's backlog is in it), both a route, microseconds a route of a RIB
 // restart until the module has handled every report of it, notifications, and the RIB's own bytes a
-// route.
+// route. Standard error gets a line of it in words, with the time that the restart takes.
 #include <arpa/inet.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -142,7 +143,9 @@ int main(int argc, char **argv) {
   const double feed = cpu_of([&] { error = agent.replay(path); });
   unlink(path.c_str());
   const double grown = memory("VmHWM:") - before;
+  const auto began = std::chrono::steady_clock::now();
   const double restart = cpu_of([&] { agent.restart(); });
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
   if (!error.empty()) return fprintf(stderr, "ingest: %s\n", error.c_str()), 1;
 
   const double routes = shape.routes;
@@ -150,5 +153,7 @@ int main(int argc, char **argv) {
   printf("%u\t%u\t%u\t%u\t%.3f\t%.1f\t%.3f\t%lu\t%.1f\n", shape.routes, shape.vrfs, shape.pes,
          clients, feed / routes * 1e6, grown / routes, restart / routes * 1e6, events.load(),
          double(agent.rib_memory()) / routes);
+  fprintf(stderr, "%.0f routes a CPU second, %.1f bytes a route, rib restart in %.3f s\n",
+          routes / feed, grown / routes, took.count());
   agent.stop(clients);
 }

@@ -40,7 +40,6 @@ struct world {
   }
 
   std::string state() {
-    routes.settle();
     const session_info told = session.info();
     std::string text = said + told.system_name + '|' + told.last_error + '|' +
                        session.stream_error() + (told.up ? "|up" : "|down");

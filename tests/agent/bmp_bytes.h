@@ -91,7 +91,9 @@ inline bytes from(const bytes &peer, int type, const bytes &body) {
 inline const bytes kLoc = peer(3, 0, 0, 0), kLocFiltered = peer(3, 0x80, 0, 0, 0),
                    kVrf = peer(3, 0, 0x0000fde800000064, 0), kPre = peer(0, 0, 0, 0x0a000001),
                    kPost = peer(0, 0x40, 0, 0x0a000001), kOut = peer(0, 0x10, 0, 0x0a000001),
-                   kOther = peer(0, 0, 0, 0x0a000002), kThird = peer(0, 0, 0, 0x0a000003);
+                   kOutPost = peer(0, 0x50, 0, 0x0a000001), kOther = peer(0, 0, 0, 0x0a000002),
+                   kThird = peer(0, 0, 0, 0x0a000003), kOfRd = peer(1, 0, 77, 0x0a000001),
+                   kLocal = peer(2, 0, 0, 0x0a000001);
 
 inline bytes monitor(const bytes &message, const bytes &p = kLoc) { return from(p, 0, message); }
 inline bytes tell(const bytes &routes, const bytes &p = kLoc, uint32_t nexthop = kHop1,
@@ -105,11 +107,13 @@ inline bytes take(const bytes &routes, const bytes &p = kLoc, int safi = 128) {
   return monitor(update(unreach(routes, safi)), p);
 }
 inline bytes down(const bytes &p = kLoc) { return from(p, 2, be(1, 1)); }
-// ADD-PATH of VPNv4 in the OPENs sent and received, in the list's short or extended form.
-inline bytes up(int sent, int received, const bytes &p = kLoc, bool extended = false) {
+// ADD-PATH of VPNv4, or another SAFI, in the OPENs sent and received, in the list's short or
+// extended form.
+inline bytes up(int sent, int received, const bytes &p = kLoc, bool extended = false,
+                int safi = 128) {
   const int size = extended ? 2 : 1;
   const auto open = [&](int direction) {
-    const bytes capability = be(0x4504000180, 5) + be(direction, 1);
+    const bytes capability = be(0x45040001, 4) + be(safi, 1) + be(direction, 1);
     const bytes list = be(2, 1) + be(capability.size(), size) + capability;
     return bgp(1, zeros(9) + (extended ? be(0xffff, 2) : "") + be(list.size(), size) + list);
   };
@@ -134,9 +138,10 @@ inline const bytes kStream =
     monitor(update(kOrigin + be(0x5002001002020000, 8) + be(0xfde80000fdea0101, 8) + be(0xfde9, 4) +
                    reach(hop(kHop3), kTwo) + targets({kTargetC})),
             kOther) +
-    learn(kNextHop, kNine + kNine1, kOther) + learn(reach(be(kHop3, 4), kNine2, 1), "", kOther) +
-    monitor(update("", "", kNine1), kOther) + take(kNine2, kOther, 1) +
-    take(be(8, 4) + vpn(32, 0x0a010201, kLabel8), kPre) + tell(vpn(32, 1), kThird) + down(kThird);
+    learn(kNextHop, kNine, kOther) + learn(kNextHop, kNine1, kOther) +
+    learn(reach(be(kHop3, 4), kNine2, 1), "", kOther) + monitor(update("", "", kNine1), kOther) +
+    take(kNine2, kOther, 1) + take(be(8, 4) + vpn(32, 0x0a010201, kLabel8), kPre) +
+    tell(vpn(32, 1), kThird) + down(kThird);
 // And a route that lacks the path identifier that the OPENs promise.
 inline const bytes kDoubtful = kStream + tell(kPlain, kPre, kHop3, kTargetB);
 const char kStreamState[] = " A1*1 B2*1 C2*1 C3*2 10.9.0.0/16";

@@ -15,6 +15,7 @@ uint32_t tarvo_pe_discovery_resend(uint32_t, const char *) { return 1; }
 namespace agent {
 namespace {
 
+const bytes kId7Nine = be(7, 4) + kNine;
 bytes unicast(const bytes &routes) { return reach(be(kHop1, 4), routes, 1); }
 const bytes kVersion = be(4, 1) + be(6, 4) + be(4, 1), kShort = be(3, 1) + be(5, 4) + be(4, 1),
             kLarge = be(3, 1) + be((1 << 20) + 1, 4) + be(4, 1);
@@ -39,7 +40,11 @@ const struct {
     {"another label", " A1*1", tell(kTwo) + take(vpn(24, 0x0a010100, kLabel8))},
     {"a route in both lists is announced", " A2*1", kGood + learn(kRest + unreach(kPlain))},
     {"another next hop, other targets", " B2*1", kGood + kToB},
-    {"an IPv6 next hop replaces", "", kGood + learn(reach(zeros(24), kPlain) + kA)},
+    {"an IPv6 next hop replaces", "",
+     kGood + tell(vpn(32, 1)) + learn(reach(zeros(24), kPlain) + kA) +
+         learn(reach(zeros(48), vpn(32, 1)) + kA)},
+    {"but not in the global table", " 10.9.1.0/24",
+     learn(reach(zeros(16), kNine, 1)) + learn(reach(zeros(32), kNine1, 1))},
     {"End-of-RIB, in both forms", " A1*1", kGood + monitor(update("")) + take("")},
     {"unicast, in both forms", " 10.9.0.0/16",
      learn(kNextHop, kNine) + learn(unicast(kNine1)) + monitor(update("", "", kNine1))},
@@ -52,12 +57,26 @@ const struct {
     {"extended", " A1*1", up(1, 2, kPre, true) + tell(kId7 + kId8, kPre) + take(kId8, kPre),
      kPreView},
     {"negotiated the other way, not used", " A1*2", up(2, 1, kPre) + tell(kTwo, kPre), kPreView},
+    {"of unicast", " 10.9.0.0/16", up(3, 3, kLoc, false, 1) + learn(kNextHop, kId7Nine)},
+    {"used without, in a pair that reads well with them", " 10.9.1.0/24 said*1",
+     up(3, 3, kLoc, false, 1) + learn(kNextHop, kNine2) +
+         learn(kNextHop, kNine1 + ip(24, 0x0a0a0100))},
     {"negotiated, and not used", " A1*2 said*1", up(3, 3) + kGood + tell(vpn(32, 1))},
     {"not negotiated, and used", " A1*1 said*1", kGood + tell(kId7) + tell(kId8)},
     {"used, and plausible without but for bits beyond the prefix", " 10.9.1.0/24 said*1",
      learn(kNextHop, be(0x100a0904, 4) + kNine1)},
+    {"but for one route twice", " 10.9.1.0/24 said*1", learn(kNextHop, zeros(4) + kNine1)},
+    {"told once a peer", " A1*1 said*1", up(0, 0) + tell(kId7) + down() + up(0, 0) + tell(kId8)},
     {"three views", " A1*1", tell(kPlain, kPre) + tell(kTwo, kPost) + tell(kTwo, kOut) + kGood},
     {"Adj-RIB-Out", " A1*1", tell(kPlain, kPre) + tell(kTwo, kOut), kPreView},
+    {"of it post-policy",
+     " A1*1",
+     tell(kPlain, kPost) + tell(kTwo, kOutPost),
+     {bmp_view::post_policy}},
+    {"peers of a VRF, and local ones", " A1*1 A2*1",
+     tell(kPlain, kOfRd) + tell(vpn(32, 1), kLocal, kHop2) + learn(kNextHop, kNine, kOfRd) +
+         learn(kNextHop, kNine, kLocal),
+     kPreView},
     {"Peer Down with another AS and flag, and routes again; others withdraw nothing", " A1*1",
      up(0, 0, kPre) + tell(kTwo) + down(kLocFiltered) + up(0, 0) + kGood + down(kPre) + down(kPre) +
          down(kVrf) + up(0, 0)},
@@ -146,11 +165,17 @@ TEST(BmpSession, TreatsFaultsAsTheirKindAsks) {
   expect_fault("attribute-length", kNew, {with(0x40, 6, zeros(1)), with(0xc0, 7, zeros(7))});
   expect_fault("attribute-length", kKept,
                {update(kBase + attr(0x80, 14, zeros(4))), update(attr(0x80, 15, zeros(2)))});
-  expect_fault("attribute-repeated", kGone, {update(all + reach(hop(kHop3), kPlain))});
+  expect_fault("attribute-repeated", kGone,
+               {update(all + reach(hop(kHop3), kPlain)),
+                update(kBase + reach(hop(kHop3), vpn(32, 1)) + kRest),
+                update(unreach(vpn(32, 1)) + unreach(kPlain))});
   expect_fault("attribute-repeated", kKept, {update(unreach(vpn(32, 1)) + unreach(vpn(32, 2)))});
-  expect_fault("next-hop-length", kKept,
-               {update(kBase + reach(be(kHop2, 4), kPlain)),
-                update(kBase + attr(0x80, 14, be(0x000180ff, 4) + kPlain))});
+  expect_fault(
+      "next-hop-length", kKept,
+      {update(kBase + reach(be(kHop2, 4), kPlain)), update(kBase + reach(zeros(16), kPlain)),
+       update(kBase + reach(zeros(32), kPlain)), update(kBase + reach(zeros(24), kNine, 1)),
+       update(kBase + reach(zeros(48), kNine, 1)),
+       update(kBase + attr(0x80, 14, be(0x000180ff, 4) + kPlain))});
   expect_fault("next-hop", kGone,
                {update(kBase + reach(be(1, 8) + be(kHop2, 4), kPlain)),
                 announce(kPlain, 0xe0000001), update(all + kNoHost, kNine)});
@@ -181,7 +206,8 @@ TEST(BmpSession, TellsThePlaceOfAFault) {
 
 TEST(BmpSession, SaysOnceThatTheChosenViewIsEmpty) {
   world w(kRecording);
-  w.feed(monitor(update(""), kOut) + tell(kPlain, kPre));
+  // The longest End-of-RIB has an extended length.
+  w.feed(monitor(update(be(0x900f0003000180, 7)), kOut) + tell(kPlain, kPre));
   EXPECT_TRUE(w.session.view_in_doubt());
   w.feed(tell(kPlain, kPost) + kInitiation + tell(kPlain, kPost));
   w.session.finish("");
@@ -190,16 +216,21 @@ TEST(BmpSession, SaysOnceThatTheChosenViewIsEmpty) {
   EXPECT_FALSE(w.session.view_in_doubt());
 
   world fine(kPreView);
-  fine.feed(tell(kPlain, kPre) + tell(kPlain, kPost));
-  EXPECT_FALSE(fine.session.view_in_doubt());
+  fine.feed(learn(reach(zeros(16), "\x40" + zeros(8), 1, 2), "", kPre) + tell(kPlain, kPost));
+  EXPECT_FALSE(fine.session.view_in_doubt()) << "also by routes that aren't learned";
 }
 
 TEST(BmpSession, IsBounded) {
-  world w;
-  for (uint32_t i = 0; i < bmp_session::kMaxPeers + 10; ++i) w.feed(up(0, 0, peer(0, 0, 0, i)));
-  EXPECT_EQ(w.session.info().peers, bmp_session::kMaxPeers);
-  EXPECT_EQ(w.session.info().skipped.over_limit, 10u);
-  EXPECT_EQ(w.said.size(), 1u);
+  // Of peers that bring the chosen view, and of others.
+  for (const auto &[view, said] : {std::pair(bmp_view::pre_policy, 1u), {bmp_view::loc_rib, 0u}}) {
+    world w({view});
+    for (uint32_t i = 0; i < bmp_session::kMaxPeers + 10; ++i) w.feed(up(0, 0, peer(0, 0, 0, i)));
+    w.feed(up(0, 0) + kGood);
+    EXPECT_EQ(w.session.info().peers, bmp_session::kMaxPeers + 1);
+    EXPECT_EQ(w.session.info().skipped.over_limit, 10u);
+    EXPECT_EQ(w.said.size(), said);
+    EXPECT_EQ(w.learned(), said == 0 ? " A1*1" : "");
+  }
 
   world noisy;
   for (uint32_t i = 0; i < bmp_session::kMaxReports + 10; ++i) noisy.feed(monitor(bgp(2, "")));
@@ -254,7 +285,6 @@ TEST(BmpSession, NoCorruptedByteShowsAWrongPe) {
       session.feed(span_of(broken));
       EXPECT_TRUE(shows_only(w.routes.count_routes(), broken)) << w.learned();
       session.finish("");
-      w.routes.settle();
       ASSERT_EQ(w.routes.paths(), 0u) << "byte " << at << " flipped by " << flip;
     }
 }

@@ -56,7 +56,6 @@ struct rib_world {
   }
   /// " A1*2": table A has two routes to 10.255.1.1. Then the global route to 10.9.1.1, if any.
   std::string learned() {
-    routes.settle();
     std::string text;
     for (const route_count &c : routes.count_routes()) {
       const uint32_t address = ntohl(c.nexthop), n = address & 0xff;

@@ -455,7 +455,6 @@ TEST(Faults, OfAllocationsLeaveTheRibWhole) {
     EXPECT_TRUE(again.feed(span_of(stream)));
     EXPECT_EQ(w.learned(), all);
     again.finish("");
-    w.routes.settle();
     return w.routes.memory();
   };
   may_fail = true;

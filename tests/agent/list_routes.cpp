@@ -42,7 +42,6 @@ void list_view(const bytes &stream, bmp_view view, const char *name,
   world w({view, kind::recording});
   w.feed(stream);
   w.session.finish("");
-  w.routes.settle();
   for (const uint32_t nexthop : nexthops)
     w.routes.visit_nexthop(nexthop, [&](const rib::path_info &path) {
       list(name + std::string(" ="), path.key, attributes_of(nexthop, path.targets));

@@ -1,17 +1,23 @@
 // RIB, redistribution, fence and RIB thread against a model of what they keep and report.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <ctime>
+#include <fstream>
 #include <future>
 #include <map>
 #include <random>
 #include <set>
 
 #include "agent/agent_services.h"
+#include "agent/descriptor.h"
 #include "agent/fence.h"
 #include "agent/global_table.h"
+#include "agent/progress.h"
 #include "agent/redistribution.h"
 #include "agent/rib.h"
 #include "agent/rib_thread.h"
@@ -318,8 +324,43 @@ TEST(RibLimits, ASessionHoldsNoMoreThanIsLeftForAll) {
   w.grow_to(3);
   EXPECT_EQ(w.routes.paths(), 3u) << "another session is not concerned";
   w.routes.close_source(t);
-  w.routes.settle();
   EXPECT_EQ(*account, rib::kMaxPaths - 3);
+}
+
+/// CPU time, of this process.
+template <typename Work>
+std::clock_t cost(Work work) {
+  const std::clock_t before = std::clock();
+  work();
+  return std::clock() - before;
+}
+
+// Far from a pass over the table each, or a walk of the bucket for each VRF.
+TEST(RibLimits, WorkIsOfWhatWasBrought) {
+  world w;
+  const auto fill = cost([&] { w.grow_to(100000); });
+  const auto flaps = cost([&] {
+    for (int i = 0; i < 1000; ++i) {
+      const source_id flapping = w.routes.open_source();
+      w.announce(flapping, vpn_route(2, 1), 7, {10});
+      w.routes.close_source(flapping);
+    }
+  });
+  EXPECT_EQ(w.routes.paths(), 100000u);
+  EXPECT_LT(flaps, fill);
+
+  for (uint32_t table = 1; table <= 100; ++table) {
+    w.routes.add_vrf({"vrf", table, {11}});
+    ASSERT_EQ(w.module.ask(table, kOn), 0);
+  }
+  w.quiet();
+  const auto moves = [&](uint32_t apart) {
+    for (uint32_t nexthop : {1000, 3000})
+      for (uint32_t i = 0; i < 1000; ++i)
+        w.announce(w.source, vpn_route(3, i * apart, 1 + i), nexthop + i, {11});
+  };
+  const auto of_many = cost([&] { moves(1); }), of_one = cost([&] { moves(0); });
+  EXPECT_LT(of_one, 3 * of_many);
 }
 
 TEST(AttrStore, LastReleaseFrees) {
@@ -392,6 +433,44 @@ TEST(RibThread, ServesCallsWhileTablesComeAndGo) {
   loop.settle();
   EXPECT_EQ(w.module.counts(), (table_counts{{1, {{1, 49700}}}}));
   EXPECT_EQ(w.module.wrong, 0);
+}
+
+// The thread has found nothing to do and stands at the lock, under which the progress is begun,
+// when a request comes.
+TEST(RibThread, SettlesWhatCameAsItWasAboutToRest) {
+  world w;
+  w.routes.add_vrf({"a", 1, {10}});
+  w.grow_to(50000);
+  rib_thread loop(w.routes, w.reports, w.pace);
+  std::atomic<pid_t> thread = 0;
+  std::atomic<bool> locked = false;
+  const auto thread_waits = [&] {
+    std::string number, name, state;
+    std::ifstream("/proc/self/task/" + std::to_string(thread) + "/stat") >> number >> name >> state;
+    return state == "S";
+  };
+  progress dumps(
+      false,
+      [&] {
+        if (!locked.exchange(true)) {
+          while (!thread_waits()) std::this_thread::yield();
+          EXPECT_EQ(w.module.ask(1, kOn), 0);
+        }
+        return progress::time_point();
+      },
+      [](auto) {});
+  loop.tell_progress_to(dumps);
+  const descriptor event(eventfd(1, EFD_CLOEXEC));
+  loop.call([&] {
+    loop.add_fd(event.number, POLLIN, [&](short) {
+      loop.remove_fd(event.number);
+      thread = gettid();
+      while (!locked) std::this_thread::yield();
+    });
+  });
+  while (thread == 0) std::this_thread::yield();
+  loop.settle();
+  EXPECT_EQ(w.module.counts(), (table_counts{{1, {{1, 50000}}}}));
 }
 
 // Keys that differ where a router can make them differ, in runs and one bit at a time, fill buckets

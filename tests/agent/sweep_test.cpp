@@ -246,7 +246,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(swept{"LocRib", bmp_view::loc_rib, recording(), kRecorded, 535},
                     swept{"PostPolicy", bmp_view::post_policy, recording(), kRecorded, 535},
                     swept{"PrePolicy", bmp_view::pre_policy, recording(), kRecorded, 535},
-                    swept{"OneOfEverything", bmp_view::pre_policy, kStream, kStreamState, 107}),
+                    swept{"OneOfEverything", bmp_view::pre_policy, kStream, kStreamState, 115}),
     [](const auto &row) { return row.param.name; });
 
 }  // namespace
