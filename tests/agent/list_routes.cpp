@@ -73,7 +73,8 @@ int main(int count, char **argv) {
       negotiated = read_opens(message, peer_type == 3, fault);
     }
     if (type != 0) continue;
-    read_update(take_bgp_message(message, kBgpUpdate, fault), negotiated, update);
+    add_path_families expected = negotiated;  // each is read anew: views of a peer differ
+    read_update(take_bgp_message(message, kBgpUpdate, fault), expected, update);
     if (update.other_reading) std::cout << number << " against the OPENs\n";
     for (const nlri &r : update.withdrawn) list(std::to_string(number) + " -", r, "");
     for (const bgp_reach *reach : {&update.classic, &update.multiprotocol})
