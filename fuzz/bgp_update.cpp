@@ -54,6 +54,10 @@ std::vector<uint8_t> spoilt(std::span<const uint8_t> body) {
   return bad;
 }
 
+void read(std::span<const uint8_t> body, add_path_families expected, bgp_update &update) {
+  read_update(byte_cursor(body), expected, update);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -62,8 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const std::span<const uint8_t> body(data + 1, size - 1);
   static bgp_update used;  // as in a session, with what the message before left
   bgp_update fresh;
-  read_update(byte_cursor(body), negotiated, used);
-  read_update(byte_cursor(body), negotiated, fresh);
+  read(body, negotiated, used);
+  read(body, negotiated, fresh);
   check(used);
   const auto named = [](const bgp_update &u) {
     return keys({&u.withdrawn, &u.classic.routes, &u.multiprotocol.routes});
@@ -74,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
   const std::vector<uint8_t> bad = spoilt(body);
   if (bad.empty()) return 0;
-  read_update(byte_cursor(bad), negotiated, used);
+  read(bad, negotiated, used);
   REQUIRE(used.fault.action == fault_action::withdraw);
   check(used);
   REQUIRE(keys({&used.withdrawn}) == named(fresh));
