@@ -106,10 +106,10 @@ TARVO_API int tarvo_nd_enqueue_table_update(const char *vrf_name, uint32_t table
  * The clear phase takes half of an interval of up to 28 s (rounded down) and 29 s of a longer one;
  * the refresh phase takes the rest. The clear phase is what the RIB has to report its routes again:
  * a next hop that it reports later, or that waits in the queue for longer, is told as REMOVE, and
- * then as ADD. An interval of 1 has none,
- * so that every next hop goes and comes once a second: no interval to run with. While discovery is
- * inactive the value is only kept. Of an interval above 2^31 - 1 s the operational data don't tell
- * what is left. Takes the nd mutex: not from a notify callback.
+ * then as ADD. An interval of 1 has none, so that every next hop goes and comes once a second: no
+ * interval to run with. While discovery is inactive the value is only kept. Of an interval above
+ * 2^31 - 1 s the operational data don't tell what is left. Takes the nd mutex: not from a notify
+ * callback.
  */
 TARVO_API void tarvo_nd_set_rib_refresh_interval(uint32_t interval);
 
